@@ -1,0 +1,127 @@
+#include "endpointregistry/Endpoint.h"
+
+#include "endpointregistry/Loggers.h"
+#include "endpointregistry/detail/EndpointImpl.h"
+#include "endpointregistry/detail/EndpointPosixImpl.h"
+
+#include <boost/exception/diagnostic_information.hpp>
+#include <utility>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+using foundation::log::severity;
+
+[[noreturn]] void refuse(const char* logLine, const char* message) {
+    getLogger().log(severity::error, logLine);
+    throw std::invalid_argument(message);
+}
+
+void checkArguments(const Endpoint::DataPair& data, const std::string& groupTag,
+                    const std::string& selectedKey) {
+    if (data.first.empty() && data.second.empty()) {
+        refuse("Endpoint(): Data strings cannot be both empty.",
+               "Endpoint data strings cannot be both empty");
+    }
+    if (groupTag.empty()) {
+        refuse("Endpoint(): Group tag cannot be empty.", "Endpoint group tag cannot be empty");
+    }
+    if (selectedKey.empty()) {
+        refuse("Endpoint(): The selected key cannot be empty.",
+               "Endpoint selected key cannot be  empty");
+    }
+}
+
+void logMove(const std::string& groupTag) {
+    try {
+        getMoveAndDestructionLogger().log(severity::trace, "Endpoint: Moving ", groupTag);
+    } catch (...) {
+        getMoveAndDestructionLogger().log(severity::caught, "Exception caught: ",
+                                          boost::current_exception_diagnostic_information());
+        throw;
+    }
+}
+
+} // namespace
+
+Endpoint::DuplicateEndpointError::DuplicateEndpointError()
+    : std::runtime_error("Endpoint already exists in registry") {
+}
+
+Endpoint::DuplicateEndpointError::DuplicateEndpointError(const std::string& detail)
+    : std::runtime_error("Endpoint already exists in registry: " + detail) {
+}
+
+Endpoint::Endpoint() noexcept = default;
+
+Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
+                   const std::string& selectedKey) {
+    checkArguments(data, groupTag, selectedKey);
+    // No lock is taken over this: of publishers that race, each sees the others' entries in its
+    // second count, and all but the last one alive withdraw.
+    for (;;) {
+        if (Impl::countSynonymEndpoints(data, groupTag, selectedKey) != 0) {
+            throw DuplicateEndpointError("A synonym endpoint has been found during construction");
+        }
+        primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, std::string());
+        if (Impl::countSynonymEndpoints(data, groupTag, selectedKey) == 1) {
+            return;
+        }
+        primary.reset();
+    }
+}
+
+Endpoint::Endpoint(const DataPair& data, const std::string& groupTag)
+    : Endpoint(data, groupTag, data.first + data.second) {
+}
+
+Endpoint Endpoint::publish(const std::string& first, const std::string& second,
+                           const std::string& groupTag) {
+    return Endpoint({first, second}, groupTag, first + second);
+}
+
+Endpoint Endpoint::publish(const std::string& first, const std::string& second,
+                           const std::string& groupTag, const std::string& selectedKey) {
+    return Endpoint({first, second}, groupTag, selectedKey);
+}
+
+Endpoint::Endpoint(Endpoint&& other) noexcept = default;
+
+Endpoint& Endpoint::operator=(Endpoint&& other) {
+    if (this == &other) {
+        return *this;
+    }
+    if (primary) {
+        logMove(other.primary ? other.primary->getGroupTag() : std::string());
+    }
+    primary = std::move(other.primary);
+    withdrawShares();
+    shares = std::exchange(other.shares, {});
+    return *this;
+}
+
+Endpoint::~Endpoint() {
+    if (primary) {
+        getMoveAndDestructionLogger().log(severity::trace, "Endpoint: Destructing ",
+                                          primary->getGroupTag());
+    }
+    withdrawShares();
+}
+
+void Endpoint::reset() noexcept {
+    withdrawShares();
+    primary.reset();
+}
+
+Endpoint::operator bool() const noexcept {
+    return primary != nullptr;
+}
+
+void Endpoint::withdrawShares() noexcept {
+    while (!shares.empty()) {
+        shares.pop_back();
+    }
+}
+
+} // namespace agent::spf::endpointregistry

@@ -1,0 +1,162 @@
+#include "endpointregistry/LockedFile.h"
+
+#include "endpointregistry/EntryName.h"
+#include "endpointregistry/Folders.h"
+#include "endpointregistry/Groups.h"
+#include "endpointregistry/Loggers.h"
+#include "endpointregistry/detail/LockedFileImpl.h"
+#include "endpointregistry/detail/LockingOpen.h"
+#include "fl/i18n/UstringConversion.h"
+#include "foundation/os/DirectoryStream.h"
+#include "foundation/paths/CorvantisPath.h"
+
+#include <cerrno>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+using foundation::log::severity;
+
+std::string getPrivateFolderPath(const std::string& parent, bool create) {
+    // The path service has made the base, or made sure that it can be trusted.
+    const std::string base = fl::i18n::ustring_to_utf8(
+        foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateRegistry));
+    std::string path = base + "/" + parent + "/";
+    if (create) {
+        createFolder(path);
+    }
+    return path;
+}
+
+std::string getTrusteeFolderPath(const std::string& parent, const std::string& trustee,
+                                 bool create) {
+    const std::string shared = getSharedFolderPath();
+    if (::access(shared.c_str(), F_OK) != 0) {
+        getLogger().log(severity::error, "getParentPath(): ", shared, " folder does not exist");
+        throw std::runtime_error("Error: " + shared + " folder does not exist");
+    }
+    const std::string top = shared + "/Corvantis/";
+    const std::string middle = top + parent + "/";
+    std::string path = middle + hashString(trustee) + "/";
+    if (create) {
+        createFolder(top);
+        makePublic(top);
+        createFolder(middle);
+        makePublic(middle);
+        createFolder(path);
+        setTrustee(path, trustee);
+    }
+    return path;
+}
+
+[[noreturn]] void failToReadFolder(int error) {
+    getLogger().log(severity::error,
+                    "LockedFile::filterNames(): Failed to open parent folder. (Error ", error, ")");
+    throw std::runtime_error("System Error: File system inconsistency");
+}
+
+} // namespace
+
+LockedFile LockedFile::createAndTryLock(const std::string& name, const std::string& parent,
+                                        const std::string& trustee) {
+    return {name, parent, trustee, true, false};
+}
+
+LockedFile LockedFile::getLock(const std::string& name, const std::string& parent,
+                               const std::string& trustee) {
+    return {name, parent, trustee, false, true};
+}
+
+LockedFile LockedFile::tryLock(const std::string& name, const std::string& parent,
+                               const std::string& trustee) {
+    return {name, parent, trustee, false, false};
+}
+
+LockedFile::LockedFile(const std::string& name, const std::string& parent,
+                       const std::string& trustee, bool isExclusive, bool waitForLock)
+    : impl(std::make_unique<Impl>(name, parent, trustee, isExclusive, waitForLock)) {
+}
+
+LockedFile::LockedFile(LockedFile&& other) noexcept = default;
+LockedFile& LockedFile::operator=(LockedFile&& other) noexcept = default;
+LockedFile::~LockedFile() = default;
+
+void LockedFile::markForDeletion() {
+    impl->markForDeletion();
+}
+
+void LockedFile::makePersistent() {
+    impl->makePersistent();
+}
+
+bool LockedFile::isLocked() const {
+    return impl->isLocked();
+}
+
+int LockedFile::getLockError() const {
+    return impl->getLockError();
+}
+
+std::string LockedFile::getTrustee() const {
+    return impl->getTrustee();
+}
+
+bool LockedFile::exists(const std::string& name, const std::string& parent,
+                        const std::string& trustee) {
+    return ::access((getParentPath(parent, trustee, false) + name).c_str(), F_OK) == 0;
+}
+
+bool LockedFile::isLocked(const std::string& name, const std::string& parent,
+                          const std::string& trustee) {
+    if (name.empty()) {
+        return false;
+    }
+    const LockingOpen probe = openAndShareLock(getParentPath(parent, trustee, false) + name);
+    return probe.error == EWOULDBLOCK || probe.error == ENOENT;
+}
+
+void LockedFile::destruct(const std::string& name, const std::string& parent,
+                          const std::string& trustee) noexcept {
+    try {
+        const std::string folder = getParentPath(parent, trustee, false);
+        if (!name.empty()) {
+            Impl::removeFile(folder + name);
+        }
+    } catch (...) { // NOLINT(bugprone-empty-catch): the failure is logged where it is thrown
+    }
+}
+
+std::string LockedFile::getParentPath(const std::string& parent, const std::string& trustee,
+                                      bool create) {
+    return trustee.empty() ? getPrivateFolderPath(parent, create)
+                           : getTrusteeFolderPath(parent, trustee, create);
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value is the published signature
+std::vector<std::string> LockedFile::filterNames(std::vector<std::string> nameParts,
+                                                 const std::string& parent,
+                                                 const std::string& trustee) {
+    std::vector<std::string> names;
+    foundation::os::DirectoryStream folder(getParentPath(parent, trustee, false));
+    if (!folder) {
+        if (errno == ENOENT) {
+            return names;
+        }
+        failToReadFolder(errno);
+    }
+    while (const char* entry = folder.next()) {
+        std::string name = entry;
+        if (containsAll(name, nameParts)) {
+            names.push_back(std::move(name));
+        }
+    }
+    if (errno != 0) {
+        failToReadFolder(errno);
+    }
+    return names;
+}
+
+} // namespace agent::spf::endpointregistry

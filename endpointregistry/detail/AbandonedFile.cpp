@@ -1,0 +1,58 @@
+#include "endpointregistry/detail/AbandonedFile.h"
+
+#include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/LockedFileImpl.h"
+#include "endpointregistry/detail/LockingOpen.h"
+#include "foundation/os/FileIdentity.h"
+#include "foundation/os/RetryOnInterrupt.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+namespace os = foundation::os;
+
+LockedDescriptor lockFolder(const std::string& path) {
+    os::FileDescriptor folder(os::retryOnInterrupt(
+        [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!folder || os::retryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX); }) != 0) {
+        return {};
+    }
+    return LockedDescriptor(std::move(folder));
+}
+
+} // namespace
+
+AbandonedFile::AbandonedFile(const std::string& name, const std::string& parent,
+                             const std::string& trustee) {
+    const std::string folder = LockedFile::getParentPath(parent, trustee, false);
+    path = folder + name;
+    for (;;) {
+        LockingOpen opened = openAndShareLock(path);
+        if (opened.error != 0) {
+            found = opened.error == ENOENT ? Finding::nothingToClear : Finding::inUse;
+            return;
+        }
+        folderLock = lockFolder(folder);
+        if (!folderLock) {
+            return;
+        }
+        // Somebody else may have cleared it up before the folder's lock was free.
+        if (os::identityAt(path) == os::identityOf(opened.lock.get())) {
+            fileLock = std::move(opened.lock);
+            found = Finding::abandoned;
+            return;
+        }
+        folderLock.release();
+    }
+}
+
+void AbandonedFile::remove() {
+    LockedFile::Impl::removeFile(path);
+}
+
+} // namespace agent::spf::endpointregistry

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "endpointregistry/Endpoint.h"
+#include "endpointregistry/LockedFile.h"
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace agent::spf::endpointregistry {
+
+/// The record behind one published entry: what identifies it, and the queries about all entries.
+///
+/// It keeps no copy of the data: that is read back from the registry. Its backends publish on
+/// construction and withdraw on destruction.
+class Endpoint::Impl {
+public:
+    /// The registry's sub-folder that holds all entry files.
+    static const std::string LF_PARENT_PATH;
+
+    virtual ~Impl() = default;
+
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    std::string getGroupTag() const { return groupTag; }
+    std::string getSelectedKey() const { return selectedKey; }
+    std::string getTrustee() const { return trustee; }
+    DataPair getDataPair() const { return getDataPair(name, trustee); }
+
+    /// Makes and locks the file that shows that this entry lives.
+    virtual LockedFile createLockedFile() = 0;
+
+    /// The names of all private entries with this group tag and either this selected key or this
+    /// joined data, dead ones included.
+    static std::set<std::string> getAllSynonymNames(const DataPair& data,
+                                                    const std::string& groupTag,
+                                                    const std::string& selectedKey);
+
+    /// How many of them are alive.
+    static unsigned long countSynonymEndpoints(const DataPair& data, const std::string& groupTag,
+                                               const std::string& selectedKey);
+
+    /// The names of a trustee's entries with this group tag; of all, for the empty tag.
+    static std::vector<std::string> filterNames(const std::string& groupTag,
+                                                const std::string& trustee);
+
+    /// The names of a trustee's entries with this group tag and this selected key.
+    static std::vector<std::string> findNames(const std::string& groupTag,
+                                              const std::string& selectedKey,
+                                              const std::string& trustee);
+
+    /// The data of the entry of this name; the pair of two empty strings when it is missing, dead
+    /// or unreadable. What a dead publisher left is removed.
+    static DataPair getDataPair(const std::string& name, const std::string& trustee);
+
+protected:
+    /// Throws std::invalid_argument unless the trustee is one that this user may use.
+    Impl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
+         const std::string& trustee);
+
+    const std::string& entryName() const { return name; }
+    const std::string& trusteeName() const { return trustee; }
+
+private:
+    std::string trustee;
+    std::string groupTag;
+    std::string selectedKey;
+    std::string name;
+};
+
+} // namespace agent::spf::endpointregistry

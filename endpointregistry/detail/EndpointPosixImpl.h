@@ -1,0 +1,41 @@
+#pragma once
+
+#include "endpointregistry/detail/EndpointImpl.h"
+#include "sharedmemory/SharedMemory.h"
+
+#include <string>
+
+namespace agent::spf::endpointregistry {
+
+/// The record of a private entry: a locked file, and a segment of POSIX shared memory of the same
+/// name that holds the data.
+class Endpoint::PosixImpl final : public Endpoint::Impl {
+public:
+    /// Publishes the entry. Throws DuplicateEndpointError when a live process has one of this
+    /// name, std::runtime_error when the system refuses; nothing is left behind then.
+    PosixImpl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
+              const std::string& trustee);
+
+    /// Withdraws it.
+    ~PosixImpl() override;
+
+    LockedFile createLockedFile() override;
+
+    /// Makes the segment and fills it; readers see the data all at once.
+    sharedmemory::SharedMemory createSharedMemory(const DataPair& data) const;
+
+    /// The segment of an entry; not attached when there is none of the size that the name states.
+    static sharedmemory::SharedMemory findSharedMemory(const std::string& name,
+                                                       const std::string& trustee);
+
+    /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
+    static bool staleEndpointFoundAndCleanedUp(const std::string& name, const std::string& trustee);
+
+    static DataPair getDataPair(const std::string& name, const std::string& trustee);
+
+private:
+    LockedFile lockedFile;
+    sharedmemory::SharedMemory sharedMemory;
+};
+
+} // namespace agent::spf::endpointregistry

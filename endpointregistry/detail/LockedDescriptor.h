@@ -1,0 +1,59 @@
+#pragma once
+
+#include "foundation/os/FileDescriptor.h"
+
+#include <sys/file.h>
+#include <sys/types.h>
+#include <unistd.h>
+#include <utility>
+
+namespace agent::spf::endpointregistry {
+
+/// Owner of an open file together with the flock that this process took on it.
+///
+/// The lock belongs to the open file, of which a forked child holds a copy: unlocking there would
+/// free the parent's lock, and only closing here would leave it with the child. So the process
+/// that took the lock unlocks explicitly, and every other one just closes.
+class LockedDescriptor {
+public:
+    LockedDescriptor() noexcept = default;
+    explicit LockedDescriptor(foundation::os::FileDescriptor locked) noexcept
+        : descriptor(std::move(locked))
+        , owner(::getpid()) {}
+
+    LockedDescriptor(LockedDescriptor&& other) noexcept = default;
+    LockedDescriptor& operator=(LockedDescriptor&& other) noexcept {
+        if (this != &other) {
+            release();
+            descriptor = std::move(other.descriptor);
+            owner = other.owner;
+        }
+        return *this;
+    }
+    LockedDescriptor(const LockedDescriptor&) = delete;
+    LockedDescriptor& operator=(const LockedDescriptor&) = delete;
+    ~LockedDescriptor() { release(); }
+
+    int get() const noexcept { return descriptor.get(); }
+    explicit operator bool() const noexcept { return static_cast<bool>(descriptor); }
+
+    /// Whether it is the copy that a fork made of another process's lock.
+    bool isInherited() const noexcept { return descriptor && owner != ::getpid(); }
+
+    /// Unlocks and closes.
+    void release() noexcept {
+        if (descriptor && owner == ::getpid()) {
+            ::flock(descriptor.get(), LOCK_UN);
+        }
+        descriptor.reset();
+    }
+
+    /// Gives the file up, open and locked until the process ends.
+    void abandon() noexcept { descriptor.release(); }
+
+private:
+    foundation::os::FileDescriptor descriptor;
+    pid_t owner = 0;
+};
+
+} // namespace agent::spf::endpointregistry

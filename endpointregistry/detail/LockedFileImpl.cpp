@@ -1,0 +1,129 @@
+#include "endpointregistry/detail/LockedFileImpl.h"
+
+#include "endpointregistry/Folders.h"
+#include "endpointregistry/Loggers.h"
+#include "endpointregistry/detail/LockingOpen.h"
+#include "foundation/os/Accounts.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <utility>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+using foundation::log::severity;
+
+constexpr const char* inconsistency = "System Error: File system inconsistency";
+
+} // namespace
+
+LockedFile::Impl::Impl(const std::string& name, const std::string& parent,
+                       const std::string& trustee, bool isExclusive, bool waitForLock)
+    : isExclusive(isExclusive)
+    , deleteOnDestruction(isExclusive)
+    , waitForLock(waitForLock)
+    , name(name)
+    , trustee(trustee)
+    , parentPath(createParentFolder(parent))
+    , lock(lockFile()) {
+}
+
+LockedFile::Impl::~Impl() {
+    // The file of a forked child's copy is its parent's to remove.
+    if (deleteOnDestruction && !lock.isInherited()) {
+        try {
+            // While the lock is held, so that nobody takes the file for an abandoned one.
+            removeFile(parentPath + name);
+        } catch (...) { // NOLINT(bugprone-empty-catch): only a log sink of the application throws
+        }
+    }
+    unlockAndCloseFile();
+}
+
+std::string LockedFile::Impl::createParentFolder(const std::string& parent) const {
+    if (parent.empty()) {
+        getLogger().log(severity::error,
+                        "LockedFile::createParentFolder(): Parent name cannot be empty.");
+        throw std::invalid_argument("LockedFile parent name cannot be empty");
+    }
+    return getParentPath(parent, trustee, true);
+}
+
+LockedDescriptor LockedFile::Impl::lockFile() {
+    if (name.empty()) {
+        getLogger().log(severity::error, "LockedFile::lockFile(): Name cannot be empty.");
+        throw std::invalid_argument("LockedFile name cannot be empty");
+    }
+    const std::string path = parentPath + name;
+    LockingOpen opened = openAndLock(path, isExclusive ? Existing::refused : Existing::accepted,
+                                     waitForLock ? Waiting::forLock : Waiting::never);
+    if (opened.error != 0) {
+        if (waitForLock && opened.error != EWOULDBLOCK && opened.error != EEXIST) {
+            getLogger().log(severity::error, "LockedFile::lockFile(): Failed to create file: <",
+                            path, ">. (Error ", opened.error, ")");
+            throw std::runtime_error(inconsistency);
+        }
+        // The file, if there is one, is another holder's: it must survive this object.
+        isExclusive = false;
+        deleteOnDestruction = false;
+        lockError = opened.error;
+        return {};
+    }
+    if (!trustee.empty()) {
+        try {
+            setTrustee(path, trustee);
+        } catch (...) {
+            if (opened.isNew) {
+                removeFile(path);
+            }
+            throw;
+        }
+    }
+    return std::move(opened.lock);
+}
+
+void LockedFile::Impl::unlockAndCloseFile() noexcept {
+    // Descriptor 0 is a process's standard input to all code around; where a lock landed on it,
+    // it is left alone.
+    if (lock.get() == 0) {
+        lock.abandon();
+    } else {
+        lock.release();
+    }
+}
+
+std::string LockedFile::Impl::getTrustee() const {
+    struct stat status {};
+    if (::stat(parentPath.c_str(), &status) != 0) {
+        const int error = errno;
+        getLogger().log(severity::error, "getTrustee(): Failed to stat the path: <", parentPath,
+                        ">. (Error ", error, ")");
+        throw std::runtime_error(inconsistency);
+    }
+    if ((status.st_mode & S_IRWXG) == 0) {
+        return {};
+    }
+    auto group = foundation::os::findGroupName(status.st_gid);
+    if (!group) {
+        const int error = errno;
+        getLogger().log(severity::error, "getTrustee(): Failed to get the group struct for: <",
+                        parentPath, ">. (Error ", error, ")");
+        throw std::runtime_error(inconsistency);
+    }
+    return std::move(*group);
+}
+
+void LockedFile::Impl::removeFile(const std::string& path) {
+    if (std::remove(path.c_str()) == 0 || errno == ENOENT || errno == ESTALE) {
+        return;
+    }
+    const int error = errno;
+    getLogger().log(severity::error, "LockedFile::destruct(): Failed to delete file: <", path,
+                    ">. (Error ", error, ")");
+}
+
+} // namespace agent::spf::endpointregistry

@@ -1,0 +1,120 @@
+#include "endpointregistry/detail/LockingOpen.h"
+
+#include "foundation/os/AppearingFile.h"
+#include "foundation/os/FileIdentity.h"
+#include "foundation/os/RetryOnInterrupt.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <utility>
+
+// Linux has no flag that locks a file as it is opened. A new file is therefore made without a
+// name, locked, and named; an existing one is opened, locked, and compared with its name.
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+namespace os = foundation::os;
+
+/// Applies flock; returns 0 or the errno value.
+int applyLock(int descriptor, int operation) {
+    return os::retryOnInterrupt([&] { return ::flock(descriptor, operation); }) == 0 ? 0 : errno;
+}
+
+/// Takes the exclusive lock unless somebody else has it exclusively. Those that share it only ask
+/// whether anybody holds it and are gone in a moment, so they are waited for. The bound is for one
+/// that was stopped in that moment.
+int lockUnlessHeld(int descriptor) {
+    constexpr int attempts = 100000;
+    for (int i = 0; i < attempts; ++i) {
+        const int error = applyLock(descriptor, LOCK_EX | LOCK_NB);
+        if (error != EWOULDBLOCK) {
+            return error;
+        }
+        if (applyLock(descriptor, LOCK_SH | LOCK_NB) != 0) {
+            return EWOULDBLOCK;
+        }
+        applyLock(descriptor, LOCK_UN);
+        ::sched_yield();
+    }
+    return EWOULDBLOCK;
+}
+
+/// The errno value for an open file that is no regular file; 0 for one that is.
+int checkKind(const struct stat& status) {
+    if (S_ISREG(status.st_mode)) {
+        return 0;
+    }
+    return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+}
+
+/// Opens what stands under `path` and locks it with `takeLock`, until both are the same file.
+template<typename TakeLock>
+LockingOpen lockExisting(const std::string& path, TakeLock takeLock) {
+    for (;;) {
+        // Not blocking, not followed: in a shared folder the name may have been given to a pipe
+        // or a link on purpose.
+        os::FileDescriptor file(os::retryOnInterrupt(
+            [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+        if (!file) {
+            return {{}, errno};
+        }
+        if (const int error = takeLock(file.get()); error != 0) {
+            return {{}, error};
+        }
+        LockedDescriptor lock(std::move(file));
+
+        struct stat status {};
+        if (::fstat(lock.get(), &status) != 0) {
+            return {{}, errno};
+        }
+        if (const int error = checkKind(status); error != 0) {
+            return {{}, error};
+        }
+        if (os::identityAt(path) == os::FileIdentity(status)) {
+            return {std::move(lock)};
+        }
+    }
+}
+
+LockingOpen makeLocked(const std::string& path) {
+    os::AppearingFile file = os::createAppearing(
+        path, S_IRUSR, [](int descriptor) { return applyLock(descriptor, LOCK_EX | LOCK_NB); });
+    if (file.error != 0) {
+        return {{}, file.error};
+    }
+    return {LockedDescriptor(std::move(file.descriptor)), 0, true};
+}
+
+} // namespace
+
+LockingOpen openAndLock(const std::string& path, Existing existing, Waiting waiting) {
+    for (;;) {
+        // What exists is opened without O_CREAT: with fs.protected_regular set, that flag makes
+        // opening another user's file in a sticky folder fail, even for root.
+        if (existing == Existing::accepted) {
+            LockingOpen found = lockExisting(path, [waiting](int descriptor) {
+                return waiting == Waiting::forLock ? applyLock(descriptor, LOCK_EX)
+                                                   : lockUnlessHeld(descriptor);
+            });
+            if (found.error != ENOENT) {
+                return found;
+            }
+        }
+        LockingOpen made = makeLocked(path);
+        if (made.error != EEXIST || existing == Existing::refused) {
+            return made;
+        }
+    }
+}
+
+LockingOpen openAndShareLock(const std::string& path) {
+    return lockExisting(path,
+                        [](int descriptor) { return applyLock(descriptor, LOCK_SH | LOCK_NB); });
+}
+
+} // namespace agent::spf::endpointregistry

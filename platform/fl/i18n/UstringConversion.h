@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#pragma GCC visibility push(default)
+
+namespace fl::i18n {
+
+/// Converts UTF-16 to UTF-8; what is not valid UTF-16 is left out. May be called from any thread.
+std::string ustring_to_utf8(const std::u16string& text);
+
+} // namespace fl::i18n
+
+#pragma GCC visibility pop

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "foundation/os/FileDescriptor.h"
+
+#include <functional>
+#include <string>
+#include <sys/types.h>
+
+namespace foundation::os {
+
+/// A new file, or why there is none.
+struct AppearingFile {
+    FileDescriptor descriptor;
+    /// 0, or the errno value: EEXIST when the name is taken.
+    int error = 0;
+};
+
+/// Makes a file that appears under `path` in one step, as `prepare` left it.
+///
+/// `prepare` gets the descriptor (readable and writable) of an empty file that has no name yet, or
+/// one that nobody looks for, and returns 0 or an errno value, which ends the attempt. It may be
+/// called twice, each time with a new file. Whoever opens `path` sees a finished file; what stands
+/// there already is never touched. A crash at any moment leaves `path` either finished or absent.
+///
+/// Where neither the kernel nor /proc lets an unnamed file be named, the file is made under a
+/// hidden name (".nascent-" and random digits) in the same folder first. Those that a crash left
+/// there are removed by the next call that needs the detour.
+AppearingFile createAppearing(const std::string& path, mode_t mode,
+                              const std::function<int(int descriptor)>& prepare);
+
+} // namespace foundation::os

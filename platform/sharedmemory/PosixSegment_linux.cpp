@@ -1,0 +1,227 @@
+#include "sharedmemory/PosixSegment.h"
+
+#include "foundation/os/Accounts.h"
+#include "foundation/os/AppearingFile.h"
+#include "foundation/os/FileDescriptor.h"
+#include "foundation/os/FileIdentity.h"
+#include "foundation/os/Mapping.h"
+#include "foundation/os/RetryOnInterrupt.h"
+#include "sharedmemory/Logger.h"
+#include "sharedmemory/SegmentName.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The segments are the files of /dev/shm, as those of shm_open are on Linux. They are opened as
+// files because shm_open cannot make one that has no name until it is complete.
+
+namespace agent::spf::sharedmemory {
+
+namespace {
+
+namespace os = foundation::os;
+using foundation::log::severity;
+
+[[noreturn]] void fail(const std::string& what, const std::string& path, int error) {
+    getLogger().log(severity::error, "SharedMemory: ", what, ": <", path, ">. (Error ", error, ")");
+    throw std::runtime_error("Shared memory error: " + what);
+}
+
+/// One identity: where its segment is, and who may have made it.
+struct Place {
+    Place(const std::string& name, const std::string& trustee)
+        : user(::geteuid())
+        , segmentName(segmentNameOf(name, trustee, user))
+        , path("/dev/shm/" + segmentName.platformName) {
+        if (trustee.empty()) {
+            return;
+        }
+        group = os::findGroupId(trustee);
+        if (!group) {
+            throw std::invalid_argument("Shared memory trustee is not a group: " + trustee);
+        }
+    }
+
+    /// /dev/shm is open to all, so a file of this name may be anybody's. Owner and group cannot be
+    /// forged: a file is given only to a group that its owner is a member of.
+    bool trusts(const struct stat& status) const {
+        if (!S_ISREG(status.st_mode)) {
+            return false;
+        }
+        if (group) {
+            constexpr mode_t groupAccess = S_IRGRP | S_IWGRP;
+            return status.st_gid == *group && (status.st_mode & groupAccess) == groupAccess &&
+                   (status.st_mode & S_IRWXO) == 0;
+        }
+        return status.st_uid == user && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+    }
+
+    uid_t user;
+    SegmentName segmentName;
+    std::string path;
+    std::optional<gid_t> group;
+};
+
+class PosixSegment : public SharedMemory::Segment {
+public:
+    PosixSegment(std::string trustee, std::string path, os::FileIdentity identity,
+                 os::Mapping mapping)
+        : Segment(std::move(trustee))
+        , path(std::move(path))
+        , identity(identity)
+        , mapping(std::move(mapping)) {}
+
+    void* address() const noexcept override { return mapping.get(); }
+
+    void remove() noexcept override {
+        if (os::identityAt(path) == identity) {
+            ::unlink(path.c_str());
+        }
+    }
+
+private:
+    std::string path;
+    os::FileIdentity identity;
+    os::Mapping mapping;
+};
+
+/// An existing file under a segment's name.
+struct ExistingFile {
+    os::FileDescriptor descriptor;
+    struct stat status {};
+    bool isTaken = false;
+
+    bool isTrusted() const { return static_cast<bool>(descriptor); }
+};
+
+bool carriesProof(const ExistingFile& file, const std::string& proof) {
+    const auto proofSize = static_cast<off_t>(proof.size());
+    if (proof.empty() || file.status.st_size < proofSize) {
+        return proof.empty();
+    }
+    std::string there(proof.size(), '\0');
+    const ssize_t count = os::retryOnInterrupt([&] {
+        return ::pread(file.descriptor.get(), there.data(), there.size(),
+                       file.status.st_size - proofSize);
+    });
+    return count == static_cast<ssize_t>(proof.size()) && there == proof;
+}
+
+ExistingFile openExisting(const Place& place) {
+    ExistingFile file;
+    // Not blocking, not followed: the name may have been given to a pipe or a link on purpose.
+    file.descriptor = os::FileDescriptor(os::retryOnInterrupt(
+        [&] { return ::open(place.path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+    if (!file.descriptor) {
+        switch (errno) {
+        case ENOENT:
+            return file;
+        case EACCES:
+        case EISDIR:
+        case ELOOP:
+        case ENXIO:
+        case EPERM:
+            file.isTaken = true;
+            return file;
+        default:
+            fail("cannot open the segment", place.path, errno);
+        }
+    }
+    file.isTaken = true;
+    if (::fstat(file.descriptor.get(), &file.status) != 0) {
+        fail("cannot examine the segment", place.path, errno);
+    }
+    if (!place.trusts(file.status) || !carriesProof(file, place.segmentName.proof)) {
+        file.descriptor.reset();
+    }
+    return file;
+}
+
+/// Gives a new file its size, its memory, its bytes and its group; returns 0 or the errno value.
+int furnish(int descriptor, std::size_t size, const Place& place) {
+    const std::string& proof = place.segmentName.proof;
+    constexpr auto largest = static_cast<std::size_t>(std::numeric_limits<off_t>::max());
+    if (size > largest - proof.size()) {
+        return EFBIG;
+    }
+    // Reserved and not only promised: ftruncate succeeds on a full file system, and the first
+    // write to the mapping then kills the process.
+    const int error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(size + proof.size()));
+    if (error != 0) {
+        return error;
+    }
+    if (!proof.empty() &&
+        ::pwrite(descriptor, proof.data(), proof.size(), static_cast<off_t>(size)) !=
+            static_cast<ssize_t>(proof.size())) {
+        return errno;
+    }
+    if (place.group && (::fchown(descriptor, static_cast<uid_t>(-1), *place.group) != 0 ||
+                        // The mode at creation went through the umask.
+                        ::fchmod(descriptor, S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP) != 0)) {
+        return errno;
+    }
+    return 0;
+}
+
+} // namespace
+
+std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
+                                                          const std::string& trustee) {
+    const Place place(name, trustee);
+    std::unique_ptr<PosixSegment> segment;
+    const os::AppearingFile file =
+        os::createAppearing(place.path, S_IRUSR | S_IWUSR, [&](int descriptor) {
+            if (const int error = furnish(descriptor, size, place); error != 0) {
+                return error;
+            }
+            // All of it before the segment can be found, so that nothing can fail afterwards.
+            const auto identity = os::identityOf(descriptor);
+            os::Mapping mapping(descriptor, size);
+            if (!identity || !mapping) {
+                return errno;
+            }
+            segment =
+                std::make_unique<PosixSegment>(trustee, place.path, *identity, std::move(mapping));
+            return 0;
+        });
+    if (file.error == EEXIST) {
+        const ExistingFile existing = openExisting(place);
+        if (existing.isTaken && !existing.isTrusted()) {
+            fail("the segment's name is taken by something else", place.path, EEXIST);
+        }
+        return nullptr;
+    }
+    if (file.error != 0) {
+        fail("cannot make the segment", place.path, file.error);
+    }
+    segment->becomeCreator();
+    return segment;
+}
+
+PosixLookup findPosixSegment(const std::string& name, std::size_t size,
+                             const std::string& trustee) {
+    const Place place(name, trustee);
+    const ExistingFile file = openExisting(place);
+    if (!file.isTrusted()) {
+        return {nullptr, file.isTaken};
+    }
+    const std::size_t available =
+        static_cast<std::size_t>(file.status.st_size) - place.segmentName.proof.size();
+    if (available < size) {
+        return {nullptr, true};
+    }
+    os::Mapping mapping(file.descriptor.get(), size);
+    if (!mapping) {
+        fail("cannot map the segment", place.path, errno);
+    }
+    return {std::make_unique<PosixSegment>(trustee, place.path, os::FileIdentity(file.status),
+                                           std::move(mapping)),
+            true};
+}
+
+} // namespace agent::spf::sharedmemory

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "sharedmemory/SharedMemory.h"
+
+#include <memory>
+#include <string>
+#include <sys/types.h>
+#include <unistd.h>
+#include <utility>
+
+namespace agent::spf::sharedmemory {
+
+/// What a handle holds of the segment it is attached to. Each implementation derives its own.
+class SharedMemory::Segment {
+public:
+    explicit Segment(std::string trustee)
+        : trustee(std::move(trustee)) {}
+    virtual ~Segment() = default;
+
+    Segment(const Segment&) = delete;
+    Segment& operator=(const Segment&) = delete;
+
+    virtual void* address() const noexcept = 0;
+
+    /// Removes the segment's name, unless it stands for another segment by now.
+    virtual void remove() noexcept = 0;
+
+    const std::string& trusteeName() const noexcept { return trustee; }
+
+    // Bound to the process, since a forked child holds copies of its parent's handles.
+    void becomeCreator() noexcept { creator = remover = ::getpid(); }
+    bool isCreator() const noexcept { return creator != nobody && creator == ::getpid(); }
+    void removeAtEnd() noexcept { remover = ::getpid(); }
+    void keepAtEnd() noexcept { remover = nobody; }
+    bool isRemovedAtEnd() const noexcept { return remover != nobody && remover == ::getpid(); }
+
+private:
+    static constexpr pid_t nobody = 0;
+
+    std::string trustee;
+    pid_t creator = nobody;
+    pid_t remover = nobody;
+};
+
+} // namespace agent::spf::sharedmemory

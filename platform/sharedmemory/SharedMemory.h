@@ -1,0 +1,104 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#pragma GCC visibility push(default)
+
+namespace agent::spf::sharedmemory {
+
+/// Handle on one named segment of shared memory.
+///
+/// A segment is known by its name, any bytes of any length, together with the trustee it was made
+/// for: the name of the operating-system group whose members may attach to it, or empty for the
+/// calling user alone, in which case the user belongs to its identity. Two users' private segments
+/// of one name never meet.
+///
+/// Nobody ever sees a segment half made: it can be found only at its full size, all bytes zero,
+/// with its final owner and mode, its memory reserved. What is found is checked before it is used:
+/// its kind, its owner or group, its mode and its size.
+///
+/// A handle may be moved and not copied; one thread at a time uses it, while the bytes behind it
+/// belong to all processes attached. A child made by fork() inherits handles that stay attached
+/// but are no creator's and remove nothing.
+class SharedMemory {
+public:
+    enum class ImplementationSpecifications : std::uint32_t {
+        /// Segments of POSIX shared memory.
+        Posix = 0,
+        /// Segments of System V shared memory; not available yet.
+        SysV = 1,
+    };
+
+    // The openers. `size` is in bytes and at least 1. All throw std::invalid_argument when the
+    // size is 0, the trustee is no group or the implementation is not available, and
+    // std::runtime_error when the system refuses: too few descriptors, no memory left, no
+    // permission, or something that is no segment of this identity in its place.
+
+    /// Makes a new segment of exactly this size. Not attached when there is one already. It goes
+    /// with the handle unless made persistent.
+    static SharedMemory create(const std::string& name, std::size_t size,
+                               const std::string& trustee,
+                               ImplementationSpecifications implementation);
+
+    /// Attaches to the first `size` bytes of a segment. Not attached when there is none, or when
+    /// the one there is smaller or is not to be trusted.
+    static SharedMemory find(const std::string& name, std::size_t size, const std::string& trustee,
+                             ImplementationSpecifications implementation);
+
+    /// Attaches to the segment, making it when it is missing: always attached. Throws
+    /// std::runtime_error also when the one there cannot be attached to.
+    static SharedMemory createOrFind(const std::string& name, std::size_t size,
+                                     const std::string& trustee,
+                                     ImplementationSpecifications implementation);
+
+    /// A moved-from handle is not attached.
+    SharedMemory(SharedMemory&& other) noexcept;
+
+    /// Takes over the other's segment and lets its own go as the destructor does.
+    SharedMemory& operator=(SharedMemory&& other) noexcept;
+
+    SharedMemory(const SharedMemory&) = delete;
+    SharedMemory& operator=(const SharedMemory&) = delete;
+
+    /// Detaches. Removes the segment's name if the handle made the segment and not made it
+    /// persistent, or was marked for deletion; processes attached to it keep their bytes. A
+    /// segment of that name that somebody made since is left alone.
+    ~SharedMemory();
+
+    bool isAttached() const noexcept;
+
+    /// Whether this handle, in this process, made the segment.
+    bool isCreator() const noexcept;
+
+    /// The segment's first byte, readable and writable, aligned to a page; null when not attached.
+    /// Valid for as long as the handle is attached.
+    void* getPointer() const noexcept;
+
+    /// The trustee that the segment was made for; empty for a private one, or when not attached.
+    std::string getTrustee() const;
+
+    /// Lets the segment outlive this handle and its process.
+    void makePersistent();
+
+    /// Has the segment removed with this handle, also when it did not make it.
+    void markForDeletion();
+
+    // Private to the library.
+    class __attribute__((visibility("hidden"))) Segment;
+
+private:
+    explicit SharedMemory(std::unique_ptr<Segment> segment) noexcept;
+
+    std::unique_ptr<Segment> segment;
+};
+
+/// The login name of the calling (effective) user, from the user database; the decimal user id
+/// where that has no entry. May be called from any thread.
+std::string getCurrentUserName();
+
+} // namespace agent::spf::sharedmemory
+
+#pragma GCC visibility pop
