@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs a build, moves the installed tree, and builds and runs a consumer against it, through
+# the CMake package and through pkg-config.
+#
+#     InstalledPackageTest.sh BUILD-FOLDER CXX
+set -euo pipefail
+build=$1
+compiler=$2
+here=$(cd "$(dirname "$0")" && pwd)
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build" --prefix "$work/installed"
+mv "$work/installed" "$work/moved"
+
+cmake -S "$here/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/moved" \
+    -DCMAKE_CXX_COMPILER="$compiler"
+cmake --build "$work/consumer"
+"$work/consumer/consumer17"
+"$work/consumer/consumer20"
+
+PKG_CONFIG_PATH=$(dirname "$(find "$work/moved" -name '*.pc')")
+export PKG_CONFIG_PATH
+read -ra flags <<<"$(pkg-config --cflags --libs qvagentspfendpointregistry)"
+"$compiler" -std=c++17 "$here/consumer/main.cpp" -o "$work/by-pkg-config" "${flags[@]}"
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir qvagentspfendpointregistry) "$work/by-pkg-config"
+
+for library in qvagentspfendpointregistry qvagentspfsharedmemory qvfoundation; do
+    file=$(find "$work/moved" -name "lib$library.so")
+    readelf -d "$file" | grep -q "SONAME.*lib$library.so.0\]"
+done
+echo "The installed package works where it was moved to."
