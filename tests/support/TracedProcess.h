@@ -1,0 +1,32 @@
+#pragma once
+
+#include <functional>
+#include <sys/types.h>
+
+namespace tests {
+
+/// A child that is stopped at every step into or out of a system call, so that a test can kill it
+/// between any two of them.
+class TracedProcess {
+public:
+    /// Forks a child that will run `body` and then end.
+    explicit TracedProcess(const std::function<void()>& body);
+
+    /// Kills the child wherever it is, and reaps it.
+    ~TracedProcess();
+
+    TracedProcess(const TracedProcess&) = delete;
+    TracedProcess& operator=(const TracedProcess&) = delete;
+
+    /// Lets the child run up to its `count`-th step from here. False when it ended before; it must
+    /// have ended well, or std::runtime_error is thrown.
+    bool run(int count);
+
+private:
+    bool runToNextStep();
+
+    pid_t child;
+    bool isReaped = false;
+};
+
+} // namespace tests
