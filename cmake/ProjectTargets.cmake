@@ -44,8 +44,6 @@ function(add_project_library name)
         foreach(dependency ${arg_PRIVATE_LINK})
             target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:${dependency}>)
         endforeach()
-    endforeach()
-    foreach(target ${name} ${name}_internals)
         target_include_directories(${target} PUBLIC
             "$<BUILD_INTERFACE:${project_include_roots}>"
             $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)

@@ -33,13 +33,15 @@ void checkArguments(const Endpoint::DataPair& data, const std::string& groupTag,
     }
 }
 
-void logMove(const std::string& groupTag) {
+void logCurrentException() {
+    auto& logger = getMoveAndDestructionLogger();
+    if (!logger.isEnabled(severity::caught)) {
+        return;
+    }
     try {
-        getMoveAndDestructionLogger().log(severity::trace, "Endpoint: Moving ", groupTag);
-    } catch (...) {
-        getMoveAndDestructionLogger().log(severity::caught, "Exception caught: ",
-                                          boost::current_exception_diagnostic_information());
-        throw;
+        logger.log(severity::caught,
+                   "Exception caught: ", boost::current_exception_diagnostic_information());
+    } catch (...) { // NOLINT(bugprone-empty-catch): the first exception is the one to report
     }
 }
 
@@ -60,12 +62,17 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
     checkArguments(data, groupTag, selectedKey);
     // No lock is taken over this: of publishers that race, each sees the others' entries in its
     // second count, and all but the last one alive withdraw.
+    const auto countSynonyms = [&] {
+        return Impl::countSynonymEndpoints(data, groupTag, selectedKey);
+    };
     for (;;) {
-        if (Impl::countSynonymEndpoints(data, groupTag, selectedKey) != 0) {
+        // A dead entry that a reader clears away between the listing and the probe counts as alive.
+        // It is not listed again, so a second look tells it from one that lives.
+        if (countSynonyms() != 0 && countSynonyms() != 0) {
             throw DuplicateEndpointError("A synonym endpoint has been found during construction");
         }
         primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, std::string());
-        if (Impl::countSynonymEndpoints(data, groupTag, selectedKey) == 1) {
+        if (countSynonyms() == 1) {
             return;
         }
         primary.reset();
@@ -78,22 +85,33 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag)
 
 Endpoint Endpoint::publish(const std::string& first, const std::string& second,
                            const std::string& groupTag) {
-    return Endpoint({first, second}, groupTag, first + second);
+    return {{first, second}, groupTag, first + second};
 }
 
 Endpoint Endpoint::publish(const std::string& first, const std::string& second,
                            const std::string& groupTag, const std::string& selectedKey) {
-    return Endpoint({first, second}, groupTag, selectedKey);
+    return {{first, second}, groupTag, selectedKey};
 }
 
 Endpoint::Endpoint(Endpoint&& other) noexcept = default;
 
+// An application's log sink may throw through it.
+// NOLINTNEXTLINE(performance-noexcept-move-constructor)
 Endpoint& Endpoint::operator=(Endpoint&& other) {
     if (this == &other) {
         return *this;
     }
     if (primary) {
-        logMove(other.primary ? other.primary->getGroupTag() : std::string());
+        try {
+            auto& logger = getMoveAndDestructionLogger();
+            if (logger.isEnabled(severity::trace)) {
+                logger.log(severity::trace, "Endpoint: Moving ",
+                           other.primary ? other.primary->getGroupTag() : std::string());
+            }
+        } catch (...) {
+            logCurrentException();
+            throw;
+        }
     }
     primary = std::move(other.primary);
     withdrawShares();
@@ -102,9 +120,9 @@ Endpoint& Endpoint::operator=(Endpoint&& other) {
 }
 
 Endpoint::~Endpoint() {
-    if (primary) {
-        getMoveAndDestructionLogger().log(severity::trace, "Endpoint: Destructing ",
-                                          primary->getGroupTag());
+    auto& logger = getMoveAndDestructionLogger();
+    if (primary && logger.isEnabled(severity::trace)) {
+        logger.log(severity::trace, "Endpoint: Destructing ", primary->getGroupTag());
     }
     withdrawShares();
 }

@@ -67,7 +67,7 @@ public:
     /// Withdraws what this object publishes, then takes over what `other` publishes and leaves it
     /// empty. Throws only what an application's own log sink throws; both objects are unchanged
     /// then. Assigning an object to itself changes nothing.
-    Endpoint& operator=(Endpoint&& other);
+    Endpoint& operator=(Endpoint&& other); // NOLINT(performance-noexcept-move-constructor)
 
     Endpoint(const Endpoint&) = delete;
     Endpoint& operator=(const Endpoint&) = delete;
@@ -82,14 +82,16 @@ public:
     /// Whether the object publishes an entry.
     explicit operator bool() const noexcept;
 
-    // Lookups. They change nothing but what the dead left behind, which they remove. They may be
+    // Lookups. They change nothing but what the dead left behind, which they remove, and make at
+    // most the user's empty base folder. They may be
     // called from any thread. An entry that vanishes while a lookup runs is skipped. A trustee is
     // the name of a group of the operating system, the empty string stands for the caller's own
     // entries; `...FromLocal` searches those alone, `...FromAllTrustees` those and all groups of
     // the calling process.
     //
-    // All throw std::runtime_error when a folder of the registry cannot be read, and
-    // std::out_of_range when a segment's contents contradict its name.
+    // All throw std::runtime_error when a folder of the registry cannot be read or the system has
+    // no descriptor or memory left, and std::out_of_range when a segment's contents contradict its
+    // name.
 
     /// The data of the entry with exactly this group tag and selected key, or nothing when there
     /// is none. Trustees are searched in ascending order, so one's own entry comes first.

@@ -6,7 +6,8 @@
 
 /// The folders of the registry, their owners and permissions.
 ///
-/// Paths are UTF-8. All functions may be called from any thread and hold no state. What fails is
+/// Paths are UTF-8. All functions may be called from any thread and hold no state. A link in the
+/// place of the file or folder is not followed and counts as failure. What fails is
 /// logged with path and errno, then thrown as std::runtime_error unless said otherwise; what an
 /// earlier step did is not undone.
 namespace agent::spf::endpointregistry {

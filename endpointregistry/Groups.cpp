@@ -47,7 +47,7 @@ std::string checkTrustee(const std::string& trustee) {
         return trustee;
     }
     const std::set<std::string> groups = getCurrentUserGroups();
-    if (groups.count(trustee) != 0) {
+    if (groups.contains(trustee)) {
         return trustee;
     }
     std::string list;

@@ -23,7 +23,7 @@ using foundation::log::severity;
 std::string getPrivateFolderPath(const std::string& parent, bool create) {
     // The path service has made the base, or made sure that it can be trusted.
     const std::string base = fl::i18n::ustring_to_utf8(
-        foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateRegistry));
+        foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateBase));
     std::string path = base + "/" + parent + "/";
     if (create) {
         createFolder(path);
@@ -125,7 +125,7 @@ void LockedFile::destruct(const std::string& name, const std::string& parent,
         if (!name.empty()) {
             Impl::removeFile(folder + name);
         }
-    } catch (...) { // NOLINT(bugprone-empty-catch): the failure is logged where it is thrown
+    } catch (...) { // NOLINT(bugprone-empty-catch): a folder that cannot be had has no such file
     }
 }
 

@@ -82,7 +82,8 @@ public:
     std::string getTrustee() const;
 
     // Queries about files that others may own. They throw std::runtime_error when the trustee's
-    // shared folder, or the private one, is not there or not to be trusted, and make nothing.
+    // shared folder, or the private one, is not there or not to be trusted, and make nothing
+    // but the private base folder.
 
     /// Whether there is a file of this name; with an empty name, whether the folder is there.
     static bool exists(const std::string& name, const std::string& parent,

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 
 namespace agent::spf::endpointregistry {
@@ -16,13 +17,19 @@ namespace {
 
 namespace os = foundation::os;
 
+/// Not waiting without end, since a process that was stopped while it cleared up, or any other of
+/// the same user, may hold the lock for long.
 LockedDescriptor lockFolder(const std::string& path) {
+    constexpr int attempts = 10000;
     os::FileDescriptor folder(os::retryOnInterrupt(
         [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-    if (!folder || os::retryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX); }) != 0) {
-        return {};
+    for (int i = 0; folder && i < attempts; ++i) {
+        if (os::retryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) == 0) {
+            return LockedDescriptor(std::move(folder));
+        }
+        ::sched_yield();
     }
-    return LockedDescriptor(std::move(folder));
+    return {};
 }
 
 } // namespace

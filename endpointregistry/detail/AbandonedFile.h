@@ -18,13 +18,14 @@ public:
         /// A publisher holds the file, or it cannot be examined.
         inUse,
         /// No publisher, and nothing to clear up or no means to: the file is gone (none is made in
-        /// order to find that out), or the system refuses the folder's lock.
+        /// order to find that out), or the folder's lock is not to be had; then the next to look
+        /// clears up.
         nothingToClear,
         /// The publisher is dead, and this object holds the right to clear up.
         abandoned,
     };
 
-    /// Examines the file; waits for others only while they clear up.
+    /// Examines the file; waits a moment for others that clear up.
     AbandonedFile(const std::string& name, const std::string& parent, const std::string& trustee);
 
     Finding finding() const { return found; }

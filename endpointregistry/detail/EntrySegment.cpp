@@ -36,8 +36,8 @@ std::size_t sizeFor(unsigned long length) {
 void publish(void* segment, const std::pair<std::string, std::string>& data) {
     const std::uint64_t firstLength = data.first.size();
     char* const bytes = bytesOf(segment);
-    std::memcpy(bytes + dataOffset, data.first.data(), data.first.size());
-    std::memcpy(bytes + dataOffset + firstLength, data.second.data(), data.second.size());
+    data.first.copy(bytes + dataOffset, data.first.size());
+    data.second.copy(bytes + dataOffset + firstLength, data.second.size());
     std::memcpy(bytes + firstLengthOffset, &firstLength, sizeof firstLength);
     readyOf(segment).store(readyBit);
 }
@@ -46,13 +46,11 @@ void withdraw(void* segment) {
     readyOf(segment).store(0);
 }
 
-std::pair<std::string, std::string> read(const void* segment, unsigned long length) {
-    // The atomic wants to be able to write; this function does not.
-    auto* const writable = const_cast<void*>(segment); // NOLINT(*-pro-type-const-cast)
-    if ((readyOf(writable).load(std::memory_order_acquire) & readyBit) == 0) {
+std::pair<std::string, std::string> read(void* segment, unsigned long length) {
+    if ((readyOf(segment).load(std::memory_order_acquire) & readyBit) == 0) {
         return {};
     }
-    const char* const bytes = bytesOf(writable);
+    const char* const bytes = bytesOf(segment);
     const std::string joined(bytes + dataOffset, length);
     std::uint64_t firstLength = 0;
     std::memcpy(&firstLength, bytes + firstLengthOffset, sizeof firstLength);

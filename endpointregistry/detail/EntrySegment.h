@@ -25,6 +25,6 @@ void withdraw(void* segment);
 
 /// The data of a segment for joined data of this length; two empty strings when it is not ready.
 /// Throws std::out_of_range when the first string is said to be longer than both.
-std::pair<std::string, std::string> read(const void* segment, unsigned long length);
+std::pair<std::string, std::string> read(void* segment, unsigned long length);
 
 } // namespace agent::spf::endpointregistry::entrysegment

@@ -1,8 +1,8 @@
 #include "endpointregistry/detail/LockedFileImpl.h"
 
-#include "endpointregistry/Folders.h"
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/LockingOpen.h"
+#include "endpointregistry/detail/TrusteeHandover.h"
 #include "foundation/os/Accounts.h"
 
 #include <cerrno>
@@ -75,7 +75,7 @@ LockedDescriptor LockedFile::Impl::lockFile() {
     }
     if (!trustee.empty()) {
         try {
-            setTrustee(path, trustee);
+            setTrusteeOfOpenFile(opened.lock.get(), path, trustee);
         } catch (...) {
             if (opened.isNew) {
                 removeFile(path);
@@ -104,7 +104,7 @@ std::string LockedFile::Impl::getTrustee() const {
                         ">. (Error ", error, ")");
         throw std::runtime_error(inconsistency);
     }
-    if ((status.st_mode & S_IRWXG) == 0) {
+    if ((status.st_mode & S_IRWXG) != S_IRWXG) {
         return {};
     }
     auto group = foundation::os::findGroupName(status.st_gid);

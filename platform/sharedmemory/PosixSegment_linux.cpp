@@ -50,15 +50,18 @@ struct Place {
     /// /dev/shm is open to all, so a file of this name may be anybody's. Owner and group cannot be
     /// forged: a file is given only to a group that its owner is a member of.
     bool trusts(const struct stat& status) const {
-        if (!S_ISREG(status.st_mode)) {
-            return false;
-        }
-        if (group) {
-            constexpr mode_t groupAccess = S_IRGRP | S_IWGRP;
-            return status.st_gid == *group && (status.st_mode & groupAccess) == groupAccess &&
-                   (status.st_mode & S_IRWXO) == 0;
-        }
-        return status.st_uid == user && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+        // Every segment has its memory from the start. In one that has holes, reading takes memory,
+        // without bound, and kills the process where there is none.
+        constexpr blkcnt_t blockSize = 512;
+        const bool isWhole = status.st_blocks >= (status.st_size + blockSize - 1) / blockSize;
+        const bool isOurs = group ? status.st_gid == *group : status.st_uid == user;
+        return S_ISREG(status.st_mode) && isWhole && isOurs &&
+               (status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)) == mode();
+    }
+
+    mode_t mode() const {
+        constexpr mode_t userOnly = S_IRUSR | S_IWUSR;
+        return group ? userOnly | S_IRGRP | S_IWGRP : userOnly;
     }
 
     uid_t user;
@@ -118,19 +121,12 @@ ExistingFile openExisting(const Place& place) {
     file.descriptor = os::FileDescriptor(os::retryOnInterrupt(
         [&] { return ::open(place.path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
     if (!file.descriptor) {
-        switch (errno) {
-        case ENOENT:
-            return file;
-        case EACCES:
-        case EISDIR:
-        case ELOOP:
-        case ENXIO:
-        case EPERM:
-            file.isTaken = true;
-            return file;
-        default:
+        if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) {
             fail("cannot open the segment", place.path, errno);
         }
+        // A neighbour has many ways to make a file that cannot be opened.
+        file.isTaken = errno != ENOENT;
+        return file;
     }
     file.isTaken = true;
     if (::fstat(file.descriptor.get(), &file.status) != 0) {
@@ -151,21 +147,22 @@ int furnish(int descriptor, std::size_t size, const Place& place) {
     }
     // Reserved and not only promised: ftruncate succeeds on a full file system, and the first
     // write to the mapping then kills the process.
-    const int error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(size + proof.size()));
+    int error = 0;
+    do {
+        error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(size + proof.size()));
+    } while (error == EINTR);
     if (error != 0) {
         return error;
     }
-    if (!proof.empty() &&
-        ::pwrite(descriptor, proof.data(), proof.size(), static_cast<off_t>(size)) !=
-            static_cast<ssize_t>(proof.size())) {
-        return errno;
+    if (!proof.empty()) {
+        const ssize_t count =
+            ::pwrite(descriptor, proof.data(), proof.size(), static_cast<off_t>(size));
+        if (count != static_cast<ssize_t>(proof.size())) {
+            return count == -1 ? errno : EIO;
+        }
     }
-    if (place.group && (::fchown(descriptor, static_cast<uid_t>(-1), *place.group) != 0 ||
-                        // The mode at creation went through the umask.
-                        ::fchmod(descriptor, S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP) != 0)) {
-        return errno;
-    }
-    return 0;
+    constexpr auto sameUser = static_cast<uid_t>(-1);
+    return place.group && ::fchown(descriptor, sameUser, *place.group) != 0 ? errno : 0;
 }
 
 } // namespace
@@ -175,7 +172,9 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
     const Place place(name, trustee);
     std::unique_ptr<PosixSegment> segment;
     const os::AppearingFile file =
-        os::createAppearing(place.path, S_IRUSR | S_IWUSR, [&](int descriptor) {
+        os::createAppearing(place.path, place.mode(), [&](int descriptor) {
+            // What an earlier attempt has reserved is not there for this one.
+            segment.reset();
             if (const int error = furnish(descriptor, size, place); error != 0) {
                 return error;
             }
@@ -189,15 +188,14 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
                 std::make_unique<PosixSegment>(trustee, place.path, *identity, std::move(mapping));
             return 0;
         });
-    if (file.error == EEXIST) {
+    if (file.error != 0) {
+        // Whatever kept this one from being made, one that exists is what there is to tell.
         const ExistingFile existing = openExisting(place);
-        if (existing.isTaken && !existing.isTrusted()) {
-            fail("the segment's name is taken by something else", place.path, EEXIST);
+        const bool hasGone = file.error == EEXIST && !existing.isTaken;
+        if (!existing.isTrusted() && !hasGone) {
+            fail("cannot make the segment", place.path, file.error);
         }
         return nullptr;
-    }
-    if (file.error != 0) {
-        fail("cannot make the segment", place.path, file.error);
     }
     segment->becomeCreator();
     return segment;

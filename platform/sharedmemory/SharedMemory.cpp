@@ -40,9 +40,11 @@ SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t siz
                                         ImplementationSpecifications implementation) {
     checkArguments(size, implementation);
     for (;;) {
-        if (auto found = findPosixSegment(name, size, trustee); found.segment) {
+        PosixLookup found = findPosixSegment(name, size, trustee);
+        if (found.segment) {
             return SharedMemory(std::move(found.segment));
-        } else if (found.isTaken) {
+        }
+        if (found.isTaken) {
             throw std::runtime_error("Shared memory error: the segment there cannot be used");
         }
         // Another process may be first, and may even remove its segment before the next look.
@@ -59,7 +61,9 @@ SharedMemory::SharedMemory(std::unique_ptr<Segment> segment) noexcept
 SharedMemory::SharedMemory(SharedMemory&& other) noexcept = default;
 
 SharedMemory& SharedMemory::operator=(SharedMemory&& other) noexcept {
-    SharedMemory previous(std::exchange(segment, std::move(other.segment)));
+    if (this != &other) {
+        const SharedMemory previous(std::exchange(segment, std::move(other.segment)));
+    }
     return *this;
 }
 

@@ -34,11 +34,11 @@ public:
 
     // The openers. `size` is in bytes and at least 1. All throw std::invalid_argument when the
     // size is 0, the trustee is no group or the implementation is not available, and
-    // std::runtime_error when the system refuses: too few descriptors, no memory left, no
-    // permission, or something that is no segment of this identity in its place.
+    // std::runtime_error when the system refuses: too few descriptors, no memory left.
 
     /// Makes a new segment of exactly this size. Not attached when there is one already. It goes
-    /// with the handle unless made persistent.
+    /// with the handle unless made persistent. Throws std::runtime_error also when something that
+    /// is no segment of this identity has its name.
     static SharedMemory create(const std::string& name, std::size_t size,
                                const std::string& trustee,
                                ImplementationSpecifications implementation);

@@ -8,7 +8,7 @@
 namespace foundation::log::local {
 
 /// The log settings of this process. Its operations may be called from any thread.
-class admin {
+class admin { // NOLINT(readability-identifier-naming): the name is established
 public:
     /// The one object of the process.
     static std::shared_ptr<admin> get();
@@ -27,8 +27,10 @@ public:
     ///
     /// A level is "all", "none", the name of a severity, or its number; the last two stand for
     /// that severity and all graver ones. A channel that is not named writes nothing; so does
-    /// every channel under the empty filter. Of two pairs for one channel the later holds. Throws
-    /// std::invalid_argument, changing nothing, for what it cannot read.
+    /// every channel under the empty filter. Where neither a destination was set nor the
+    /// application has a sink, Boost.Log itself prints what a filter enables. Of two pairs for one
+    /// channel the later holds. Throws std::invalid_argument, changing nothing, for what it cannot
+    /// read.
     virtual void setFilter(const std::string& filter) = 0;
 
 protected:

@@ -73,8 +73,10 @@ private:
     static void append(std::string& message, const Piece& piece) {
         if constexpr (std::is_arithmetic_v<Piece>) {
             message += std::to_string(piece);
+        } else if constexpr (std::is_array_v<Piece>) {
+            message += static_cast<const char*>(piece);
         } else {
-            message += std::string_view(piece);
+            message += piece;
         }
     }
 

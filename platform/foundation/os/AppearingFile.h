@@ -15,12 +15,14 @@ struct AppearingFile {
     int error = 0;
 };
 
-/// Makes a file that appears under `path` in one step, as `prepare` left it.
+/// Makes a file that appears under `path` in one step, with exactly this mode and as `prepare` left
+/// it.
 ///
 /// `prepare` gets the descriptor (readable and writable) of an empty file that has no name yet, or
 /// one that nobody looks for, and returns 0 or an errno value, which ends the attempt. It may be
-/// called twice, each time with a new file. Whoever opens `path` sees a finished file; what stands
-/// there already is never touched. A crash at any moment leaves `path` either finished or absent.
+/// called more than once, each time with a new file, the one before being gone. Whoever opens
+/// `path` sees a finished file; what stands there already is never touched. A crash at any moment
+/// leaves `path` either finished or absent.
 ///
 /// Where neither the kernel nor /proc lets an unnamed file be named, the file is made under a
 /// hidden name (".nascent-" and random digits) in the same folder first. Those that a crash left

@@ -52,8 +52,11 @@ std::optional<AppearingFile> createByNamingUnnamed(const std::string& path, mode
                                                    const Prepare& prepare) {
     FileDescriptor file = openFile(folderOf(path), O_TMPFILE | O_RDWR, mode);
     if (!file) {
-        const bool unsupported = errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL;
-        return unsupported ? std::nullopt : std::optional(AppearingFile{{}, errno});
+        return std::nullopt;
+    }
+    // What creation gives went through the umask.
+    if (::fchmod(file.get(), mode) != 0) {
+        return AppearingFile{{}, errno};
     }
     if (const int error = prepare(file.get()); error != 0) {
         return AppearingFile{{}, error};
@@ -142,6 +145,9 @@ AppearingFile createUnderTemporaryName(const std::string& path, mode_t mode,
         const TemporaryName name(temporary);
         struct flock mark = makersMark(F_WRLCK);
         if (::fcntl(file.get(), F_OFD_SETLK, &mark) != 0) {
+            return {{}, errno};
+        }
+        if (::fchmod(file.get(), mode) != 0) {
             return {{}, errno};
         }
         if (const int error = prepare(file.get()); error != 0) {

@@ -9,7 +9,7 @@ namespace foundation::paths {
 
 /// What a base folder is wanted for.
 enum class LocationHint : std::uint32_t {
-    PrivateRegistry = 0,
+    PrivateBase = 0,
 };
 
 /// The private base folder of the calling (effective) user on this machine, without a trailing
