@@ -65,10 +65,14 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
     const auto countSynonyms = [&] {
         return Impl::countSynonymEndpoints(data, groupTag, selectedKey);
     };
+    // A dead entry that a reader clears away between the listing and the probe counts as alive. It
+    // is not listed again, so a second look tells it from one that lives.
+    const auto hasSynonym = [&] {
+        const bool isListed = countSynonyms() != 0;
+        return isListed && countSynonyms() != 0;
+    };
     for (;;) {
-        // A dead entry that a reader clears away between the listing and the probe counts as alive.
-        // It is not listed again, so a second look tells it from one that lives.
-        if (countSynonyms() != 0 && countSynonyms() != 0) {
+        if (hasSynonym()) {
             throw DuplicateEndpointError("A synonym endpoint has been found during construction");
         }
         primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, std::string());
