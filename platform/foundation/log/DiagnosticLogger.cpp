@@ -5,7 +5,8 @@
 
 #include <boost/log/attributes/clock.hpp>
 #include <boost/log/attributes/constant.hpp>
-#include <boost/log/sources/record_ostream.hpp>
+#include <boost/log/attributes/attribute_value_impl.hpp>
+#include <boost/log/detail/default_attribute_names.hpp>
 #include <boost/log/sources/severity_channel_logger.hpp>
 #include <utility>
 
@@ -47,9 +48,10 @@ void basic_diagnostic_logger<char>::write(severity level, const std::string& mes
     auto record = source->records.open_record(boost::log::keywords::severity =
                                                   static_cast<std::uint32_t>(level));
     if (record) {
-        boost::log::record_ostream stream(record);
-        stream << message;
-        stream.flush();
+        // Not through a record stream: its storage for each thread may be gone at process exit,
+        // while endpoints with static storage still are to log their end.
+        record.attribute_values().insert(boost::log::aux::default_attribute_names::message(),
+                                         boost::log::attributes::make_attribute_value(message));
         source->records.push_record(std::move(record));
     }
 }

@@ -19,10 +19,14 @@ public:
     void remove(basic_diagnostic_logger<char>& logger) noexcept;
     void setFilter(Filter next);
 
+    /// Has nothing written any more.
+    void close() noexcept;
+
 private:
     std::mutex mutex;
     std::set<basic_diagnostic_logger<char>*> loggers;
     Filter filter;
+    bool isClosed = false;
 };
 
 } // namespace foundation::log

@@ -1,0 +1,172 @@
+#include "endpointregistry/detail/AbandonedFile.h"
+
+#include "endpointregistry/Endpoint.h"
+#include "endpointregistry/LockedFile.h"
+#include "tests/endpointregistry/EndpointFolderWatch.h"
+#include "tests/endpointregistry/EndpointTools.h"
+#include "tests/endpointregistry/LockedFileTools.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+
+using namespace agent::spf::endpointregistry;
+using tests::FolderWatch;
+using tests::PlantedEntry;
+
+namespace {
+
+namespace fs = std::filesystem;
+using Finding = AbandonedFile::Finding;
+
+const std::string parent = "qvEndpointRegistry";
+const std::string name = "entry";
+
+class AbandonedFiles : public tests::RegistryTest {};
+
+Finding findingOf(const std::string& file) {
+    return AbandonedFile(file, parent, "").finding();
+}
+
+} // namespace
+
+TEST_F(AbandonedFiles, AreThoseThatNobodyHolds) {
+    const PlantedEntry entry(name, "");
+    EXPECT_EQ(findingOf(name), Finding::abandoned);
+}
+
+TEST_F(AbandonedFiles, AreNotThoseThatAPublisherHolds) {
+    PlantedEntry entry(name, "");
+    entry.hold();
+    EXPECT_EQ(findingOf(name), Finding::inUse);
+    EXPECT_TRUE(entry.hasFile());
+    EXPECT_TRUE(tests::isHeld(tests::entryPath(name)));
+}
+
+TEST_F(AbandonedFiles, AreNotThoseThatAreGone) {
+    tests::provideEntryFolder();
+    FolderWatch watch({tests::entryFolder()});
+    EXPECT_EQ(findingOf(name), Finding::nothingToClear);
+    EXPECT_EQ(watch.changes(), std::vector<std::string>());
+}
+
+TEST_F(AbandonedFiles, NeedNoFolderToBeGone) {
+    EXPECT_EQ(findingOf(name), Finding::nothingToClear);
+    EXPECT_FALSE(fs::exists(tests::entryFolder()));
+}
+
+TEST_F(AbandonedFiles, AreNotWhatIsNoFile) {
+    tests::provideEntryFolder();
+    fs::create_directory(tests::entryPath("folder"));
+    ASSERT_EQ(::mkfifo(tests::entryPath("pipe").c_str(), 0600), 0);
+    fs::create_symlink("nowhere", tests::entryPath("dangling link"));
+    fs::create_symlink("pipe", tests::entryPath("link"));
+    for (const std::string& planted : tests::entryFiles()) {
+        AbandonedFile file(planted, parent, "");
+        EXPECT_EQ(file.finding(), Finding::inUse) << planted;
+        EXPECT_TRUE(fs::is_directory(tests::entryFolder())) << planted;
+    }
+    EXPECT_EQ(tests::entryFiles().size(), 4U);
+    fs::remove_all(tests::entryFolder());
+}
+
+TEST_F(AbandonedFiles, StayUntilTheyAreRemoved) {
+    const PlantedEntry entry(name, "");
+    { const AbandonedFile examined(name, parent, ""); }
+    EXPECT_TRUE(entry.hasFile());
+    AbandonedFile file(name, parent, "");
+    ASSERT_EQ(file.finding(), Finding::abandoned);
+    file.remove();
+    EXPECT_FALSE(entry.hasFile());
+}
+
+TEST_F(AbandonedFiles, LookDeadToAllWhileTheyAreCleared) {
+    const PlantedEntry entry(name, "");
+    const AbandonedFile file(name, parent, "");
+    ASSERT_EQ(file.finding(), Finding::abandoned);
+    EXPECT_FALSE(LockedFile::isLocked(name, parent, ""));
+}
+
+TEST_F(AbandonedFiles, CannotBeTakenOverWhileTheyAreCleared) {
+    const PlantedEntry entry(name, "");
+    const AbandonedFile file(name, parent, "");
+    ASSERT_EQ(file.finding(), Finding::abandoned);
+    const LockedFile taken = LockedFile::tryLock(name, parent, "");
+    EXPECT_FALSE(taken.isLocked());
+    EXPECT_EQ(taken.getLockError(), EWOULDBLOCK);
+}
+
+TEST_F(AbandonedFiles, CanBeTakenOverOnceExamined) {
+    const PlantedEntry entry(name, "");
+    EXPECT_EQ(findingOf(name), Finding::abandoned);
+    EXPECT_TRUE(LockedFile::tryLock(name, parent, "").isLocked());
+}
+
+TEST_F(AbandonedFiles, LeaveARecentPublishersFileAlone) {
+    const PlantedEntry entry(name, "");
+    std::optional<AbandonedFile> file(std::in_place, name, parent, "");
+    ASSERT_EQ(file->finding(), Finding::abandoned);
+    file->remove();
+    file.reset();
+    PlantedEntry next(name, "");
+    next.hold();
+    EXPECT_EQ(findingOf(name), Finding::inUse);
+    EXPECT_TRUE(next.hasFile());
+}
+
+TEST_F(AbandonedFiles, AreClearedByOneAtATime) {
+    const PlantedEntry entry(name, "");
+    const PlantedEntry other("other entry", "");
+    const AbandonedFile file(name, parent, "");
+    ASSERT_EQ(file.finding(), Finding::abandoned);
+    EXPECT_EQ(findingOf(name), Finding::nothingToClear);
+    EXPECT_EQ(findingOf(other.name()), Finding::nothingToClear);
+    EXPECT_TRUE(entry.hasFile());
+    EXPECT_TRUE(other.hasFile());
+}
+
+TEST_F(AbandonedFiles, HoldUpNobodyWhoLooksThemUpWhileTheyAreCleared) {
+    const tests::DataPair data("a", "b");
+    const PlantedEntry entry(tests::entryName(data, "tag", "key", tests::noProcess),
+                             tests::segmentBytes(data));
+    const Endpoint living(data, "tag", "living key");
+    {
+        const AbandonedFile stopped(entry.name(), parent, "");
+        ASSERT_EQ(stopped.finding(), Finding::abandoned);
+        EXPECT_EQ(Endpoint::find("tag", "key"), std::nullopt);
+        EXPECT_EQ(Endpoint::list(), tests::DataPairs{data});
+        EXPECT_TRUE(entry.hasFile());
+    }
+    EXPECT_EQ(Endpoint::find("tag", "key"), std::nullopt);
+    EXPECT_FALSE(entry.hasFile());
+    EXPECT_FALSE(entry.hasSegment());
+}
+
+TEST_F(AbandonedFiles, AreClearedByAnotherWhoComesInTime) {
+    for (int round = 0; round < 100; ++round) {
+        const PlantedEntry entry(name, "");
+        std::optional<AbandonedFile> file(std::in_place, name, parent, "");
+        ASSERT_EQ(file->finding(), Finding::abandoned);
+        Finding second = Finding::inUse;
+        std::thread other([&second] { second = findingOf(name); });
+        file->remove();
+        file.reset();
+        other.join();
+        EXPECT_EQ(second, Finding::nothingToClear);
+    }
+}
+
+TEST_F(AbandonedFiles, LeaveNoDescriptorOpen) {
+    const PlantedEntry free("free", "");
+    PlantedEntry held("held", "");
+    held.hold();
+    const std::size_t before = tests::countDescriptors();
+    for (const std::string file : {"free", "held", "missing"}) {
+        findingOf(file);
+    }
+    EXPECT_EQ(tests::countDescriptors(), before);
+}

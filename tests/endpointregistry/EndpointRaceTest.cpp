@@ -1,0 +1,171 @@
+#include "endpointregistry/Endpoint.h"
+
+#include "tests/endpointregistry/EndpointFolderWatch.h"
+#include "tests/endpointregistry/EndpointProcesses.h"
+#include "tests/endpointregistry/EndpointTools.h"
+#include "tests/endpointregistry/LockedFileProcesses.h"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+using namespace agent::spf::endpointregistry;
+using tests::Channel;
+using tests::Crew;
+using tests::DataPair;
+using tests::DataPairs;
+using tests::PlantedEntry;
+using tests::StartSignal;
+
+namespace {
+
+constexpr std::size_t publisherCount = 32;
+constexpr int raceRounds = 200;
+constexpr std::size_t readerCount = 4;
+constexpr int republications = 3000;
+
+const DataPair data("ab", "c");
+const std::string tag = "tag";
+const std::string key = "key";
+
+class EndpointRace : public tests::RegistryTest {};
+
+struct Publication {
+    DataPair data;
+    std::string key;
+};
+using OfPublisher = std::function<Publication(const std::string& number)>;
+
+/// Publishes, if it can, and tells how that went.
+std::string publish(const Publication& publication, Endpoint& endpoint) {
+    try {
+        endpoint = Endpoint(publication.data, tag, publication.key);
+        // Others may be there, too, until they have withdrawn.
+        const DataPairs all = Endpoint::list();
+        const bool isThere = std::find(all.begin(), all.end(), publication.data) != all.end();
+        return isThere ? "won" : "won and not found";
+    } catch (const Endpoint::DuplicateEndpointError&) {
+        return "lost";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+enum class Before { nothing, aDeadSynonym };
+
+/// Has many processes publish at once, again and again, and expects one of them to win each time.
+void expectOneWinnerEach(const OfPublisher& publicationOf, Before before = Before::nothing) {
+    const StartSignal start;
+    const Crew publishers(publisherCount, [&](std::size_t number, Channel& test) {
+        while (true) {
+            start.await();
+            Endpoint endpoint;
+            test.send(publish(publicationOf(std::to_string(number)), endpoint));
+            test.receive();
+            endpoint.reset();
+            test.send("withdrawn");
+        }
+    });
+    for (int round = 0; round < raceRounds; ++round) {
+        std::optional<PlantedEntry> dead;
+        if (before == Before::aDeadSynonym) {
+            dead.emplace(tests::entryName(data, tag, key, tests::noProcess),
+                         tests::segmentBytes(data));
+        }
+        start.give(publisherCount);
+        const std::vector<std::string> results = publishers.hear();
+        const auto count = [&results](const std::string& result) {
+            return std::count(results.begin(), results.end(), result);
+        };
+        ASSERT_EQ(count("won"), 1) << "in round " << round;
+        ASSERT_EQ(count("lost"), publisherCount - 1) << "in round " << round;
+        EXPECT_EQ(Endpoint::list().size(), 1U);
+        EXPECT_EQ(tests::entryFiles().size(), 1U);
+        publishers.tell("withdraw");
+        publishers.hear();
+    }
+}
+
+} // namespace
+
+TEST_F(EndpointRace, ForOneKeyHasOneWinner) {
+    expectOneWinnerEach([](const std::string& number) {
+        return Publication{{"data of", number}, key};
+    });
+}
+
+TEST_F(EndpointRace, ForTheSameDataHasOneWinner) {
+    expectOneWinnerEach([](const std::string& number) { return Publication{data, number}; });
+}
+
+TEST_F(EndpointRace, ForTheSameKeyAndDataHasOneWinner) {
+    expectOneWinnerEach([](const std::string&) { return Publication{data, key}; });
+}
+
+TEST_F(EndpointRace, ForWhatADeadPublisherLeftHasOneWinner) {
+    expectOneWinnerEach(
+        [](const std::string& number) {
+            return Publication{data, number};
+        },
+        Before::aDeadSynonym);
+}
+
+namespace {
+
+struct Observations {
+    std::atomic<bool> isOver = false;
+    std::atomic<int> sightings = 0;
+    std::atomic<int> wrong = 0;
+};
+
+/// Looks an endpoint up until told to stop: it is there as published, or it is not there.
+void observe(Observations& observations) {
+    while (!observations.isOver) {
+        if (const auto found = Endpoint::find(tag, key)) {
+            ++observations.sightings;
+            observations.wrong += found == data ? 0 : 1;
+        }
+        const DataPairs all = Endpoint::list();
+        observations.wrong += all.empty() || all == DataPairs{data} ? 0 : 1;
+    }
+}
+
+} // namespace
+
+TEST_F(EndpointRace, OfAPublisherAndReadersIsLostByNobody) {
+    tests::provideEntryFolder();
+    const tests::SharedWithChildren<Observations> observations;
+    const Crew readers(readerCount, [&](std::size_t, Channel&) { observe(*observations); });
+    // Nothing of a reader's may appear, and nothing of the publisher's vanish before its time.
+    tests::FolderWatch watch({tests::entryFolder()});
+    const std::string name = tests::entryName(data, tag, key, ::getpid());
+    const std::vector<std::string> comesAndGoes{"+" + name, "-" + name};
+    // Goes on until somebody saw it, or the test would prove nothing.
+    for (int i = 0; i < republications || observations->sightings == 0; ++i) {
+        Endpoint endpoint;
+        ASSERT_NO_THROW(endpoint = Endpoint(data, tag, key)) << "in round " << i;
+        ASSERT_EQ(Endpoint::find(tag, key), data) << "in round " << i;
+        endpoint.reset();
+        ASSERT_EQ(watch.changes(), comesAndGoes) << "in round " << i;
+    }
+    observations->isOver = true;
+    readers.expectSuccess();
+    EXPECT_EQ(observations->wrong, 0);
+}
+
+TEST_F(EndpointRace, OfLookupsIsNeverLostByWhatIsPublishedThroughout) {
+    const Endpoint endpoint(data, tag, key);
+    const Crew readers(readerCount, [](std::size_t, Channel&) {
+        for (int i = 0; i < republications / 3; ++i) {
+            ASSERT_EQ(Endpoint::find(tag, key), data);
+            ASSERT_EQ(Endpoint::list(), DataPairs{data});
+        }
+    });
+    readers.expectSuccess();
+}

@@ -1,0 +1,253 @@
+#include "endpointregistry/Endpoint.h"
+
+#include "endpointregistry/EntryName.h"
+#include "endpointregistry/detail/EndpointPosixImpl.h"
+#include "foundation/os/FileDescriptor.h"
+#include "tests/endpointregistry/EndpointTools.h"
+#include "tests/endpointregistry/LockedFileTools.h"
+#include "tests/endpointregistry/LoggersReportedFailure.h"
+#include "tests/support/ForkedProcess.h"
+#include "tests/support/SmallSharedMemory.h"
+#include "tests/support/TestAccounts.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <typeinfo>
+#include <unistd.h>
+#include <vector>
+
+using namespace agent::spf::endpointregistry;
+using tests::DataPair;
+using tests::DataPairs;
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace accounts = tests::accounts;
+
+const DataPair data("ab", "c");
+const std::string tag = "tag";
+const std::string key = "key";
+
+/// Leaves the calling process this many descriptors to open; for good, so call it in a child.
+std::vector<foundation::os::FileDescriptor> leaveDescriptors(std::size_t count) {
+    constexpr rlim_t most = 128;
+    const rlimit limit{most, most};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        throw std::system_error(errno, std::generic_category(), "setrlimit");
+    }
+    std::vector<foundation::os::FileDescriptor> hoard;
+    while (foundation::os::FileDescriptor next{::open("/", O_PATH | O_CLOEXEC)}) {
+        hoard.push_back(std::move(next));
+    }
+    hoard.resize(hoard.size() - count);
+    return hoard;
+}
+
+std::string suffix(int error) {
+    return "(Error " + std::to_string(error) + ")";
+}
+
+/// What a publication that failed for want of something reported.
+struct Failure {
+    std::string text;
+    std::vector<tests::LogRecord> log;
+};
+
+/// Expects the call to succeed, or to fail as a refusal of the system does: reported before it is
+/// thrown, with errno, and not as a duplicate.
+std::optional<Failure> failureOf(const std::function<void()>& call, int error) {
+    const tests::LogCapture log;
+    try {
+        call();
+        return std::nullopt;
+    } catch (const std::exception& thrown) {
+        EXPECT_EQ(typeid(thrown), typeid(std::runtime_error)) << thrown.what();
+        Failure failure{thrown.what(), log.records()};
+        EXPECT_FALSE(failure.log.empty()) << thrown.what();
+        for (const tests::LogRecord& record : failure.log) {
+            EXPECT_EQ(record.severity, 512U) << record.message;
+            EXPECT_NE(record.message.find(suffix(error)), std::string::npos) << record.message;
+        }
+        return failure;
+    }
+}
+
+bool tells(const Failure& failure, const std::string& path) {
+    return std::any_of(failure.log.begin(), failure.log.end(), [&path](const auto& record) {
+        return record.message.find("<" + path + ">") != std::string::npos;
+    });
+}
+
+class EndpointUnderStrain : public tests::RegistryTest {};
+
+class EndpointWithoutDescriptors : public EndpointUnderStrain {
+protected:
+    void SetUp() override {
+        EndpointUnderStrain::SetUp();
+#ifdef __SANITIZE_ADDRESS__
+        GTEST_SKIP() << "the sanitizers need descriptors themselves";
+#endif
+        tests::provideEntryFolder();
+    }
+};
+
+/// Takes ever fewer descriptors away until the call succeeds, and hands over what failed before.
+std::vector<Failure> failuresForWantOfDescriptors(const std::function<void()>& call) {
+    std::vector<Failure> failures;
+    constexpr std::size_t enough = 20;
+    for (std::size_t left = 0; left < enough; ++left) {
+        tests::ForkedProcess child([&](tests::Channel& parent) {
+            std::optional<Failure> failure;
+            {
+                const auto hoard = leaveDescriptors(left);
+                failure = failureOf(call, EMFILE);
+            }
+            EXPECT_EQ(tests::entryFiles(), std::vector<std::string>());
+            EXPECT_EQ(tests::segmentFiles(), std::vector<std::string>());
+            parent.send(failure ? failure->text : "");
+            if (failure) {
+                parent.send(failure->log.empty() ? "" : failure->log.back().message);
+            }
+        });
+        const std::string text = child.channel().receive();
+        const std::string message = text.empty() ? "" : child.channel().receive();
+        EXPECT_EQ(child.waitForExit(), 0) << "with " << left << " descriptors: " << text;
+        if (text.empty()) {
+            return failures;
+        }
+        failures.push_back({text, {{"", 512, message}}});
+    }
+    ADD_FAILURE() << enough << " descriptors are not enough";
+    return failures;
+}
+
+} // namespace
+
+TEST_F(EndpointWithoutDescriptors, IsRefusedButNoDuplicate) {
+    const auto failures = failuresForWantOfDescriptors([] { const Endpoint made(data, tag, key); });
+    ASSERT_FALSE(failures.empty());
+    EXPECT_EQ(failures.front().text, "System Error: File system inconsistency");
+}
+
+TEST_F(EndpointWithoutDescriptors, TellsWhichFileCouldNotBeMade) {
+    const auto failures =
+        failuresForWantOfDescriptors([] { const Endpoint::PosixImpl made(data, tag, key, ""); });
+    ASSERT_FALSE(failures.empty());
+    EXPECT_TRUE(std::any_of(failures.begin(), failures.end(), [](const Failure& failure) {
+        return failure.text == "System Error: File system inconsistency" &&
+               failure.log.front().message.find("<" + tests::entryFolder() + "qvER") !=
+                   std::string::npos;
+    }));
+}
+
+TEST_F(EndpointWithoutDescriptors, IsNotLookedUpButReported) {
+    const auto failures = failuresForWantOfDescriptors([] { Endpoint::list(); });
+    ASSERT_FALSE(failures.empty());
+    EXPECT_EQ(failures.front().text, "System Error: File system inconsistency");
+    EXPECT_EQ(failures.front().log.front().message,
+              "LockedFile::filterNames(): Failed to open parent folder. (Error 24)");
+}
+
+TEST_F(EndpointUnderStrain, LeavesNothingBehindWhereMemoryIsFull) {
+    if (!tests::canLimitSharedMemory()) {
+        GTEST_SKIP() << "needs a mount namespace in a mount namespace";
+    }
+    EXPECT_EQ(tests::runInChild([] {
+                  tests::limitSharedMemoryTo(1U << 20U);
+                  const DataPair large(std::string(2U << 20U, 'x'), "");
+                  const auto failure =
+                      failureOf([&] { const Endpoint made(large, tag, key); }, ENOSPC);
+                  ASSERT_TRUE(failure);
+                  EXPECT_EQ(tests::entryFiles(), std::vector<std::string>());
+                  EXPECT_EQ(tests::segmentFiles(), std::vector<std::string>());
+                  EXPECT_EQ(Endpoint::list(), DataPairs());
+                  EXPECT_TRUE(Endpoint(data, tag, key));
+              }),
+              0);
+}
+
+TEST_F(EndpointUnderStrain, LeavesNothingBehindWhereNotOneByteOfMemoryIsLeft) {
+    if (!tests::canLimitSharedMemory()) {
+        GTEST_SKIP() << "needs a mount namespace in a mount namespace";
+    }
+    EXPECT_EQ(tests::runInChild([] {
+                  tests::limitSharedMemoryTo(1U << 16U);
+                  tests::provideEntryFolder();
+                  // Outside /dev/shm's own folder, where a segment would be looked for.
+                  const std::string filler = tests::privateBase() + "/filler";
+                  std::ofstream(filler) << std::string(1U << 20U, 'x') << std::flush;
+                  const auto failure =
+                      failureOf([] { const Endpoint made(data, tag, key); }, ENOSPC);
+                  EXPECT_TRUE(failure);
+                  EXPECT_EQ(tests::entryFiles(), std::vector<std::string>());
+                  EXPECT_EQ(tests::segmentFiles(), std::vector<std::string>());
+                  fs::remove(filler);
+                  EXPECT_TRUE(Endpoint(data, tag, key));
+              }),
+              0);
+}
+
+TEST_F(EndpointUnderStrain, IsReportedWhereItsFolderMayNotBeWritten) {
+    if (!accounts::available()) {
+        GTEST_SKIP() << accounts::whyNot;
+    }
+    EXPECT_EQ(tests::runInChild([] {
+                  accounts::become(accounts::anna);
+                  tests::provideEntryFolder();
+                  ASSERT_EQ(::chmod(tests::entryFolder().c_str(), 0500), 0);
+                  const auto failure =
+                      failureOf([] { const Endpoint made(data, tag, key); }, EACCES);
+                  ASSERT_TRUE(failure);
+                  EXPECT_EQ(failure->text, "System Error: File system inconsistency");
+                  EXPECT_TRUE(tells(
+                      *failure, tests::entryPath(tests::entryName(data, tag, key, ::getpid()))));
+                  EXPECT_EQ(tests::segmentFiles(), std::vector<std::string>());
+                  EXPECT_EQ(Endpoint::list(), DataPairs());
+                  EXPECT_EQ(::chmod(tests::entryFolder().c_str(), 0700), 0);
+              }),
+              0);
+}
+
+TEST_F(EndpointUnderStrain, IsReportedWhereItsFolderMayNotBeRead) {
+    if (!accounts::available()) {
+        GTEST_SKIP() << accounts::whyNot;
+    }
+    EXPECT_EQ(tests::runInChild([] {
+                  accounts::become(accounts::anna);
+                  tests::provideEntryFolder();
+                  ASSERT_EQ(::chmod(tests::entryFolder().c_str(), 0300), 0);
+                  const std::string text = "System Error: File system inconsistency";
+                  const std::string message =
+                      "LockedFile::filterNames(): Failed to open parent folder. (Error 13)";
+                  tests::expectReported<std::runtime_error>(
+                      [] { const Endpoint made(data, tag, key); }, text, message);
+                  tests::expectReported<std::runtime_error>([] { Endpoint::list(); }, text,
+                                                            message);
+                  tests::expectReported<std::runtime_error>([] { Endpoint::find(tag, key); }, text,
+                                                            message);
+                  EXPECT_EQ(::chmod(tests::entryFolder().c_str(), 0700), 0);
+              }),
+              0);
+}
+
+TEST_F(EndpointUnderStrain, IsReportedWhereAFileStandsInForItsFolder) {
+    tests::provideEntryFolder();
+    fs::remove(tests::entryFolder());
+    std::ofstream(tests::privateBase() + "/qvEndpointRegistry").flush();
+    tests::expectReported<std::runtime_error>(
+        [] { Endpoint::list(); }, "System Error: File system inconsistency",
+        "LockedFile::filterNames(): Failed to open parent folder. (Error 20)");
+    fs::remove_all(tests::privateBase());
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+/// Users and groups that exist only for the running test program: its private namespace has a user
+/// and a group database of its own.
+///
+/// anna and ben are members of "friends" (and each of a primary group of its own name); carl is
+/// not. The databases also hold root and whoever runs the tests.
+namespace tests::accounts {
+
+inline const std::string anna = "anna";
+inline const std::string ben = "ben";
+inline const std::string carl = "carl";
+inline const std::string friends = "friends";
+
+/// Whether this process may act as these users, that is, whether the tests run as root. A test
+/// that needs them begins with: if (!accounts::available()) GTEST_SKIP() << accounts::whyNot;
+bool available();
+inline const char* const whyNot = "needs root, to act as several users";
+
+uid_t userId(const std::string& user);
+gid_t groupId(const std::string& group);
+
+/// Turns the calling process into that user for good, with the user's groups, as a login would.
+/// Call it in a child.
+void become(const std::string& user);
+
+} // namespace tests::accounts
