@@ -62,21 +62,12 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
     checkArguments(data, groupTag, selectedKey);
     // No lock is taken over this: of publishers that race, each sees the others' entries in its
     // second count, and all but the last one alive withdraw.
-    const auto countSynonyms = [&] {
-        return Impl::countSynonymEndpoints(data, groupTag, selectedKey);
-    };
-    // A dead entry that a reader clears away between the listing and the probe counts as alive. It
-    // is not listed again, so a second look tells it from one that lives.
-    const auto hasSynonym = [&] {
-        const bool isListed = countSynonyms() != 0;
-        return isListed && countSynonyms() != 0;
-    };
     for (;;) {
-        if (hasSynonym()) {
+        if (Impl::hasLivingSynonym(data, groupTag, selectedKey)) {
             throw DuplicateEndpointError("A synonym endpoint has been found during construction");
         }
         primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, std::string());
-        if (countSynonyms() == 1) {
+        if (Impl::countSynonymEndpoints(data, groupTag, selectedKey) == 1) {
             return;
         }
         primary.reset();

@@ -83,11 +83,10 @@ public:
     explicit operator bool() const noexcept;
 
     // Lookups. They change nothing but what the dead left behind, which they remove, and make at
-    // most the user's empty base folder. They may be
-    // called from any thread. An entry that vanishes while a lookup runs is skipped. A trustee is
-    // the name of a group of the operating system, the empty string stands for the caller's own
-    // entries; `...FromLocal` searches those alone, `...FromAllTrustees` those and all groups of
-    // the calling process.
+    // most the user's empty base folder. They may be called from any thread. An entry that vanishes
+    // while a lookup runs is skipped. A trustee is the name of a group of the operating system, the
+    // empty string stands for the caller's own entries; `...FromLocal` searches those alone,
+    // `...FromAllTrustees` those and all groups of the calling process.
     //
     // All throw std::runtime_error when a folder of the registry cannot be read or the system has
     // no descriptor or memory left, and std::out_of_range when a segment's contents contradict its

@@ -49,6 +49,24 @@ unsigned long Endpoint::Impl::countSynonymEndpoints(const DataPair& data,
         }));
 }
 
+bool Endpoint::Impl::hasLivingSynonym(const DataPair& data, const std::string& groupTag,
+                                      const std::string& selectedKey) {
+    // What vanished may have been replaced, so that is a reason to look again.
+    for (bool hasVanished = true; hasVanished;) {
+        hasVanished = false;
+        for (const std::string& name : getAllSynonymNames(data, groupTag, selectedKey)) {
+            if (!LockedFile::isLocked(name, LF_PARENT_PATH, {})) {
+                continue;
+            }
+            if (LockedFile::exists(name, LF_PARENT_PATH, {})) {
+                return true;
+            }
+            hasVanished = true;
+        }
+    }
+    return false;
+}
+
 std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag,
                                                      const std::string& trustee) {
     return LockedFile::filterNames({getGroupTagPrefix(groupTag)}, LF_PARENT_PATH, trustee);

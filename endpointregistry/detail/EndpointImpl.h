@@ -37,9 +37,14 @@ public:
                                                     const std::string& groupTag,
                                                     const std::string& selectedKey);
 
-    /// How many of them are alive.
+    /// How many of them are alive; one that has vanished since it was listed counts as well.
     static unsigned long countSynonymEndpoints(const DataPair& data, const std::string& groupTag,
                                                const std::string& selectedKey);
+
+    /// Whether any of them is alive and still there. A dead one that a reader clears away after it
+    /// was listed is no reason to refuse a publisher.
+    static bool hasLivingSynonym(const DataPair& data, const std::string& groupTag,
+                                 const std::string& selectedKey);
 
     /// The names of a trustee's entries with this group tag; of all, for the empty tag.
     static std::vector<std::string> filterNames(const std::string& groupTag,

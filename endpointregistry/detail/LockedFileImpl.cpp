@@ -4,6 +4,7 @@
 #include "endpointregistry/detail/LockingOpen.h"
 #include "endpointregistry/detail/TrusteeHandover.h"
 #include "foundation/os/Accounts.h"
+#include "foundation/os/FileIdentity.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,26 +16,39 @@ namespace agent::spf::endpointregistry {
 
 namespace {
 
+namespace os = foundation::os;
 using foundation::log::severity;
 
 constexpr const char* inconsistency = "System Error: File system inconsistency";
 
 } // namespace
 
-LockedFile::Impl::Impl(const std::string& name, const std::string& parent,
-                       const std::string& trustee, bool isExclusive, bool waitForLock)
+LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string trustee,
+                       bool isExclusive, bool waitForLock)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
     , waitForLock(waitForLock)
-    , name(name)
-    , trustee(trustee)
+    , name(std::move(name))
+    , trustee(std::move(trustee))
     , parentPath(createParentFolder(parent))
     , lock(lockFile()) {
 }
 
+bool LockedFile::Impl::isOursToRemove() const {
+    if (!lock) {
+        return true;
+    }
+    // If ours was removed by somebody, a file that stands there now is another holder's.
+    struct stat status {};
+    const bool isReplaced = ::lstat((parentPath + name).c_str(), &status) == 0 &&
+                            S_ISREG(status.st_mode) &&
+                            os::FileIdentity(status) != os::identityOf(lock.get());
+    // And that of a forked child's copy is its parent's.
+    return !isReplaced && !lock.isInherited();
+}
+
 LockedFile::Impl::~Impl() {
-    // The file of a forked child's copy is its parent's to remove.
-    if (deleteOnDestruction && !lock.isInherited()) {
+    if (deleteOnDestruction && isOursToRemove()) {
         try {
             // While the lock is held, so that nobody takes the file for an abandoned one.
             removeFile(parentPath + name);
@@ -107,7 +121,7 @@ std::string LockedFile::Impl::getTrustee() const {
     if ((status.st_mode & S_IRWXG) != S_IRWXG) {
         return {};
     }
-    auto group = foundation::os::findGroupName(status.st_gid);
+    auto group = os::findGroupName(status.st_gid);
     if (!group) {
         const int error = errno;
         getLogger().log(severity::error, "getTrustee(): Failed to get the group struct for: <",

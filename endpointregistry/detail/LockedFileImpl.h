@@ -10,8 +10,8 @@ namespace agent::spf::endpointregistry {
 /// The state behind a `LockedFile`: locked from construction on, or never.
 class LockedFile::Impl {
 public:
-    Impl(const std::string& name, const std::string& parent, const std::string& trustee,
-         bool isExclusive, bool waitForLock);
+    Impl(std::string name, const std::string& parent, std::string trustee, bool isExclusive,
+         bool waitForLock);
     ~Impl();
 
     Impl(const Impl&) = delete;
@@ -29,6 +29,7 @@ public:
 private:
     std::string createParentFolder(const std::string& parent) const;
     LockedDescriptor lockFile();
+    bool isOursToRemove() const;
     void unlockAndCloseFile() noexcept;
 
     bool isExclusive;

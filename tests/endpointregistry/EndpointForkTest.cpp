@@ -7,9 +7,9 @@
 #include "tests/support/ForkedProcess.h"
 
 #include <array>
-#include <chrono>
 #include <cerrno>
-#include <fcntl.h>
+#include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <gtest/gtest.h>
 #include <optional>
@@ -17,6 +17,7 @@
 #include <spawn.h>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -53,32 +54,36 @@ void expectUnharmedBy(const std::function<void(Endpoint& copy)>& misdeed) {
     EXPECT_EQ(tests::segmentFiles(), std::vector<std::string>());
 }
 
-/// Something that outlives the process that made it, until this object goes.
+/// A process that outlives the one that made it, and ends with this object. It sends back whatever
+/// it is sent.
 class Orphan {
 public:
     Orphan() {
         std::array<int, 2> ends{};
-        if (::pipe2(ends.data(), O_CLOEXEC) != 0 || ::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
-            throw std::system_error(errno, std::generic_category(), "pipe2 or prctl");
+        // The kernel hands orphans to the next reaper, not to the parent's parent.
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0 ||
+            ::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+            throw std::system_error(errno, std::generic_category(), "socketpair or prctl");
         }
-        readEnd.reset(ends[0]);
-        writeEnd.reset(ends[1]);
+        testsEnd.reset(ends[0]);
+        orphansEnd.reset(ends[1]);
     }
     ~Orphan() {
-        if (writeEnd && process > 0) {
+        if (testsEnd && process > 0) {
             end();
         }
     }
     Orphan(const Orphan&) = delete;
     Orphan& operator=(const Orphan&) = delete;
 
-    /// In the process that is to be left: makes a child that waits, with all that it inherits.
+    /// In the process that is to be left: makes a child with all that it inherits.
     pid_t fork() {
         const pid_t child = ::fork();
         if (child == 0) {
-            writeEnd.reset();
-            char byte = 0;
-            retryOnInterrupt([&] { return ::read(readEnd.get(), &byte, 1); });
+            testsEnd.reset();
+            for (char byte = 0; ::read(orphansEnd.get(), &byte, 1) == 1;) {
+                retryOnInterrupt([&] { return ::write(orphansEnd.get(), &byte, 1); });
+            }
             ::_exit(EXIT_SUCCESS);
         }
         return child;
@@ -88,7 +93,8 @@ public:
     pid_t exec() {
         posix_spawn_file_actions_t actions;
         ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, readEnd.get(), STDIN_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions, orphansEnd.get(), STDIN_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions, orphansEnd.get(), STDOUT_FILENO);
         std::string program = "cat";
         const std::array<char*, 2> arguments{program.data(), nullptr};
         pid_t child = -1;
@@ -101,8 +107,16 @@ public:
         return child;
     }
 
-    /// In the test, which it falls to when its parent is gone.
-    void adopt(const std::string& id) { process = std::stoi(id); }
+    /// In the test, which it falls to when its parent is gone. Returns when it answers: a program
+    /// that was started may still be on its way, with what it inherited not closed yet.
+    void adopt(const std::string& id) {
+        process = std::stoi(id);
+        // Or the test would wait for its own answer, should the orphan die.
+        orphansEnd.reset();
+        char byte = '?';
+        EXPECT_EQ(::write(testsEnd.get(), &byte, 1), 1);
+        EXPECT_EQ(retryOnInterrupt([&] { return ::read(testsEnd.get(), &byte, 1); }), 1);
+    }
 
     bool lives() const {
         siginfo_t status{};
@@ -113,13 +127,13 @@ public:
         return retryOnInterrupt(wait) == 0 && status.si_pid == 0;
     }
     void end() {
-        writeEnd.reset();
+        testsEnd.reset();
         EXPECT_EQ(retryOnInterrupt([this] { return ::waitpid(process, nullptr, 0); }), process);
     }
 
 private:
-    FileDescriptor readEnd;
-    FileDescriptor writeEnd;
+    FileDescriptor testsEnd;
+    FileDescriptor orphansEnd;
     pid_t process = -1;
 };
 

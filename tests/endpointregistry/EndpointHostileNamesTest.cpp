@@ -16,6 +16,7 @@
 #include <vector>
 
 using namespace agent::spf::endpointregistry;
+using namespace std::string_literals;
 using foundation::os::FileDescriptor;
 using tests::DataPair;
 using tests::DataPairs;
@@ -34,34 +35,30 @@ std::string start() {
     return getGroupTagPrefix(tag) + getSelectedKeySubstring(key);
 }
 
+/// A name with these numbers, or what stands for numbers.
+std::string nameOf(const std::string& length, const std::string& process,
+                   const std::string& version) {
+    return start().append("l").append(length).append("p").append(process).append("v").append(
+        version);
+}
+
+const std::string gone = std::to_string(tests::noProcess);
+
 /// Names that no publisher makes.
 std::vector<std::string> strangeNames() {
-    std::vector<std::string> names{start(),
-                                   start() + "l",
-                                   start() + "lpv",
-                                   start() + "l3",
-                                   start() + "v0",
-                                   start() + "p1v0",
-                                   start() + "l3p1v",
-                                   start() + "\xff\xfe l3 p 1 v 0",
-                                   start() + std::string(255 - start().size(), 'a')};
-    const std::vector<std::string> numbers{"-1",
-                                           "-0",
-                                           "0",
-                                           "4294967297",
-                                           "1099511627776",
-                                           "9223372036854775807",
-                                           "18446744073709551599",
-                                           "18446744073709551600",
-                                           "18446744073709551615",
-                                           "99999999999999999999999",
-                                           std::string(120, '9')};
+    std::vector<std::string> names{start(), start() + std::string(255 - start().size(), 'a')};
+    for (const char* const end : {"l", "lpv", "l3", "v0", "p1v0", "l3p1v", "\xff\xfe l3 p 1 v 0"}) {
+        names.push_back(start() + end);
+    }
     const std::string living = std::to_string(::getppid());
-    for (const std::string& number : numbers) {
-        names.push_back(start() + "l" + number + "p" + living + "v0");
-        names.push_back(start() + "l" + number + "p2147483647v0");
-        names.push_back(start() + "l3p" + number + "v0");
-        names.push_back(start() + "l3p" + living + "v" + number);
+    for (const std::string& number :
+         {"-1"s, "-0"s, "0"s, "4294967297"s, "1099511627776"s, "9223372036854775807"s,
+          "18446744073709551599"s, "18446744073709551600"s, "18446744073709551615"s,
+          "99999999999999999999999"s, std::string(120, '9')}) {
+        names.push_back(nameOf(number, living, "0"));
+        names.push_back(nameOf(number, gone, "0"));
+        names.push_back(nameOf("3", number, "0"));
+        names.push_back(nameOf("3", living, number));
     }
     return names;
 }
@@ -122,7 +119,7 @@ TEST_F(HostileName, OfASegmentThatIsSmallerThanItSaysFindsNothing) {
     const std::string living = std::to_string(::getppid());
     for (const char* const number : {"1099511627776", "9223372036854775807", "18446744073709551599",
                                      "18446744073709551615", "99999999999999999999999", "-1"}) {
-        const std::string name = start() + "l" + number + "p" + living + "v0";
+        const std::string name = nameOf(number, living, "0");
         tests::makeFile(tests::entryPath(name), 0400);
         tests::plantSegment(name, tests::segmentBytes({"some", "data"}));
     }
@@ -146,7 +143,7 @@ TEST_F(HostileName, OfAPipeFindsNothingAndKeepsIt) {
 }
 
 TEST_F(HostileName, OfASocketFindsNothingAndKeepsIt) {
-    const std::string name = start() + "l3p1v0";
+    const std::string name = nameOf("3", "1", "0");
     const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -161,10 +158,10 @@ TEST_F(HostileName, OfASocketFindsNothingAndKeepsIt) {
 TEST_F(HostileName, OfALinkFindsNothingAndKeepsItAndItsTarget) {
     const std::string target = tests::entryFolder() + "target";
     tests::makeFile(target, 0600);
-    fs::create_symlink(target, tests::entryPath(start() + "l3p2147483647v0"));
-    fs::create_symlink("missing", tests::entryPath(start() + "l4p2147483647v0"));
-    fs::create_symlink(start() + "l5p2147483647v0", tests::entryPath(start() + "l5p2147483647v0"));
-    fs::create_symlink("/", tests::entryPath(start() + "l6p2147483647v0"));
+    fs::create_symlink(target, tests::entryPath(nameOf("3", gone, "0")));
+    fs::create_symlink("missing", tests::entryPath(nameOf("4", gone, "0")));
+    fs::create_symlink(nameOf("5", gone, "0"), tests::entryPath(nameOf("5", gone, "0")));
+    fs::create_symlink("/", tests::entryPath(nameOf("6", gone, "0")));
     expectOnlyTheHonestEntryIsFound();
     EXPECT_EQ(tests::entryFiles().size(), 6U);
     EXPECT_TRUE(fs::is_regular_file(target));

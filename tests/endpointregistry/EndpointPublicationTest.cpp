@@ -203,6 +203,7 @@ TEST_F(Publication, EndsWithTheObject) {
 
 TEST_F(Publication, OfManyEndpointsWorks) {
     std::vector<Endpoint> endpoints;
+    endpoints.reserve(100);
     for (int i = 0; i < 100; ++i) {
         endpoints.emplace_back(DataPair(std::to_string(i), ""), tag);
     }

@@ -10,6 +10,7 @@
 #include <exception>
 #include <functional>
 #include <gtest/gtest.h>
+#include <list>
 #include <optional>
 #include <string>
 #include <unistd.h>
@@ -168,4 +169,56 @@ TEST_F(EndpointRace, OfLookupsIsNeverLostByWhatIsPublishedThroughout) {
         }
     });
     readers.expectSuccess();
+}
+
+namespace {
+
+/// Looks around whenever it is told to, and so clears up after the dead.
+void clearUp(const StartSignal& start, Channel& test) {
+    while (true) {
+        start.await();
+        Endpoint::list();
+        test.send("looked");
+        test.receive();
+    }
+}
+
+} // namespace
+
+TEST_F(EndpointRace, OfAPublisherAndThoseWhoClearUpIsLostByNobody) {
+    constexpr int deadCount = 50;
+    const StartSignal start;
+    const Crew readers(2, [&](std::size_t, Channel& test) { clearUp(start, test); });
+    for (int round = 0; round < raceRounds; ++round) {
+        // What a publisher leaves that was started again and again only to crash.
+        std::list<PlantedEntry> dead;
+        for (int i = 0; i < deadCount; ++i) {
+            dead.emplace_back(tests::entryName(data, tag, key, tests::noProcess - i),
+                              tests::segmentBytes(data));
+        }
+        start.give(readers.size());
+        Endpoint endpoint;
+        EXPECT_NO_THROW(endpoint = Endpoint(data, tag, key)) << "in round " << round;
+        readers.hear();
+        readers.tell("go on");
+        endpoint.reset();
+        EXPECT_EQ(Endpoint::list(), DataPairs());
+    }
+}
+
+TEST_F(EndpointRace, ForADeadEntryIsNotLostByAPublisherOfTheSameName) {
+    const StartSignal start;
+    const Crew readers(readerCount, [&](std::size_t, Channel& test) { clearUp(start, test); });
+    const std::string name = tests::entryName(data, tag, key, ::getpid());
+    for (int round = 0; round < raceRounds; ++round) {
+        const PlantedEntry dead(name, tests::segmentBytes(data));
+        start.give(readers.size());
+        Endpoint endpoint;
+        ASSERT_NO_THROW(endpoint = Endpoint(data, tag, key)) << "in round " << round;
+        EXPECT_EQ(Endpoint::find(tag, key), data) << "in round " << round;
+        readers.hear();
+        EXPECT_EQ(Endpoint::find(tag, key), data) << "in round " << round;
+        EXPECT_EQ(tests::entryFiles(), std::vector<std::string>{name}) << "in round " << round;
+        readers.tell("go on");
+    }
 }

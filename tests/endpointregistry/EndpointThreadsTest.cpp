@@ -49,6 +49,7 @@ TEST_F(EndpointThreads, LookUpAtOnceWhilePublishersComeAndGo) {
     std::atomic<int> seen = 0;
     std::atomic<int> wrong = 0;
     std::vector<std::thread> threads;
+    threads.reserve(publisherCount + readerCount);
     for (int number = 0; number < publisherCount; ++number) {
         threads.emplace_back([&, number] {
             // Goes on until somebody saw something, or the test would prove nothing.
@@ -85,6 +86,7 @@ TEST_F(EndpointThreads, ClearUpOneDeadEntryTogether) {
                                 tests::segmentBytes(data));
         std::atomic<int> found = 0;
         std::vector<std::thread> readers;
+        readers.reserve(readerCount);
         for (int reader = 0; reader < readerCount; ++reader) {
             readers.emplace_back([&] { found += Endpoint::find(tag, "key") ? 1 : 0; });
         }
@@ -101,6 +103,7 @@ TEST_F(EndpointThreads, PublishSynonymsOfWhichOneWins) {
     for (int round = 0; round < rounds; ++round) {
         std::vector<std::optional<Endpoint>> endpoints(readerCount);
         std::vector<std::thread> publishers;
+        publishers.reserve(readerCount);
         for (int number = 0; number < readerCount; ++number) {
             publishers.emplace_back(
                 [&endpoint = endpoints.at(static_cast<std::size_t>(number)), number] {

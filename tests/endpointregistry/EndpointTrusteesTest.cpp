@@ -2,6 +2,7 @@
 
 #include "endpointregistry/LockedFile.h"
 #include "tests/endpointregistry/EndpointTools.h"
+#include "tests/endpointregistry/FoldersRefusedCalls.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/LoggersReportedFailure.h"
 #include "tests/support/ForkedProcess.h"
@@ -16,6 +17,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -142,4 +144,17 @@ TEST_F(LookupFromAllTrustees, DoesNotTakeAnOwnEntryForOneOfAGroup) {
         EXPECT_EQ(Endpoint::find(tag, key, Trustees{"", accounts::friends}), data);
         EXPECT_EQ(Endpoint::list(Trustees{"", accounts::friends}), DataPairs{data});
     });
+}
+
+TEST_F(LookupFromAllTrustees, FailsWhereTheSystemDoesNotTellTheGroups) {
+    EXPECT_EQ(tests::runInChild([] {
+                  tests::refuseCalls({SYS_getgroups}, EPERM);
+                  const Endpoint endpoint(data, tag, key);
+                  EXPECT_THROW(Endpoint::findFromAllTrustees(tag, key), std::length_error);
+                  EXPECT_THROW(Endpoint::filterFromAllTrustees(tag), std::length_error);
+                  EXPECT_THROW(Endpoint::listFromAllTrustees(), std::length_error);
+                  EXPECT_EQ(Endpoint::find(tag, key), data);
+                  EXPECT_EQ(Endpoint::list(), DataPairs{data});
+              }),
+              0);
 }

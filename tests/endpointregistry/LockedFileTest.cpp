@@ -96,6 +96,17 @@ TEST_F(CreateAndTryLock, ObeysTheLastOfMakePersistentAndMarkForDeletion) {
     EXPECT_EQ(tests::namesIn(folder()), Names{});
 }
 
+TEST_F(CreateAndTryLock, LeavesAFileThatWasPutInThePlaceOfItsOwn) {
+    {
+        const LockedFile robbed = LockedFile::createAndTryLock(name, parent, "");
+        LockedFile::destruct(name, parent, "");
+        LockedFile next = LockedFile::createAndTryLock(name, parent, "");
+        ASSERT_TRUE(next.isLocked());
+        next.makePersistent();
+    }
+    EXPECT_EQ(tests::namesIn(folder()), Names{name});
+}
+
 TEST_F(CreateAndTryLock, SucceedsAgainOnceTheObjectIsGone) {
     for (int round = 0; round < 10; ++round) {
         EXPECT_TRUE(LockedFile::createAndTryLock(name, parent, "").isLocked()) << round;

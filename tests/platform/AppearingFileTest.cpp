@@ -47,8 +47,8 @@ std::string read(const std::string& path) {
 /// The files of this test, in a folder of their own.
 class AppearingFiles : public testing::Test {
 protected:
-    AppearingFiles() { fs::create_directory(folder); }
-    ~AppearingFiles() override { fs::remove_all(folder); }
+    void SetUp() override { fs::create_directory(folder); }
+    void TearDown() override { fs::remove_all(folder); }
 
     std::vector<std::string> names() const {
         std::vector<std::string> found;

@@ -41,8 +41,8 @@ void expectPrivateFolder(const std::string& path, uid_t owner) {
 /// Each test starts without the folder, and leaves none.
 class CorvantisPath : public testing::Test {
 protected:
-    CorvantisPath() { clear(); }
-    ~CorvantisPath() override { clear(); }
+    void SetUp() override { clear(); }
+    void TearDown() override { clear(); }
 
     static void clear() {
         for (const auto& entry : fs::directory_iterator("/dev/shm")) {

@@ -20,6 +20,7 @@ TEST(LogThreads, LogThroughOneLoggerWithoutLosingARecord) {
     const LogCapture capture("a=all");
     Logger logger("a");
     std::vector<std::jthread> threads;
+    threads.reserve(threadCount);
     for (int i = 0; i < threadCount; ++i) {
         threads.emplace_back([&logger] {
             for (int j = 0; j < recordCount; ++j) {
@@ -41,8 +42,10 @@ TEST(LogThreads, MakeAndUseLoggersWhileFiltersChange) {
     const LogCapture capture("");
     Logger lasting("a");
     std::atomic<bool> isOver = false;
+    constexpr int threadCount = 3;
     std::vector<std::jthread> threads;
-    for (int i = 0; i < 3; ++i) {
+    threads.reserve(threadCount);
+    for (int i = 0; i < threadCount; ++i) {
         threads.emplace_back([&] {
             while (!isOver) {
                 lasting.log(severity::error, "lasting");

@@ -62,17 +62,17 @@ TEST_F(SharedMemoryArguments, IncludeNoSizeBeyondTheMemory) {
 std::vector<std::string> awkwardNames() {
     const std::string x = "x";
     std::vector<std::string> names{
-        "",         ".",  "..", ".x",  "/",    "/x",   "x/",  "x/x", "../x", "x/../x",
-        "~",        "~x", "@",  "x@",  "x@u0", "x@ux", "x y", "x\n", "\x7f", "\xff",
-        "\xc3\xa4", "X",  "x",  "%2f", "x:y",  "x\\y", "x*",  "-x",  "sem.x"};
-    names.push_back(std::string("x\0", 2));
-    names.push_back(std::string("x\0x", 3));
-    names.push_back(std::string("\0", 1));
+        ".nascent-1", "",         ".",  "..", ".x",  "/",    "/x",   "x/",  "x/x", "../x",
+        "x/../x",     "~",        "~x", "@",  "x@",  "x@u0", "x@ux", "x y", "x\n", "\x7f",
+        "\xff",       "\xc3\xa4", "X",  "x",  "%2f", "x:y",  "x\\y", "x*",  "-x",  "sem.x"};
+    names.emplace_back("x\0", 2);
+    names.emplace_back("x\0x", 3);
+    names.emplace_back("\0", 1);
     for (std::size_t length = 200; length <= 300; ++length) {
-        names.push_back(std::string(length, 'n'));
+        names.emplace_back(length, 'n');
     }
     names.push_back(std::string(299, 'n') + "m");
-    names.push_back(std::string(5000, 'n'));
+    names.emplace_back(5000, 'n');
     return names;
 }
 

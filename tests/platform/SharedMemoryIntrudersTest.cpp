@@ -72,6 +72,21 @@ TEST_F(SharedMemoryIntruders, AreRefusedAsFilesWithHoles) {
     });
 }
 
+TEST_F(SharedMemoryIntruders, AreRefusedAsSegmentsOfAnotherNameUnderTheSameFileName) {
+    // Only names that no file can have share their file names, and that by accident only.
+    const std::string path = tests::fileOf("na/me");
+    const SharedMemory other = create("other/name");
+    fs::rename(tests::segmentFiles().at(0), path);
+    EXPECT_FALSE(find("na/me").isAttached());
+    EXPECT_THROW(create("na/me"), std::runtime_error);
+    EXPECT_THROW(createOrFind("na/me"), std::runtime_error);
+    makeFile(path, S_IRUSR | S_IWUSR);
+    fs::resize_file(path, 1);
+    EXPECT_FALSE(find("na/me", 1).isAttached());
+    EXPECT_THROW(create("na/me"), std::runtime_error);
+    clear();
+}
+
 TEST_F(SharedMemoryIntruders, AreRefusedAsLinksToNothingAndMakeNothingThere) {
     expectRefused([](const std::string& path) { fs::create_symlink("/dev/shm/target", path); });
 }

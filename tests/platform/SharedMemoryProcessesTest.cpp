@@ -16,11 +16,9 @@ namespace {
 using tests::bytesOf;
 using tests::Channel;
 using tests::create;
-using tests::createOrFind;
 using tests::find;
 using tests::ForkedProcess;
 using tests::SharedMemory;
-using tests::someSize;
 
 class SharedMemoryProcesses : public tests::SharedMemoryTest {};
 

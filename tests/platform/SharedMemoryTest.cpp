@@ -192,12 +192,13 @@ TEST_F(SharedMemoryMove, HandsTheSegmentOn) {
         const SharedMemory into = std::move(from);
         EXPECT_TRUE(into.isCreator());
         EXPECT_EQ(into.getPointer(), pointer);
-        // NOLINTBEGIN(bugprone-use-after-move): what moved-from handles promise
+        // NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move): what moved-from
+        // handles promise
         EXPECT_FALSE(from.isAttached());
         EXPECT_FALSE(from.isCreator());
         EXPECT_EQ(from.getPointer(), nullptr);
         EXPECT_EQ(from.getTrustee(), "");
-        // NOLINTEND(bugprone-use-after-move)
+        // NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
         EXPECT_TRUE(find("name").isAttached());
     }
     EXPECT_FALSE(find("name").isAttached());

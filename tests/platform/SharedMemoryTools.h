@@ -66,9 +66,10 @@ inline struct stat statusOf(const std::string& path) {
 /// Expects every test to leave shared memory empty.
 class SharedMemoryTest : public testing::Test {
 protected:
-    ~SharedMemoryTest() override { clear(); }
-
-    void TearDown() override { EXPECT_EQ(segmentFiles(), std::vector<std::string>()); }
+    void TearDown() override {
+        EXPECT_EQ(segmentFiles(), std::vector<std::string>());
+        clear();
+    }
 
     static void clear() {
         for (const auto& path : segmentFiles()) {

@@ -3,9 +3,9 @@
 #include "foundation/log/RecordAttributes.h"
 #include "foundation/log/Roster.h"
 
+#include <boost/log/attributes/attribute_value_impl.hpp>
 #include <boost/log/attributes/clock.hpp>
 #include <boost/log/attributes/constant.hpp>
-#include <boost/log/attributes/attribute_value_impl.hpp>
 #include <boost/log/detail/default_attribute_names.hpp>
 #include <boost/log/sources/severity_channel_logger.hpp>
 #include <utility>
