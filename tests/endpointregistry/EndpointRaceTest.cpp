@@ -4,6 +4,7 @@
 #include "tests/endpointregistry/EndpointProcesses.h"
 #include "tests/endpointregistry/EndpointTools.h"
 #include "tests/endpointregistry/LockedFileProcesses.h"
+#include "tests/endpointregistry/LockedFileTools.h"
 
 #include <algorithm>
 #include <atomic>
@@ -30,6 +31,7 @@ constexpr std::size_t publisherCount = 32;
 constexpr int raceRounds = 200;
 constexpr std::size_t readerCount = 4;
 constexpr int republications = 3000;
+constexpr int takeOverRounds = 1000;
 
 const DataPair data("ab", "c");
 const std::string tag = "tag";
@@ -210,9 +212,13 @@ TEST_F(EndpointRace, ForADeadEntryIsNotLostByAPublisherOfTheSameName) {
     const StartSignal start;
     const Crew readers(readerCount, [&](std::size_t, Channel& test) { clearUp(start, test); });
     const std::string name = tests::entryName(data, tag, key, ::getpid());
-    for (int round = 0; round < raceRounds; ++round) {
+    for (int round = 0; round < takeOverRounds; ++round) {
         const PlantedEntry dead(name, tests::segmentBytes(data));
         start.give(readers.size());
+        if (round % 2 == 1) {
+            // Just when one has cleared up, and others are still about to.
+            tests::waitUntil([&dead] { return !dead.hasFile(); }, "the dead entry is cleared up");
+        }
         Endpoint endpoint;
         ASSERT_NO_THROW(endpoint = Endpoint(data, tag, key)) << "in round " << round;
         EXPECT_EQ(Endpoint::find(tag, key), data) << "in round " << round;

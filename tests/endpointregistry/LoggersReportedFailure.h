@@ -28,6 +28,7 @@ void expectLogged(const Call& call, const std::vector<std::string>& messages) {
     const LogCapture log;
     call();
     std::vector<LogRecord> expected;
+    expected.reserve(messages.size());
     for (const std::string& message : messages) {
         expected.push_back({registryChannel, 512, message});
     }
