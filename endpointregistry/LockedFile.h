@@ -61,8 +61,8 @@ public:
     LockedFile& operator=(const LockedFile&) = delete;
 
     /// Removes the file if it is marked for that, then unlocks it. A file that cannot be removed
-    /// is logged and stays; so does another file that somebody put in its place. A lock on descriptor 0 is
-    /// kept until the process ends.
+    /// is logged and stays; so does another file that somebody put in its place. A lock on
+    /// descriptor 0 is kept until the process ends.
     ~LockedFile();
 
     /// Has the file removed, or not removed, with the object. Call `markForDeletion` only on an
