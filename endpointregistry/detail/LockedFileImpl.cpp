@@ -43,7 +43,7 @@ bool LockedFile::Impl::isOursToRemove() const {
     const bool isReplaced = ::lstat((parentPath + name).c_str(), &status) == 0 &&
                             S_ISREG(status.st_mode) &&
                             os::FileIdentity(status) != os::identityOf(lock.get());
-    // And that of a forked child's copy is its parent's.
+    // The file of a forked child's copy is its parent's.
     return !isReplaced && !lock.isInherited();
 }
 
