@@ -1,19 +1,17 @@
 #include "sharedmemory/PosixSegment.h"
 
-#include "foundation/os/Accounts.h"
 #include "foundation/os/AppearingFile.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/Mapping.h"
 #include "foundation/os/RetryOnInterrupt.h"
-#include "sharedmemory/Logger.h"
+#include "sharedmemory/Failure.h"
 #include "sharedmemory/SegmentName.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <limits>
 #include <optional>
-#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,27 +23,14 @@ namespace agent::spf::sharedmemory {
 namespace {
 
 namespace os = foundation::os;
-using foundation::log::severity;
-
-[[noreturn]] void fail(const std::string& what, const std::string& path, int error) {
-    getLogger().log(severity::error, "SharedMemory: ", what, ": <", path, ">. (Error ", error, ")");
-    throw std::runtime_error("Shared memory error: " + what);
-}
 
 /// One identity: where its segment is, and who may have made it.
 struct Place {
     Place(const std::string& name, const std::string& trustee)
         : user(::geteuid())
         , segmentName(segmentNameOf(name, trustee, user))
-        , path("/dev/shm/" + segmentName.platformName) {
-        if (trustee.empty()) {
-            return;
-        }
-        group = os::findGroupId(trustee);
-        if (!group) {
-            throw std::invalid_argument("Shared memory trustee is not a group: " + trustee);
-        }
-    }
+        , path("/dev/shm/" + segmentName.platformName)
+        , group(groupOf(trustee)) {}
 
     /// /dev/shm is open to all, so a file of this name may be anybody's. Owner and group cannot be
     /// forged: a file is given only to a group that its owner is a member of.
@@ -73,16 +58,20 @@ struct Place {
 class PosixSegment : public SharedMemory::Segment {
 public:
     PosixSegment(std::string trustee, std::string path, os::FileIdentity identity,
-                 os::Mapping mapping)
+                 std::size_t ownSize, os::Mapping mapping)
         : Segment(std::move(trustee))
         , path(std::move(path))
         , identity(identity)
+        , ownSize(ownSize)
         , mapping(std::move(mapping)) {}
 
     void* address() const noexcept override { return mapping.get(); }
+    std::size_t size() const noexcept override { return ownSize; }
+
+    bool isStillNamed() const noexcept override { return os::identityAt(path) == identity; }
 
     void remove() noexcept override {
-        if (os::identityAt(path) == identity) {
+        if (isStillNamed()) {
             ::unlink(path.c_str());
         }
     }
@@ -90,6 +79,7 @@ public:
 private:
     std::string path;
     os::FileIdentity identity;
+    std::size_t ownSize;
     os::Mapping mapping;
 };
 
@@ -184,8 +174,8 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
             if (!identity || !mapping) {
                 return errno;
             }
-            segment =
-                std::make_unique<PosixSegment>(trustee, place.path, *identity, std::move(mapping));
+            segment = std::make_unique<PosixSegment>(trustee, place.path, *identity, size,
+                                                     std::move(mapping));
             return 0;
         });
     if (file.error != 0) {
@@ -201,8 +191,8 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
     return segment;
 }
 
-PosixLookup findPosixSegment(const std::string& name, std::size_t size,
-                             const std::string& trustee) {
+SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
+                               const std::string& trustee) {
     const Place place(name, trustee);
     const ExistingFile file = openExisting(place);
     if (!file.isTrusted()) {
@@ -218,7 +208,7 @@ PosixLookup findPosixSegment(const std::string& name, std::size_t size,
         fail("cannot map the segment", place.path, errno);
     }
     return {std::make_unique<PosixSegment>(trustee, place.path, os::FileIdentity(file.status),
-                                           std::move(mapping)),
+                                           available, std::move(mapping)),
             true};
 }
 

@@ -2,6 +2,7 @@
 
 #include "sharedmemory/SharedMemory.h"
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <sys/types.h>
@@ -21,6 +22,10 @@ public:
     Segment& operator=(const Segment&) = delete;
 
     virtual void* address() const noexcept = 0;
+    virtual std::size_t size() const noexcept = 0;
+
+    /// Whether whoever looks for the name now still comes to this segment.
+    virtual bool isStillNamed() const noexcept = 0;
 
     /// Removes the segment's name, unless it stands for another segment by now.
     virtual void remove() noexcept = 0;

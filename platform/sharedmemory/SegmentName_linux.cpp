@@ -4,6 +4,8 @@
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <climits>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace agent::spf::sharedmemory {
@@ -17,21 +19,48 @@ bool isPlain(std::string_view text) {
     return text.find_first_not_of(plain) == std::string_view::npos;
 }
 
+boost::uuids::uuid uuidOf(const std::string& identity) {
+    const boost::uuids::name_generator_sha1 generate(boost::uuids::ns::oid());
+    return generate(identity);
+}
+
+std::string ownerOf(const std::string& trustee, uid_t user) {
+    return trustee.empty() ? "u" + std::to_string(user) : "g" + trustee;
+}
+
 } // namespace
 
 // A person who looks into /dev/shm reads "<name>@u<user id>" or "<name>@g<trustee>"; what does not
 // fit there is "~" and the identity's UUID of version 5.
 SegmentName segmentNameOf(const std::string& name, const std::string& trustee, uid_t user) {
-    const std::string owner = trustee.empty() ? "u" + std::to_string(user) : "g" + trustee;
+    const std::string owner = ownerOf(trustee, user);
     std::string readable = name + "@" + owner;
     const bool readableFits = !name.empty() && name.front() != '.' && isPlain(name) &&
                               isPlain(owner) && readable.size() <= NAME_MAX;
     if (readableFits) {
         return {std::move(readable), {}};
     }
-    std::string identity = owner + '\0' + name;
-    const boost::uuids::name_generator_sha1 uuidOf(boost::uuids::ns::oid());
+    std::string identity = segmentIdentityOf(name, trustee, user);
     return {"~" + boost::uuids::to_string(uuidOf(identity)), std::move(identity)};
+}
+
+std::string segmentIdentityOf(const std::string& name, const std::string& trustee, uid_t user) {
+    return ownerOf(trustee, user) + '\0' + name;
+}
+
+std::array<int, segmentKeyCount> segmentKeysOf(const std::string& identity) {
+    const boost::uuids::uuid uuid = uuidOf(identity);
+    std::uint32_t key = 0;
+    std::uint32_t step = 0;
+    std::memcpy(&key, uuid.begin(), sizeof key);
+    std::memcpy(&step, uuid.begin() + sizeof key, sizeof step);
+    step |= 1U; // An odd step comes back to no key but after all of them.
+    std::array<int, segmentKeyCount> keys{};
+    for (int& result : keys) {
+        key += key + step == 0 ? 2 * step : step;
+        result = static_cast<int>(key);
+    }
+    return keys;
 }
 
 } // namespace agent::spf::sharedmemory

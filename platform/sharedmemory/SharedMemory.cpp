@@ -1,8 +1,13 @@
 #include "sharedmemory/SharedMemory.h"
 
+#include "foundation/os/Accounts.h"
+#include "sharedmemory/Failure.h"
 #include "sharedmemory/PosixSegment.h"
 #include "sharedmemory/Segment.h"
+#include "sharedmemory/SysVSegment.h"
 
+#include <cerrno>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -10,13 +15,39 @@ namespace agent::spf::sharedmemory {
 
 namespace {
 
-void checkArguments(std::size_t size, SharedMemory::ImplementationSpecifications implementation) {
+using Segments = SharedMemory::ImplementationSpecifications;
+
+/// The calls of one implementation.
+struct Backend {
+    decltype(&createPosixSegment) create;
+    decltype(&findPosixSegment) find;
+};
+
+Backend backendOf(std::size_t size, Segments implementation) {
     if (size == 0) {
         throw std::invalid_argument("Shared memory size cannot be 0");
     }
-    if (implementation != SharedMemory::ImplementationSpecifications::Posix) {
-        throw std::invalid_argument("Shared memory implementation is not available");
+    switch (implementation) {
+    case Segments::Posix:
+        return {createPosixSegment, findPosixSegment};
+    case Segments::SysV:
+        return {createSysVSegment, findSysVSegment};
     }
+    throw std::invalid_argument("Shared memory implementation is not available");
+}
+
+std::set<std::string> getOwnGroupNames() {
+    auto names = foundation::os::findOwnGroupNames();
+    if (!names) {
+        fail("cannot ask for the caller's groups", {}, errno);
+    }
+    return std::move(*names);
+}
+
+/// What a caller takes for its private POSIX segment must never come from a group. Users of System V
+/// segments are told to ask which it is.
+bool looksInGroups(const std::string& trustee, Segments implementation) {
+    return trustee.empty() && implementation == Segments::SysV;
 }
 
 } // namespace
@@ -24,23 +55,31 @@ void checkArguments(std::size_t size, SharedMemory::ImplementationSpecifications
 SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
                                   const std::string& trustee,
                                   ImplementationSpecifications implementation) {
-    checkArguments(size, implementation);
-    return SharedMemory(createPosixSegment(name, size, trustee));
+    return SharedMemory(backendOf(size, implementation).create(name, size, trustee));
 }
 
 SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
                                 const std::string& trustee,
                                 ImplementationSpecifications implementation) {
-    checkArguments(size, implementation);
-    return SharedMemory(findPosixSegment(name, size, trustee).segment);
+    const Backend backend = backendOf(size, implementation);
+    SegmentLookup found = backend.find(name, size, trustee);
+    if (!found.segment && looksInGroups(trustee, implementation)) {
+        for (const std::string& group : getOwnGroupNames()) {
+            found = backend.find(name, size, group);
+            if (found.segment) {
+                break;
+            }
+        }
+    }
+    return SharedMemory(std::move(found.segment));
 }
 
 SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
                                         const std::string& trustee,
                                         ImplementationSpecifications implementation) {
-    checkArguments(size, implementation);
+    const Backend backend = backendOf(size, implementation);
     for (;;) {
-        PosixLookup found = findPosixSegment(name, size, trustee);
+        SegmentLookup found = backend.find(name, size, trustee);
         if (found.segment) {
             return SharedMemory(std::move(found.segment));
         }
@@ -48,7 +87,7 @@ SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t siz
             throw std::runtime_error("Shared memory error: the segment there cannot be used");
         }
         // Another process may be first, and may even remove its segment before the next look.
-        if (auto created = createPosixSegment(name, size, trustee)) {
+        if (auto created = backend.create(name, size, trustee)) {
             return SharedMemory(std::move(created));
         }
     }
@@ -57,6 +96,8 @@ SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t siz
 SharedMemory::SharedMemory(std::unique_ptr<Segment> segment) noexcept
     : segment(std::move(segment)) {
 }
+
+SharedMemory::SharedMemory() noexcept = default;
 
 SharedMemory::SharedMemory(SharedMemory&& other) noexcept = default;
 
@@ -83,6 +124,14 @@ bool SharedMemory::isCreator() const noexcept {
 
 void* SharedMemory::getPointer() const noexcept {
     return segment ? segment->address() : nullptr;
+}
+
+std::size_t SharedMemory::getSize() const noexcept {
+    return segment ? segment->size() : 0;
+}
+
+bool SharedMemory::isStillNamed() const noexcept {
+    return segment && segment->isStillNamed();
 }
 
 std::string SharedMemory::getTrustee() const {

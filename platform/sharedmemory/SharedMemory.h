@@ -18,7 +18,7 @@ namespace agent::spf::sharedmemory {
 ///
 /// Nobody ever sees a segment half made: it can be found only at its full size, all bytes zero,
 /// with its final owner and mode, its memory reserved. What is found is checked before it is used:
-/// its kind, its owner or group, its mode and its size.
+/// who made it, its group, its mode and its size.
 ///
 /// A handle may be moved and not copied; one thread at a time uses it, while the bytes behind it
 /// belong to all processes attached. A child made by fork() inherits handles that stay attached
@@ -28,13 +28,16 @@ public:
     enum class ImplementationSpecifications : std::uint32_t {
         /// Segments of POSIX shared memory.
         Posix = 0,
-        /// Segments of System V shared memory; not available yet.
+        /// Segments of System V shared memory. Since only their owner may remove them from the
+        /// kernel, one that another member of the trustee group removes is found no more, and goes
+        /// for good when its owner next opens any segment.
         SysV = 1,
     };
 
     // The openers. `size` is in bytes and at least 1. All throw std::invalid_argument when the
-    // size is 0, the trustee is no group or the implementation is not available, and
-    // std::runtime_error when the system refuses: too few descriptors, no memory left.
+    // size is 0, the trustee is no group or the implementation is unknown, and std::runtime_error
+    // when the system refuses: too few descriptors, no memory left, no permission. Any thread may
+    // call them.
 
     /// Makes a new segment of exactly this size. Not attached when there is one already. It goes
     /// with the handle unless made persistent. Throws std::runtime_error also when something that
@@ -45,6 +48,10 @@ public:
 
     /// Attaches to the first `size` bytes of a segment. Not attached when there is none, or when
     /// the one there is smaller or is not to be trusted.
+    ///
+    /// Among System V segments an empty trustee asks for the caller's private one, and if there is
+    /// none for the one made for the first of the caller's groups, in ascending order of their
+    /// names, that has one; `getTrustee` tells which.
     static SharedMemory find(const std::string& name, std::size_t size, const std::string& trustee,
                              ImplementationSpecifications implementation);
 
@@ -53,6 +60,9 @@ public:
     static SharedMemory createOrFind(const std::string& name, std::size_t size,
                                      const std::string& trustee,
                                      ImplementationSpecifications implementation);
+
+    /// A handle that is not attached.
+    SharedMemory() noexcept;
 
     /// A moved-from handle is not attached.
     SharedMemory(SharedMemory&& other) noexcept;
@@ -76,6 +86,14 @@ public:
     /// The segment's first byte, readable and writable, aligned to a page; null when not attached.
     /// Valid for as long as the handle is attached.
     void* getPointer() const noexcept;
+
+    /// The size in bytes that the segment was made with, of which at least as many are mapped as
+    /// were asked for; 0 when not attached.
+    std::size_t getSize() const noexcept;
+
+    /// Whether a process that looks for the name now still comes to this segment: it was not
+    /// removed meanwhile. False when not attached.
+    bool isStillNamed() const noexcept;
 
     /// The trustee that the segment was made for; empty for a private one, or when not attached.
     std::string getTrustee() const;

@@ -31,11 +31,11 @@ TEST_F(SharedMemoryArguments, IncludeNoSizeOfZero) {
     EXPECT_THROW(createOrFind("name", 0), std::invalid_argument);
 }
 
-TEST_F(SharedMemoryArguments, IncludeNoSystemV) {
-    constexpr auto sysV = SharedMemory::ImplementationSpecifications::SysV;
-    EXPECT_THROW(SharedMemory::create("name", someSize, "", sysV), std::invalid_argument);
-    EXPECT_THROW(SharedMemory::find("name", someSize, "", sysV), std::invalid_argument);
-    EXPECT_THROW(SharedMemory::createOrFind("name", someSize, "", sysV), std::invalid_argument);
+TEST_F(SharedMemoryArguments, IncludeNoImplementationThatThereIsNot) {
+    constexpr auto unknown = static_cast<SharedMemory::ImplementationSpecifications>(2);
+    EXPECT_THROW(SharedMemory::create("name", someSize, "", unknown), std::invalid_argument);
+    EXPECT_THROW(SharedMemory::find("name", someSize, "", unknown), std::invalid_argument);
+    EXPECT_THROW(SharedMemory::createOrFind("name", someSize, "", unknown), std::invalid_argument);
 }
 
 TEST_F(SharedMemoryArguments, IncludeNoTrusteeThatIsNoGroup) {

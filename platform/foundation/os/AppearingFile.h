@@ -1,9 +1,9 @@
 #pragma once
 
 #include "foundation/os/FileDescriptor.h"
+#include "foundation/os/FilePlace.h"
 
 #include <functional>
-#include <string>
 #include <sys/types.h>
 
 namespace foundation::os {
@@ -15,19 +15,19 @@ struct AppearingFile {
     int error = 0;
 };
 
-/// Makes a file that appears under `path` in one step, with exactly this mode and as `prepare` left
+/// Makes a file that appears in its place in one step, with exactly this mode and as `prepare` left
 /// it.
 ///
 /// `prepare` gets the descriptor (readable and writable) of an empty file that has no name yet, or
 /// one that nobody looks for, and returns 0 or an errno value, which ends the attempt. It may be
 /// called more than once, each time with a new file, the one before being gone. Whoever opens
-/// `path` sees a finished file; what stands there already is never touched. A crash at any moment
-/// leaves `path` either finished or absent.
+/// the place sees a finished file; what stands there already is never touched. A crash at any
+/// moment leaves the file either finished or absent.
 ///
 /// Where neither the kernel nor /proc lets an unnamed file be named, the file is made under a
 /// hidden name (".nascent-" and random digits) in the same folder first. Those that a crash left
 /// there are removed by the next call that needs the detour.
-AppearingFile createAppearing(const std::string& path, mode_t mode,
+AppearingFile createAppearing(const FilePlace& place, mode_t mode,
                               const std::function<int(int descriptor)>& prepare);
 
 } // namespace foundation::os

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "foundation/os/FileDescriptor.h"
+
 #include <cerrno>
 #include <dirent.h>
 #include <memory>
@@ -13,6 +15,15 @@ public:
     /// Opens the directory; empty, with errno set, when it cannot be opened.
     explicit DirectoryStream(const std::string& path)
         : stream(::opendir(path.c_str())) {}
+
+    /// Reads an open directory from its present position on; empty, with errno set, when it cannot
+    /// be read.
+    explicit DirectoryStream(FileDescriptor directory)
+        : stream(directory ? ::fdopendir(directory.get()) : nullptr) {
+        if (stream) {
+            directory.release();
+        }
+    }
 
     explicit operator bool() const noexcept { return stream != nullptr; }
 

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "foundation/os/FilePlace.h"
+
 #include <optional>
-#include <string>
 #include <sys/stat.h>
 
 namespace foundation::os {
@@ -27,10 +28,10 @@ inline std::optional<FileIdentity> identityOf(int descriptor) noexcept {
     return FileIdentity(status);
 }
 
-/// The identity of what stands under a path, a link itself and not what it points to.
-inline std::optional<FileIdentity> identityAt(const std::string& path) noexcept {
+/// The identity of what stands in a place, a link itself and not what it points to.
+inline std::optional<FileIdentity> identityAt(const FilePlace& place) noexcept {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) {
+    if (::fstatat(place.folder, place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return std::nullopt;
     }
     return FileIdentity(status);

@@ -1,0 +1,129 @@
+#include "foundation/os/AppearingFolder.h"
+
+#include "foundation/os/DirectoryStream.h"
+#include "foundation/os/FileDescriptor.h"
+#include "foundation/os/RetryOnInterrupt.h"
+#include "foundation/os/TemporaryName.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace foundation::os {
+
+namespace {
+
+/// What the kernel keeps access control lists as.
+constexpr std::array<const char*, 2> accessLists{"system.posix_acl_access",
+                                                 "system.posix_acl_default"};
+
+FileDescriptor openFolder(const FilePlace& place) {
+    return FileDescriptor(retryOnInterrupt([&] {
+        return ::openat(place.folder, place.name.c_str(),
+                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    }));
+}
+
+bool isOwn(int folder) {
+    struct stat status {};
+    return ::fstat(folder, &status) == 0 && status.st_uid == ::geteuid();
+}
+
+int removeAccessLists(int folder) {
+    for (const char* const list : accessLists) {
+        if (::fremovexattr(folder, list) != 0 && errno != ENODATA && errno != EOPNOTSUPP) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+/// The mark by which a temporary folder's maker shows that it lives.
+bool mark(int folder) {
+    return retryOnInterrupt([&] { return ::flock(folder, LOCK_EX | LOCK_NB); }) == 0;
+}
+
+void removeAbandonedTemporaries(const FilePlace& place) {
+    DirectoryStream names(openFolder(place.parent()));
+    if (!names) {
+        return;
+    }
+    while (const char* name = names.next()) {
+        if (!std::string_view(name).starts_with(temporaryPrefix)) {
+            continue;
+        }
+        const FilePlace temporary = place.sibling(name);
+        const FileDescriptor folder = openFolder(temporary);
+        // A maker between creation and mark loses its folder here, notices, and makes another.
+        if (folder && isOwn(folder.get()) && mark(folder.get())) {
+            ::unlinkat(temporary.folder, temporary.name.c_str(), AT_REMOVEDIR);
+        }
+    }
+}
+
+/// Gives a new folder its group and mode; returns 0 or the errno value. The lists go first: what
+/// they grant is limited by the group's permissions only until the mode is set.
+int furnish(int folder, mode_t mode, std::optional<gid_t> group) {
+    if (const int error = removeAccessLists(folder); error != 0) {
+        return error;
+    }
+    constexpr auto sameUser = static_cast<uid_t>(-1);
+    if (group && ::fchown(folder, sameUser, *group) != 0) {
+        return errno;
+    }
+    return ::fchmod(folder, mode) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid_t> group) {
+    removeAbandonedTemporaries(place);
+    for (;;) {
+        const TemporaryName name(place, AT_REMOVEDIR);
+        if (::mkdirat(place.folder, name.get(), S_IRWXU) != 0) {
+            return errno;
+        }
+        const FileDescriptor folder = openFolder(name.place());
+        if (!folder) {
+            if (errno == ENOENT) {
+                continue; // Tidied away before its mark.
+            }
+            return errno;
+        }
+        // Somebody who may write here may have put another in its place.
+        if (!isOwn(folder.get())) {
+            return EPERM;
+        }
+        if (!mark(folder.get())) {
+            continue;
+        }
+        if (const int error = furnish(folder.get(), mode, group); error != 0) {
+            return error;
+        }
+        if (::renameat2(place.folder, name.get(), place.folder, place.name.c_str(),
+                        RENAME_NOREPLACE) == 0) {
+            return 0;
+        }
+        if (errno != ENOENT) {
+            return errno;
+        }
+    }
+}
+
+bool carriesAccessControlList(int descriptor) {
+    for (const char* const list : accessLists) {
+        if (::fgetxattr(descriptor, list, nullptr, 0) >= 0 ||
+            (errno != ENODATA && errno != EOPNOTSUPP)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace foundation::os

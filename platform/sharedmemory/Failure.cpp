@@ -1,0 +1,33 @@
+#include "sharedmemory/Failure.h"
+
+#include "foundation/os/Accounts.h"
+#include "sharedmemory/Logger.h"
+
+#include <cerrno>
+#include <stdexcept>
+
+namespace agent::spf::sharedmemory {
+
+namespace os = foundation::os;
+using foundation::log::severity;
+
+void fail(const std::string& what, const std::string& segment, int error) {
+    getLogger().log(severity::error, "SharedMemory: ", what, ": <", segment, ">. (Error ", error,
+                    ")");
+    throw std::runtime_error("Shared memory error: " + what);
+}
+
+std::optional<gid_t> groupOf(const std::string& trustee) {
+    if (trustee.empty()) {
+        return std::nullopt;
+    }
+    if (const auto group = os::findGroupId(trustee)) {
+        return group;
+    }
+    if (!os::saysNoSuchEntry(errno)) {
+        fail("cannot look up the trustee", trustee, errno);
+    }
+    throw std::invalid_argument("Shared memory trustee is not a group: " + trustee);
+}
+
+} // namespace agent::spf::sharedmemory
