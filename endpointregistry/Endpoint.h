@@ -82,6 +82,42 @@ public:
     /// Whether the object publishes an entry.
     explicit operator bool() const noexcept;
 
+    // Sharing. Each trustee, the name of a group of the operating system, gets an entry of its own
+    // with the same data, group tag and selected key, which members of the group find with the
+    // lookups that search it. The private entry stays. All throw std::invalid_argument on an empty
+    // object.
+
+    /// Shares the entry with these groups, too; those it is shared with already and the empty
+    /// string are passed over. Groups are taken in ascending order.
+    ///
+    /// Members find the entry, all of it at once, from when its turn is done. Nobody looks for
+    /// synonyms: members may share equal tags and keys with one group.
+    ///
+    /// Throws std::invalid_argument when the calling process is not in a group or the data contains
+    /// a zero byte; DuplicateEndpointError when another object of this process shares an entry of
+    /// the same data, tag and key with the group; std::runtime_error when the shared folder of this
+    /// machine is missing, when something stands in a place of the group that does not belong to
+    /// it, when the private entry cannot be read any more, or when the system refuses. Groups
+    /// before the one that failed stay shared.
+    void addTrustees(std::set<std::string> trustees);
+
+    /// The groups that the entry is shared with.
+    std::set<std::string> getTrustees() const;
+
+    /// Ends the sharing with these groups; others are passed over. Members that look afterwards do
+    /// not find the entry. Throws std::runtime_error when the private entry cannot be read.
+    ///
+    /// This, and every other way to end a sharing, ends the process when the group's table cannot
+    /// be reached for want of descriptors, memory or rights.
+    void removeTrustees(std::set<std::string> trustees);
+
+    /// Ends the sharing with all groups.
+    void clearTrustees();
+
+    /// Shares the entry with exactly these groups: the new ones first, so that a group in both sets
+    /// never misses it. Throws as `addTrustees` does, before any sharing is ended.
+    void setTrustees(std::set<std::string> trustees);
+
     // Lookups. They change nothing but what the dead left behind, which they remove, and make at
     // most the user's empty base folder. They may be called from any thread. An entry that vanishes
     // while a lookup runs is skipped. A trustee is the name of a group of the operating system, the
@@ -125,6 +161,7 @@ public:
     // The records behind an endpoint; private to the library.
     class __attribute__((visibility("hidden"))) Impl;
     class __attribute__((visibility("hidden"))) PosixImpl;
+    class __attribute__((visibility("hidden"))) SysVImpl;
 
 private:
     void withdrawShares() noexcept;

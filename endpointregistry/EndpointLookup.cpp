@@ -43,8 +43,8 @@ Endpoint::filterUsingEmptySpaceAsGroupTagWildcard(const std::string& groupTag,
                                                   std::set<std::string> trustees) {
     std::set<DataPair> found;
     for (const std::string& trustee : trustees) {
-        for (const std::string& name : Impl::filterNames(groupTag, trustee)) {
-            if (DataPair data = Impl::getDataPair(name, trustee); isEntry(data)) {
+        for (DataPair& data : Impl::getDataPairs(Impl::filterNames(groupTag, trustee), trustee)) {
+            if (isEntry(data)) {
                 found.insert(std::move(data));
             }
         }

@@ -2,17 +2,17 @@
 
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/Folders.h"
-#include "endpointregistry/Groups.h"
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
+#include "endpointregistry/detail/NameListing.h"
 #include "fl/i18n/UstringConversion.h"
-#include "foundation/os/DirectoryStream.h"
 #include "foundation/paths/CorvantisPath.h"
 
 #include <cerrno>
 #include <stdexcept>
 #include <unistd.h>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
@@ -52,12 +52,6 @@ std::string getTrusteeFolderPath(const std::string& parent, const std::string& t
     return path;
 }
 
-[[noreturn]] void failToReadFolder(int error) {
-    getLogger().log(severity::error,
-                    "LockedFile::filterNames(): Failed to open parent folder. (Error ", error, ")");
-    throw std::runtime_error("System Error: File system inconsistency");
-}
-
 } // namespace
 
 LockedFile LockedFile::createAndTryLock(const std::string& name, const std::string& parent,
@@ -78,6 +72,10 @@ LockedFile LockedFile::tryLock(const std::string& name, const std::string& paren
 LockedFile::LockedFile(const std::string& name, const std::string& parent,
                        const std::string& trustee, bool isExclusive, bool waitForLock)
     : impl(std::make_unique<Impl>(name, parent, trustee, isExclusive, waitForLock)) {
+}
+
+LockedFile::LockedFile(std::unique_ptr<Impl> impl) noexcept
+    : impl(std::move(impl)) {
 }
 
 LockedFile::LockedFile(LockedFile&& other) noexcept = default;
@@ -123,7 +121,7 @@ void LockedFile::destruct(const std::string& name, const std::string& parent,
     try {
         const std::string folder = getParentPath(parent, trustee, false);
         if (!name.empty()) {
-            Impl::removeFile(folder + name);
+            Impl::removeFile(folder + name, folder + name);
         }
     } catch (...) { // NOLINT(bugprone-empty-catch): a folder that cannot be had has no such file
     }
@@ -139,24 +137,7 @@ std::string LockedFile::getParentPath(const std::string& parent, const std::stri
 std::vector<std::string> LockedFile::filterNames(std::vector<std::string> nameParts,
                                                  const std::string& parent,
                                                  const std::string& trustee) {
-    std::vector<std::string> names;
-    foundation::os::DirectoryStream folder(getParentPath(parent, trustee, false));
-    if (!folder) {
-        if (errno == ENOENT) {
-            return names;
-        }
-        failToReadFolder(errno);
-    }
-    while (const char* entry = folder.next()) {
-        std::string name = entry;
-        if (containsAll(name, nameParts)) {
-            names.push_back(std::move(name));
-        }
-    }
-    if (errno != 0) {
-        failToReadFolder(errno);
-    }
-    return names;
+    return listNames(getParentPath(parent, trustee, false), nameParts);
 }
 
 } // namespace agent::spf::endpointregistry

@@ -119,6 +119,8 @@ public:
     class __attribute__((visibility("hidden"))) Impl;
 
 private:
+    explicit LockedFile(std::unique_ptr<Impl> impl) noexcept;
+
     std::unique_ptr<Impl> impl;
 };
 

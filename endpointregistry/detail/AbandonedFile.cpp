@@ -19,10 +19,11 @@ namespace os = foundation::os;
 
 /// Not waiting without end, since a process that was stopped while it cleared up, or any other of
 /// the same user, may hold the lock for long.
-LockedDescriptor lockFolder(const std::string& path) {
+LockedDescriptor lockFolder(const os::FilePlace& place) {
     constexpr int attempts = 10000;
-    os::FileDescriptor folder(os::retryOnInterrupt(
-        [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    os::FileDescriptor folder(os::retryOnInterrupt([&] {
+        return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    }));
     for (int i = 0; folder && i < attempts; ++i) {
         if (os::retryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) == 0) {
             return LockedDescriptor(std::move(folder));
@@ -35,21 +36,35 @@ LockedDescriptor lockFolder(const std::string& path) {
 } // namespace
 
 AbandonedFile::AbandonedFile(const std::string& name, const std::string& parent,
-                             const std::string& trustee) {
-    const std::string folder = LockedFile::getParentPath(parent, trustee, false);
-    path = folder + name;
+                             const std::string& trustee)
+    : place(std::string()) {
+    if (!trustee.empty()) {
+        folder = JoinedFolder::find(parent, trustee);
+        if (!folder) {
+            return;
+        }
+        path = folder->path() + name;
+        place = folder->placeOf(name);
+    } else {
+        path = LockedFile::getParentPath(parent, trustee, false) + name;
+        place = path;
+    }
+    examine();
+}
+
+void AbandonedFile::examine() {
     for (;;) {
-        LockingOpen opened = openAndShareLock(path);
+        LockingOpen opened = openAndShareLock(place);
         if (opened.error != 0) {
             found = opened.error == ENOENT ? Finding::nothingToClear : Finding::inUse;
             return;
         }
-        folderLock = lockFolder(folder);
+        folderLock = lockFolder(place.parent());
         if (!folderLock) {
             return;
         }
         // Somebody else may have cleared it up before the folder's lock was free.
-        if (os::identityAt(path) == os::identityOf(opened.lock.get())) {
+        if (os::identityAt(place) == os::identityOf(opened.lock.get())) {
             fileLock = std::move(opened.lock);
             found = Finding::abandoned;
             return;
@@ -59,7 +74,7 @@ AbandonedFile::AbandonedFile(const std::string& name, const std::string& parent,
 }
 
 void AbandonedFile::remove() {
-    LockedFile::Impl::removeFile(path);
+    LockedFile::Impl::removeFile(place, path);
 }
 
 } // namespace agent::spf::endpointregistry

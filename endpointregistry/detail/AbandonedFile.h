@@ -1,7 +1,10 @@
 #pragma once
 
+#include "endpointregistry/detail/JoinedFolder.h"
 #include "endpointregistry/detail/LockedDescriptor.h"
+#include "foundation/os/FilePlace.h"
 
+#include <optional>
 #include <string>
 
 namespace agent::spf::endpointregistry {
@@ -25,7 +28,7 @@ public:
         abandoned,
     };
 
-    /// Examines the file; waits a moment for others that clear up.
+    /// Examines the file; waits a moment for others that clear up. The folder of a group is joined.
     AbandonedFile(const std::string& name, const std::string& parent, const std::string& trustee);
 
     Finding finding() const { return found; }
@@ -35,7 +38,11 @@ public:
     void remove();
 
 private:
+    void examine();
+
+    std::optional<JoinedFolder> folder;
     std::string path;
+    foundation::os::FilePlace place;
     Finding found = Finding::nothingToClear;
     LockedDescriptor folderLock;
     LockedDescriptor fileLock;

@@ -1,26 +1,16 @@
 #include "endpointregistry/detail/EndpointPosixImpl.h"
 
 #include "endpointregistry/EntryName.h"
-#include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/AbandonedFile.h"
 #include "endpointregistry/detail/EntrySegment.h"
-
-#include <cerrno>
-#include <stdexcept>
-#include <unistd.h>
 
 namespace agent::spf::endpointregistry {
 
 namespace {
 
-using foundation::log::severity;
 using sharedmemory::SharedMemory;
 
 constexpr auto implementation = SharedMemory::ImplementationSpecifications::Posix;
-
-bool processIsGone(pid_t process) {
-    return ::getpgid(process) == -1;
-}
 
 } // namespace
 
@@ -39,34 +29,13 @@ Endpoint::PosixImpl::~PosixImpl() {
 }
 
 LockedFile Endpoint::PosixImpl::createLockedFile() {
-    LockedFile file = LockedFile::tryLock(entryName(), LF_PARENT_PATH, trusteeName());
-    if (file.isLocked()) {
-        // New, or left by a dead publisher of this very name: an earlier program of this process,
-        // or one whose process id was given out again. Its segment is in the way then.
-        file.markForDeletion();
+    // A dead publisher's segment would be in the way of the new one.
+    return lockEntryFile([this] {
         if (SharedMemory leftover = findSharedMemory(entryName(), trusteeName());
             leftover.isAttached()) {
             leftover.markForDeletion();
         }
-        return file;
-    }
-    // The holder may have gone meanwhile.
-    file = LockedFile::createAndTryLock(entryName(), LF_PARENT_PATH, trusteeName());
-    if (file.isLocked()) {
-        return file;
-    }
-    const int error = file.getLockError();
-    const bool isTaken = error == EEXIST || error == EWOULDBLOCK ||
-                         LockedFile::exists(entryName(), LF_PARENT_PATH, trusteeName());
-    if (!isTaken) {
-        getLogger().log(
-            severity::error, "Endpoint::PosixImpl::createLockedFile(): Failed to create file: <",
-            LockedFile::getParentPath(LF_PARENT_PATH, trusteeName(), false) + entryName(),
-            ">. (Error ", error, ")");
-        throw std::runtime_error("System Error: File system inconsistency");
-    }
-    throw DuplicateEndpointError(
-        "A synonym endpoint was found while trying to create the locked file");
+    });
 }
 
 SharedMemory Endpoint::PosixImpl::createSharedMemory(const DataPair& data) const {
@@ -94,14 +63,11 @@ bool Endpoint::PosixImpl::staleEndpointFoundAndCleanedUp(const std::string& name
 
 Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,
                                                     const std::string& trustee) {
-    if (getVersionFromName(name) != 0) {
+    if (!hasKnownVersion(name)) {
         return {};
     }
-    // A dead process is noticed before its segment is touched. That some process answers proves
-    // nothing, since ids are given out again: the lock decides below.
-    const auto publisher = static_cast<pid_t>(getPidFromName(name));
-    if (publisher != ::getpid() && processIsGone(publisher) &&
-        staleEndpointFoundAndCleanedUp(name, trustee)) {
+    // A dead process is noticed before its segment is touched.
+    if (isPublisherGone(name) && staleEndpointFoundAndCleanedUp(name, trustee)) {
         return {};
     }
     const SharedMemory segment = findSharedMemory(name, trustee);

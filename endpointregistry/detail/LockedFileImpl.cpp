@@ -7,9 +7,10 @@
 #include "foundation/os/FileIdentity.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <fcntl.h>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
@@ -34,15 +35,32 @@ LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string 
     , lock(lockFile()) {
 }
 
+LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
+                       bool waitForLock)
+    : isExclusive(isExclusive)
+    , deleteOnDestruction(isExclusive)
+    , waitForLock(waitForLock)
+    , name(std::move(name))
+    , trustee(std::move(trustee))
+    , folder(std::move(folder))
+    , parentPath(this->folder->path())
+    , lock(lockFile()) {
+}
+
+os::FilePlace LockedFile::Impl::place() const {
+    return folder ? folder->placeOf(name) : os::FilePlace(parentPath + name);
+}
+
 bool LockedFile::Impl::isOursToRemove() const {
     if (!lock) {
         return true;
     }
     // If ours was removed by somebody, a file that stands there now is another holder's.
+    const os::FilePlace file = place();
     struct stat status {};
-    const bool isReplaced = ::lstat((parentPath + name).c_str(), &status) == 0 &&
-                            S_ISREG(status.st_mode) &&
-                            os::FileIdentity(status) != os::identityOf(lock.get());
+    const bool isReplaced =
+        ::fstatat(file.folder, file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISREG(status.st_mode) && os::FileIdentity(status) != os::identityOf(lock.get());
     // The file of a forked child's copy is its parent's.
     return !isReplaced && !lock.isInherited();
 }
@@ -51,7 +69,7 @@ LockedFile::Impl::~Impl() {
     if (deleteOnDestruction && isOursToRemove()) {
         try {
             // While the lock is held, so that nobody takes the file for an abandoned one.
-            removeFile(parentPath + name);
+            removeFile(place(), parentPath + name);
         } catch (...) { // NOLINT(bugprone-empty-catch): only a log sink of the application throws
         }
     }
@@ -73,8 +91,9 @@ LockedDescriptor LockedFile::Impl::lockFile() {
         throw std::invalid_argument("LockedFile name cannot be empty");
     }
     const std::string path = parentPath + name;
-    LockingOpen opened = openAndLock(path, isExclusive ? Existing::refused : Existing::accepted,
-                                     waitForLock ? Waiting::forLock : Waiting::never);
+    LockingOpen opened = openAndLock(place(), isExclusive ? Existing::refused : Existing::accepted,
+                                     waitForLock ? Waiting::forLock : Waiting::never,
+                                     folder ? std::optional(folder->group()) : std::nullopt);
     if (opened.error != 0) {
         if (waitForLock && opened.error != EWOULDBLOCK && opened.error != EEXIST) {
             getLogger().log(severity::error, "LockedFile::lockFile(): Failed to create file: <",
@@ -87,17 +106,34 @@ LockedDescriptor LockedFile::Impl::lockFile() {
         lockError = opened.error;
         return {};
     }
-    if (!trustee.empty()) {
+    if (folder) {
+        if (!opened.isNew) {
+            examineJoined(opened.lock.get());
+        }
+    } else if (!trustee.empty()) {
         try {
             setTrusteeOfOpenFile(opened.lock.get(), path, trustee);
         } catch (...) {
             if (opened.isNew) {
-                removeFile(path);
+                removeFile(path, path);
             }
             throw;
         }
     }
     return std::move(opened.lock);
+}
+
+void LockedFile::Impl::examineJoined(int descriptor) const {
+    constexpr mode_t permissions = S_IRWXU | S_IRWXG | S_IRWXO;
+    constexpr mode_t groupMode = S_IRUSR | S_IRWXG;
+    struct stat status {};
+    const int error = ::fstat(descriptor, &status) == 0 ? EPERM : errno;
+    if (status.st_gid != folder->group() || (status.st_mode & permissions) != groupMode) {
+        getLogger().log(severity::error,
+                        "LockedFile::lockFile(): The file does not belong to the group: <",
+                        parentPath, name, ">. (Error ", error, ")");
+        throw std::runtime_error(inconsistency);
+    }
 }
 
 void LockedFile::Impl::unlockAndCloseFile() noexcept {
@@ -131,8 +167,12 @@ std::string LockedFile::Impl::getTrustee() const {
     return std::move(*group);
 }
 
-void LockedFile::Impl::removeFile(const std::string& path) {
-    if (std::remove(path.c_str()) == 0 || errno == ENOENT || errno == ESTALE) {
+void LockedFile::Impl::removeFile(const os::FilePlace& place, const std::string& path) {
+    const auto remove = [&place](int flags) {
+        return ::unlinkat(place.folder, place.name.c_str(), flags) == 0;
+    };
+    if (remove(0) || (errno == EISDIR && remove(AT_REMOVEDIR)) || errno == ENOENT ||
+        errno == ESTALE) {
         return;
     }
     const int error = errno;

@@ -1,9 +1,14 @@
 #pragma once
 
 #include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/JoinedFolder.h"
 #include "endpointregistry/detail/LockedDescriptor.h"
+#include "foundation/os/FilePlace.h"
 
+#include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
@@ -11,6 +16,11 @@ namespace agent::spf::endpointregistry {
 class LockedFile::Impl {
 public:
     Impl(std::string name, const std::string& parent, std::string trustee, bool isExclusive,
+         bool waitForLock);
+
+    /// In a folder that was joined: a file that another member of the group made is used as it is,
+    /// and one that does not belong to the group is an error, std::runtime_error.
+    Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
          bool waitForLock);
     ~Impl();
 
@@ -23,12 +33,17 @@ public:
     int getLockError() const { return lockError; }
     std::string getTrustee() const;
 
-    /// Removes the file at `path`; one that cannot be removed is logged.
-    static void removeFile(const std::string& path);
+    /// The public face of such a state.
+    static LockedFile wrap(std::unique_ptr<Impl> impl) { return LockedFile(std::move(impl)); }
+
+    /// Removes the file in its place; one that cannot be removed is logged under its path.
+    static void removeFile(const foundation::os::FilePlace& place, const std::string& path);
 
 private:
     std::string createParentFolder(const std::string& parent) const;
     LockedDescriptor lockFile();
+    void examineJoined(int descriptor) const;
+    foundation::os::FilePlace place() const;
     bool isOursToRemove() const;
     void unlockAndCloseFile() noexcept;
 
@@ -38,6 +53,7 @@ private:
     int lockError = 0;
     std::string name;
     std::string trustee;
+    std::optional<JoinedFolder> folder;
     std::string parentPath;
     LockedDescriptor lock;
 };

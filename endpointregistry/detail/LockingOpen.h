@@ -1,8 +1,10 @@
 #pragma once
 
 #include "endpointregistry/detail/LockedDescriptor.h"
+#include "foundation/os/FilePlace.h"
 
-#include <string>
+#include <optional>
+#include <sys/types.h>
 
 namespace agent::spf::endpointregistry {
 
@@ -18,17 +20,19 @@ struct LockingOpen {
 enum class Existing { accepted, refused };
 enum class Waiting { forLock, never };
 
-/// Opens and exclusively locks the regular file at `path`, making it with mode 0400 when it is
-/// missing. A new file appears already locked, and the lock is on the file that stands under
-/// `path` when the call returns: a file that was removed meanwhile is not what its name means.
-/// `Existing::refused` yields EEXIST when there is anything under the name.
-LockingOpen openAndLock(const std::string& path, Existing existing, Waiting waiting);
+/// Opens and exclusively locks the regular file in this place, making it when it is missing: with
+/// mode 0400, or with 0470 for a group. A new file appears already locked, with its final group and
+/// mode, and the lock is on the file that stands there when the call returns: a file that was
+/// removed meanwhile is not what its name means. `Existing::refused` yields EEXIST when there is
+/// anything under the name.
+LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existing, Waiting waiting,
+                        std::optional<gid_t> group = std::nullopt);
 
-/// Opens the regular file at `path` and shares its lock, without making the file or waiting.
+/// Opens the regular file in this place and shares its lock, without making the file or waiting.
 ///
 /// This is how to ask whether a publisher lives: any number of processes may share the lock, so
 /// they never take each other for a publisher, and a publisher that wants the lock exclusively
 /// knows them from a holder.
-LockingOpen openAndShareLock(const std::string& path);
+LockingOpen openAndShareLock(const foundation::os::FilePlace& place);
 
 } // namespace agent::spf::endpointregistry

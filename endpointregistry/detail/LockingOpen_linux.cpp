@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 // Linux has no flag that locks a file as it is opened. A new file is therefore made without a
@@ -52,14 +53,16 @@ int checkKind(const struct stat& status) {
     return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
 }
 
-/// Opens what stands under `path` and locks it with `takeLock`, until both are the same file.
+/// Opens what stands in the place and locks it with `takeLock`, until both are the same file.
 template<typename TakeLock>
-LockingOpen lockExisting(const std::string& path, TakeLock takeLock) {
+LockingOpen lockExisting(const os::FilePlace& place, TakeLock takeLock) {
     for (;;) {
         // Not blocking, not followed: in a shared folder the name may have been given to a pipe
         // or a link on purpose.
-        os::FileDescriptor file(os::retryOnInterrupt(
-            [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+        os::FileDescriptor file(os::retryOnInterrupt([&] {
+            return ::openat(place.folder, place.name.c_str(),
+                            O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        }));
         if (!file) {
             return {{}, errno};
         }
@@ -75,15 +78,22 @@ LockingOpen lockExisting(const std::string& path, TakeLock takeLock) {
         if (const int error = checkKind(status); error != 0) {
             return {{}, error};
         }
-        if (os::identityAt(path) == os::FileIdentity(status)) {
+        if (os::identityAt(place) == os::FileIdentity(status)) {
             return {std::move(lock)};
         }
     }
 }
 
-LockingOpen makeLocked(const std::string& path) {
-    os::AppearingFile file = os::createAppearing(
-        path, S_IRUSR, [](int descriptor) { return applyLock(descriptor, LOCK_EX | LOCK_NB); });
+LockingOpen makeLocked(const os::FilePlace& place, std::optional<gid_t> group) {
+    // The owner may only read what the group may do anything with; so the files have always been.
+    const mode_t mode = group ? S_IRUSR | S_IRWXG : S_IRUSR;
+    os::AppearingFile file = os::createAppearing(place, mode, [group](int descriptor) {
+        constexpr auto sameUser = static_cast<uid_t>(-1);
+        if (group && ::fchown(descriptor, sameUser, *group) != 0) {
+            return errno;
+        }
+        return applyLock(descriptor, LOCK_EX | LOCK_NB);
+    });
     if (file.error != 0) {
         return {{}, file.error};
     }
@@ -92,12 +102,13 @@ LockingOpen makeLocked(const std::string& path) {
 
 } // namespace
 
-LockingOpen openAndLock(const std::string& path, Existing existing, Waiting waiting) {
+LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting waiting,
+                        std::optional<gid_t> group) {
     for (;;) {
         // What exists is opened without O_CREAT: with fs.protected_regular set, that flag makes
         // opening another user's file in a sticky folder fail, even for root.
         if (existing == Existing::accepted) {
-            LockingOpen found = lockExisting(path, [waiting](int descriptor) {
+            LockingOpen found = lockExisting(place, [waiting](int descriptor) {
                 return waiting == Waiting::forLock ? applyLock(descriptor, LOCK_EX)
                                                    : lockUnlessHeld(descriptor);
             });
@@ -105,15 +116,15 @@ LockingOpen openAndLock(const std::string& path, Existing existing, Waiting wait
                 return found;
             }
         }
-        LockingOpen made = makeLocked(path);
+        LockingOpen made = makeLocked(place, group);
         if (made.error != EEXIST || existing == Existing::refused) {
             return made;
         }
     }
 }
 
-LockingOpen openAndShareLock(const std::string& path) {
-    return lockExisting(path,
+LockingOpen openAndShareLock(const os::FilePlace& place) {
+    return lockExisting(place,
                         [](int descriptor) { return applyLock(descriptor, LOCK_SH | LOCK_NB); });
 }
 

@@ -1,0 +1,211 @@
+#include "endpointregistry/NamedStringArray.h"
+
+#include "endpointregistry/Groups.h"
+#include "endpointregistry/Loggers.h"
+#include "endpointregistry/detail/ArrayAccess.h"
+
+#include <algorithm>
+#include <chrono>
+#include <sched.h>
+#include <stdexcept>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+using foundation::log::severity;
+using sharedmemory::SharedMemory;
+
+[[noreturn]] void refuse(const std::string& what) {
+    getLogger().log(severity::error, "NamedStringArray::insert(): The new entry ", what, ".");
+    throw std::invalid_argument("NamedStringArray new entry " + what);
+}
+
+void checkEntry(const std::vector<std::string>& entry) {
+    if (entry.size() > ArrayRows::mostElements) {
+        refuse("cannot have more than 127 elements");
+    }
+    if (std::all_of(entry.begin(), entry.end(), [](const auto& e) { return e.empty(); })) {
+        refuse("cannot be empty");
+    }
+    // It would end the element, and the next reader would take the rest for another one.
+    if (std::any_of(entry.begin(), entry.end(),
+                    [](const auto& e) { return e.find('\0') != std::string::npos; })) {
+        refuse("cannot contain zero bytes");
+    }
+}
+
+void logMissing(const char* what) {
+    getLogger().log(severity::warning, "NamedStringArray::erase(): ", what);
+}
+
+/// Tries until the base is initialised. The limit is for a claim that no process will fulfil,
+/// which a hostile member can write there, or the id of a killed one can come to stand for.
+void initialize(NamedStringArray& array, SharedMemory& base, const std::string& baseName) {
+    constexpr auto patience = std::chrono::seconds(30);
+    const auto limit = std::chrono::steady_clock::now() + patience;
+    while (!array.initializeBase(base)) {
+        if (!base.isStillNamed()) {
+            return;
+        }
+        if (std::chrono::steady_clock::now() > limit) {
+            arrays::failInconsistent(baseName);
+        }
+        ::sched_yield();
+    }
+}
+
+} // namespace
+
+// By value is the published signature.
+// NOLINTBEGIN(performance-unnecessary-value-param)
+
+void NamedStringArray::insert(const std::string& element) {
+    insert(std::vector<std::string>{element});
+}
+
+void NamedStringArray::insert(std::initializer_list<std::string> entry) {
+    insert(std::vector<std::string>(entry));
+}
+
+void NamedStringArray::insert(std::vector<std::string> entry) {
+    checkEntry(entry);
+    for (;;) {
+        SharedMemory base =
+            SharedMemory::createOrFind(baseName, ArrayBase::size, trustee, implementation);
+        if (!arrays::isBase(base)) {
+            arrays::failInconsistent(baseName);
+        }
+        initialize(*this, base, baseName);
+        if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
+            insertLocked(locked->segment, entry);
+            return;
+        }
+    }
+}
+
+void NamedStringArray::insertLocked(SharedMemory& base, const Entry& entry) {
+    const ArrayBase view(base.getPointer());
+    if (!view.isInitialised() || !view.isConsistent() || !arrays::isAcceptable(view.current())) {
+        arrays::failInconsistent(baseName);
+    }
+    const ArrayBase::Descriptor before = view.current();
+    SharedMemory container = SharedMemory::createOrFind(
+        getContainerName(baseName, before.generation),
+        getContainerSize(before.length, before.width), trustee, implementation);
+    if (container.isCreator()) {
+        container.makePersistent();
+    }
+    const std::size_t needed = ArrayRows::widthFor(entry);
+    resizeContainer(base, container, needed);
+
+    const ArrayBase::Descriptor now = view.current();
+    if (now.width < needed) {
+        return; // A step of 0 leaves no place for anything.
+    }
+    const ArrayRows rows(container.getPointer(), now.length, now.width);
+    for (std::size_t row = 0; row < rows.count(); ++row) {
+        if (rows.isFree(row)) {
+            rows.write(row, entry);
+            return;
+        }
+    }
+}
+
+void NamedStringArray::erase(const std::string& element) {
+    erase(std::vector<std::string>{element});
+}
+
+void NamedStringArray::erase(std::initializer_list<std::string> entry) {
+    erase(std::vector<std::string>(entry));
+}
+
+void NamedStringArray::erase(std::vector<std::string> entry) {
+    for (;;) {
+        SharedMemory base = arrays::findBase(baseName, trustee);
+        if (!base.isAttached()) {
+            logMissing("Base shared memory could not be found.");
+            return;
+        }
+        if (!ArrayBase(base.getPointer()).isInitialised()) {
+            return;
+        }
+        if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
+            eraseLocked(locked->segment, entry);
+            return;
+        }
+    }
+}
+
+void NamedStringArray::eraseLocked(SharedMemory& base, const Entry& entry) {
+    const ArrayBase view(base.getPointer());
+    const ArrayBase::Descriptor now = view.current();
+    SharedMemory container =
+        view.isConsistent() ? arrays::findContainer(baseName, now, trustee) : SharedMemory();
+    if (!container.isAttached()) {
+        logMissing("Container shared memory could not be found.");
+        return;
+    }
+    const ArrayRows rows(container.getPointer(), now.length, now.width);
+    for (std::size_t row = 0; row < rows.count(); ++row) {
+        if (rows.equals(row, entry)) {
+            rows.free(row);
+            shrink(base, container);
+            return;
+        }
+    }
+    logMissing("Entry could not be found.");
+}
+
+void NamedStringArray::shrink(SharedMemory& base, SharedMemory& container) {
+    try {
+        resizeContainer(base, container, 0);
+    } catch (const std::runtime_error& error) {
+        // The entry is gone, which is what was asked for. Whoever withdraws one must not fail
+        // because the system has no memory for a smaller table just now.
+        getLogger().log(severity::warning,
+                        "NamedStringArray::erase(): The table could not shrink: ", error.what());
+    }
+}
+
+std::vector<std::vector<std::string>>
+NamedStringArray::filter(std::vector<std::string> substrings) {
+    for (;;) {
+        SharedMemory base = arrays::findBase(baseName, trustee);
+        if (!base.isAttached() || !ArrayBase(base.getPointer()).isInitialised()) {
+            return {};
+        }
+        if (const auto locked = arrays::lockIfStillNamed(std::move(base))) {
+            return filterLocked(locked->segment, substrings);
+        }
+    }
+}
+
+std::vector<NamedStringArray::Entry> NamedStringArray::filterLocked(const SharedMemory& base,
+                                                                    const Entry& substrings) const {
+    std::vector<Entry> found;
+    const ArrayBase view(base.getPointer());
+    const ArrayBase::Descriptor now = view.current();
+    if (!view.isConsistent() || now.length == 0) {
+        return found;
+    }
+    const SharedMemory container = arrays::findContainer(baseName, now, trustee);
+    if (!container.isAttached()) {
+        return found;
+    }
+    const ArrayRows rows(container.getPointer(), now.length, now.width);
+    for (std::size_t row = 0; row < rows.count(); ++row) {
+        if (!rows.isFree(row) && containsAll(std::string(rows.firstElement(row)), substrings)) {
+            found.push_back(rows.elements(row));
+        }
+    }
+    return found;
+}
+
+// NOLINTEND(performance-unnecessary-value-param)
+
+std::string NamedStringArray::getTrustee() const {
+    return arrays::findAnyBase(baseName, trustee).getTrustee();
+}
+
+} // namespace agent::spf::endpointregistry

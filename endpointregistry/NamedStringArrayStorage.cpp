@@ -1,0 +1,265 @@
+#include "endpointregistry/Loggers.h"
+#include "endpointregistry/NamedStringArray.h"
+#include "endpointregistry/detail/ArrayAccess.h"
+#include "foundation/os/Process.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+using foundation::log::severity;
+using sharedmemory::SharedMemory;
+
+constexpr unsigned long largest = std::numeric_limits<unsigned long>::max();
+constexpr unsigned long defaultLengthStep = 10;
+constexpr unsigned long defaultWidthStep = 4;
+
+/// The next multiple of the step, 0 for a step of 0; the largest number there is when it would be
+/// larger.
+unsigned long roundUp(unsigned long value, unsigned long step) {
+    if (step == 0) {
+        return 0;
+    }
+    const unsigned long steps = value / step + (value % step == 0 ? 0 : 1);
+    return steps > largest / step ? largest : steps * step;
+}
+
+/// What the entries of a table take.
+struct Usage {
+    unsigned long rows = 0;
+    unsigned long widest = 0;
+};
+
+Usage usageOf(const ArrayRows& rows) {
+    Usage usage;
+    for (std::size_t row = 0; row < rows.count(); ++row) {
+        if (!rows.isFree(row)) {
+            ++usage.rows;
+            usage.widest = std::max(usage.widest, rows.usedWidth(row));
+        }
+    }
+    return usage;
+}
+
+/// Removes a container, of whatever size.
+void removeContainer(const std::string& name, const std::string& trustee) {
+    for (;;) {
+        SharedMemory container = arrays::find(name, 1, trustee);
+        if (!container.isAttached()) {
+            return;
+        }
+        container.markForDeletion();
+    }
+}
+
+/// Whether a container's name is that of a segment of another version of the table: generation 25
+/// of version 1 and generation 5 of version 12 are called the same, and so is the base of version
+/// 125.
+bool belongsToOtherVersion(const std::string& baseName, const std::string& containerName,
+                           const std::string& trustee) {
+    const std::size_t digits = baseName.rfind('v') + 1;
+    for (std::size_t end = digits + 1; end <= containerName.size(); ++end) {
+        const bool isOwn = end == baseName.size();
+        // Numbers are written without leading zeros.
+        const bool isVersion = containerName[digits] != '0' || end == digits + 1;
+        const bool isGeneration = end == containerName.size() || containerName[end] != '0';
+        if (isOwn || !isVersion || !isGeneration) {
+            continue;
+        }
+        const SharedMemory base = arrays::findBase(containerName.substr(0, end), trustee);
+        if (!base.isAttached()) {
+            continue;
+        }
+        const ArrayBase view(base.getPointer());
+        const std::string generation = containerName.substr(end);
+        if (generation.empty() || generation == std::to_string(view.current().generation) ||
+            generation == std::to_string(view.other().generation)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// The first generation after this one whose container's name is free for this table.
+unsigned long generationAfter(unsigned long generation, const std::string& baseName,
+                              const std::string& trustee) {
+    do {
+        if (generation == largest) {
+            arrays::failInconsistent(baseName);
+        }
+        ++generation;
+    } while (belongsToOtherVersion(
+        baseName, NamedStringArray::getContainerName(baseName, generation), trustee));
+    return generation;
+}
+
+} // namespace
+
+NamedStringArray::NamedStringArray(const std::string& name, unsigned long version,
+                                   const std::string& trustee)
+    : baseName(getBaseName(name, version, trustee))
+    , trustee(trustee)
+    , implementation(arrays::implementation)
+    , lengthStep(defaultLengthStep)
+    , widthStep(defaultWidthStep) {
+}
+
+std::string NamedStringArray::getBaseName(const std::string& name, unsigned long version,
+                                          const std::string& /*trustee*/) {
+    if (name.empty()) {
+        throw std::invalid_argument("NamedStringArray name cannot be empty.");
+    }
+    return name + "v" + std::to_string(version);
+}
+
+std::string NamedStringArray::getContainerName(const std::string& baseName,
+                                               unsigned long generation) {
+    return baseName + std::to_string(generation);
+}
+
+unsigned long NamedStringArray::getContainerSize(unsigned long length, unsigned long width) {
+    const bool fits = width == 0 || length <= (largest - ArrayRows::overhead) / width;
+    return fits ? ArrayRows::overhead + length * width : largest;
+}
+
+void NamedStringArray::setLengthStep(unsigned long step) {
+    lengthStep = step;
+}
+
+void NamedStringArray::setWidthStep(unsigned long step) {
+    widthStep = step;
+}
+
+bool NamedStringArray::initializeBase(SharedMemory& base) {
+    if (base.isCreator()) {
+        base.makePersistent();
+    }
+    const ArrayBase view(base.getPointer());
+    if (const pid_t claimant = view.claim(::getpid()); claimant != 0) {
+        if (view.isInitialised()) {
+            return true;
+        }
+        if (!foundation::os::processLives(claimant)) {
+            view.clearClaim(claimant);
+        }
+        return false;
+    }
+    LockedFile lock = arrays::lock(trustee);
+    lock.makePersistent();
+    ArrayBase::Descriptor first = view.current();
+    first.generation = 1;
+    view.setCurrent(first);
+    if (!view.setInitialised()) {
+        getLogger().log(severity::error, "NamedStringArray::initializeBase: "
+                                         "Inconsistent initial state of base.");
+        throw std::runtime_error("System Error: Endpoint::NamedStringArray::initializeBase: "
+                                 "Inconsistent initial state");
+    }
+    return true;
+}
+
+void NamedStringArray::resizeContainer(SharedMemory& base, SharedMemory& container,
+                                       unsigned long neededWidth) {
+    clearLeftoverContainer(base, container);
+    const ArrayBase view(base.getPointer());
+    const ArrayBase::Descriptor now = view.current();
+    if (container.getSize() < getContainerSize(now.length, now.width)) {
+        arrays::failInconsistent(baseName);
+    }
+    const ArrayRows rows(container.getPointer(), now.length, now.width);
+    const Usage usage = usageOf(rows);
+
+    ArrayBase::Descriptor next;
+    next.length = roundUp(usage.rows + (neededWidth == 0 ? 0 : 1), lengthStep);
+    next.width = roundUp(std::max(usage.widest, neededWidth), widthStep);
+    if (next.length == now.length && next.width == now.width) {
+        return;
+    }
+    if (!arrays::isAcceptable(next)) {
+        arrays::failInconsistent(baseName);
+    }
+    next.generation = generationAfter(now.generation, baseName, trustee);
+    view.setOther(next);
+    SharedMemory resized = makeContainer(next.generation, next.length, next.width);
+    rows.packInto(ArrayRows(resized.getPointer(), next.length, next.width), usage.widest);
+    view.flip();
+    // The old one goes before the descriptor that leads to it, so that a crash never leaves one
+    // that nobody knows of.
+    container.markForDeletion();
+    container = std::move(resized);
+    view.setOther({});
+}
+
+SharedMemory NamedStringArray::makeContainer(unsigned long generation, unsigned long length,
+                                             unsigned long width) const {
+    const std::string name = getContainerName(baseName, generation);
+    // From an interrupted resize, or from an earlier table of this name.
+    removeContainer(name, trustee);
+    SharedMemory made =
+        SharedMemory::create(name, getContainerSize(length, width), trustee, implementation);
+    if (!made.isAttached()) {
+        arrays::failInconsistent(baseName);
+    }
+    made.makePersistent();
+    return made;
+}
+
+void NamedStringArray::clearLeftoverContainer(SharedMemory& base, SharedMemory& /*container*/) {
+    const ArrayBase view(base.getPointer());
+    const unsigned long leftover = view.other().generation;
+    const std::string name = getContainerName(baseName, leftover);
+    if (leftover != 0 && leftover != view.current().generation &&
+        !belongsToOtherVersion(baseName, name, trustee)) {
+        removeContainer(name, trustee);
+    }
+    view.setOther({});
+}
+
+std::pair<unsigned long, unsigned long> getNamedStringArrayDimensions(const std::string& name,
+                                                                      unsigned long version,
+                                                                      const std::string& trustee) {
+    const std::string baseName = NamedStringArray::getBaseName(name, version, trustee);
+    for (;;) {
+        SharedMemory base = arrays::findAnyBase(baseName, trustee);
+        if (!base.isAttached() || !ArrayBase(base.getPointer()).isInitialised()) {
+            return {0, 0};
+        }
+        if (const auto locked = arrays::lockIfStillNamed(std::move(base))) {
+            const ArrayBase::Descriptor now = locked->view().current();
+            return {now.length, now.width};
+        }
+    }
+}
+
+void deleteNamedStringArray(const std::string& name, unsigned long version,
+                            const std::string& trustee) {
+    const std::string baseName = NamedStringArray::getBaseName(name, version, trustee);
+    for (;;) {
+        SharedMemory base = arrays::findAnyBase(baseName, trustee);
+        if (!base.isAttached()) {
+            getLogger().log(severity::warning, "NamedStringArray::deleteNamedStringArray(): "
+                                               "Base shared memory could not be found.");
+            return;
+        }
+        if (!ArrayBase(base.getPointer()).isInitialised()) {
+            base.markForDeletion();
+            return;
+        }
+        if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
+            locked->lock.markForDeletion();
+            locked->segment.markForDeletion();
+            const std::string owner = locked->segment.getTrustee();
+            SharedMemory container =
+                arrays::findContainer(baseName, locked->view().current(), owner);
+            container.markForDeletion();
+            return;
+        }
+    }
+}
+
+} // namespace agent::spf::endpointregistry

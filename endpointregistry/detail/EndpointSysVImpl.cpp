@@ -1,0 +1,132 @@
+#include "endpointregistry/detail/EndpointSysVImpl.h"
+
+#include "endpointregistry/detail/AbandonedFile.h"
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <string_view>
+#include <unistd.h>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+NamedStringArray tableOf(const std::string& trustee) {
+    return {"qvEndpointRegistrySysV", 0, trustee};
+}
+
+using Row = std::vector<std::string>;
+
+void eraseRows(NamedStringArray& array, const std::string& name) {
+    for (const Row& row : array.filter({name})) {
+        array.erase(row);
+    }
+}
+
+/// A row is what some member of the group has written there.
+Endpoint::DataPair dataOf(const Row& row) {
+    constexpr std::size_t elements = 3;
+    return row.size() < elements ? Endpoint::DataPair() : Endpoint::DataPair(row[1], row[2]);
+}
+
+/// What the table may be asked for when it is read once for all these names.
+std::vector<std::string> commonParts(const std::vector<std::string>& names) {
+    return names.size() == 1 ? names : std::vector<std::string>();
+}
+
+/// For each name the first row whose first element contains it, where there is one.
+///
+/// An element contains few strings of a name's length, since it is hardly longer than a name, so
+/// they are looked up one by one: every name in every row would take a listing's time squared.
+std::unordered_map<std::string_view, const Row*>
+firstRowsContaining(const std::vector<Row>& rows, const std::vector<std::string>& names) {
+    const std::unordered_set<std::string_view> wanted(names.begin(), names.end());
+    std::set<std::size_t> lengths;
+    for (const std::string& name : names) {
+        lengths.insert(name.size());
+    }
+    std::unordered_map<std::string_view, const Row*> found;
+    for (const Row& row : rows) {
+        const std::string_view text = row.empty() ? std::string_view() : row.front();
+        for (const std::size_t length : lengths) {
+            for (std::size_t start = 0; start + length <= text.size(); ++start) {
+                const auto name = wanted.find(text.substr(start, length));
+                if (name != wanted.end()) {
+                    found.emplace(*name, &row);
+                }
+            }
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+Endpoint::SysVImpl::SysVImpl(const DataPair& data, const std::string& groupTag,
+                             const std::string& selectedKey, const std::string& trustee)
+    : Impl(data, groupTag, selectedKey, trustee)
+    , publisher(::getpid())
+    , lockedFile(SysVImpl::createLockedFile()) {
+    tableOf(trustee).insert({entryName(), data.first, data.second});
+}
+
+Endpoint::SysVImpl::~SysVImpl() {
+    if (publisher == ::getpid()) {
+        NamedStringArray table = tableOf(trusteeName());
+        eraseRows(table, entryName());
+    }
+}
+
+LockedFile Endpoint::SysVImpl::createLockedFile() {
+    return lockEntryFile([this] {
+        NamedStringArray table = tableOf(trusteeName());
+        eraseRows(table, entryName());
+    });
+}
+
+bool Endpoint::SysVImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
+                                                        const std::string& trustee,
+                                                        NamedStringArray& array) {
+    AbandonedFile file(name, LF_PARENT_PATH, trustee);
+    if (file.finding() == AbandonedFile::Finding::abandoned) {
+        eraseRows(array, name);
+        file.remove();
+    }
+    return file.finding() != AbandonedFile::Finding::inUse;
+}
+
+Endpoint::DataPair Endpoint::SysVImpl::getDataPair(const std::string& name,
+                                                   const std::string& trustee) {
+    return getDataPairs({name}, trustee).front();
+}
+
+std::vector<Endpoint::DataPair>
+Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names,
+                                 const std::string& trustee) {
+    NamedStringArray table = tableOf(trustee);
+    const auto isStale = [&](const std::string& name) {
+        return staleEndpointFoundAndCleanedUp(name, trustee, table);
+    };
+    // A dead process is noticed before the table is touched.
+    const auto isReadable = [&](const std::string& name) {
+        return hasKnownVersion(name) && !(isPublisherGone(name) && isStale(name));
+    };
+    std::vector<std::string> readable;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(readable), isReadable);
+    const std::vector<Row> rows =
+        readable.empty() ? std::vector<Row>() : table.filter(commonParts(readable));
+    const auto rowOf = firstRowsContaining(rows, readable);
+
+    std::vector<DataPair> pairs;
+    pairs.reserve(names.size());
+    for (const std::string& name : names) {
+        const auto row = rowOf.find(name);
+        pairs.push_back(row == rowOf.end() || isStale(name) ? DataPair() : dataOf(*row->second));
+    }
+    return pairs;
+}
+
+} // namespace agent::spf::endpointregistry

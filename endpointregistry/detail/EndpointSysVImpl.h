@@ -1,0 +1,46 @@
+#pragma once
+
+#include "endpointregistry/NamedStringArray.h"
+#include "endpointregistry/detail/EndpointImpl.h"
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace agent::spf::endpointregistry {
+
+/// The record of an entry that is shared with a group: a locked file in the group's folder, and a
+/// row of the group's table: the entry's name, the first and the second data string.
+///
+/// The file comes before the row and goes after it, so a row whose file nobody holds is a dead
+/// publisher's.
+class Endpoint::SysVImpl final : public Endpoint::Impl {
+public:
+    /// Publishes the entry. Throws DuplicateEndpointError when a live process has one of this name
+    /// in the group, std::invalid_argument for data that no row can hold, std::runtime_error when
+    /// the system refuses; nothing is left behind then.
+    SysVImpl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
+             const std::string& trustee);
+
+    /// Withdraws it, unless it is the copy of a forked child. Ends the process when the table
+    /// cannot be reached.
+    ~SysVImpl() override;
+
+    LockedFile createLockedFile() override;
+
+    /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
+    static bool staleEndpointFoundAndCleanedUp(const std::string& name, const std::string& trustee,
+                                               NamedStringArray& array);
+
+    static DataPair getDataPair(const std::string& name, const std::string& trustee);
+
+    /// As getDataPair for each name, but the table is read once for all.
+    static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
+                                              const std::string& trustee);
+
+private:
+    pid_t publisher;
+    LockedFile lockedFile;
+};
+
+} // namespace agent::spf::endpointregistry

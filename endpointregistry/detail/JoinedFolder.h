@@ -1,0 +1,52 @@
+#pragma once
+
+#include "foundation/os/FileDescriptor.h"
+#include "foundation/os/FilePlace.h"
+
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace agent::spf::endpointregistry {
+
+/// A folder of the registry that the members of a group share, held open.
+///
+/// `LockedFile::getParentPath` claims such a folder for its caller, so that only one member could
+/// ever use it. Here what exists is joined: a folder that belongs to the group and grants it
+/// everything, and others nothing, is used as it is, whichever member made it. What is missing is
+/// made, and appears with its final owner and mode. What exists and does not belong to the group is
+/// an error, and no place to put data.
+///
+/// The folders above are open to all, so anybody may put another folder under the same path. Hence
+/// the descriptor: what was examined is what is used.
+class JoinedFolder {
+public:
+    /// The folder as it is; nothing when there is none.
+    ///
+    /// Both throw std::runtime_error when the folder cannot be opened or does not belong to the
+    /// group, or when the shared folder of this machine is missing; std::invalid_argument when
+    /// there is no such group.
+    static std::optional<JoinedFolder> find(const std::string& parent, const std::string& trustee);
+
+    /// The folder, made with all levels that are missing.
+    static JoinedFolder obtain(const std::string& parent, const std::string& trustee);
+
+    /// A file in the folder; valid for as long as this object lives.
+    foundation::os::FilePlace placeOf(const std::string& name) const {
+        return {folder.get(), name};
+    }
+
+    /// Where the folder was found, with a trailing "/".
+    const std::string& path() const { return ownPath; }
+
+    gid_t group() const { return ownGroup; }
+
+private:
+    JoinedFolder(foundation::os::FileDescriptor folder, std::string path, gid_t group);
+
+    foundation::os::FileDescriptor folder;
+    std::string ownPath;
+    gid_t ownGroup;
+};
+
+} // namespace agent::spf::endpointregistry

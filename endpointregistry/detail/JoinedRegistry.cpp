@@ -1,0 +1,47 @@
+#include "endpointregistry/detail/JoinedRegistry.h"
+
+#include "endpointregistry/detail/JoinedFolder.h"
+#include "endpointregistry/detail/LockedFileImpl.h"
+#include "endpointregistry/detail/NameListing.h"
+
+#include <memory>
+#include <optional>
+
+namespace agent::spf::endpointregistry::joined {
+
+namespace {
+
+LockedFile lock(const std::string& name, const std::string& parent, const std::string& trustee,
+                bool isExclusive, bool waitForLock) {
+    if (trustee.empty()) {
+        return {name, parent, trustee, isExclusive, waitForLock};
+    }
+    return LockedFile::Impl::wrap(std::make_unique<LockedFile::Impl>(
+        name, JoinedFolder::obtain(parent, trustee), trustee, isExclusive, waitForLock));
+}
+
+} // namespace
+
+LockedFile createAndTryLock(const std::string& name, const std::string& parent,
+                            const std::string& trustee) {
+    return lock(name, parent, trustee, true, false);
+}
+
+LockedFile getLock(const std::string& name, const std::string& parent, const std::string& trustee) {
+    return lock(name, parent, trustee, false, true);
+}
+
+LockedFile tryLock(const std::string& name, const std::string& parent, const std::string& trustee) {
+    return lock(name, parent, trustee, false, false);
+}
+
+std::vector<std::string> filterNames(const std::vector<std::string>& nameParts,
+                                     const std::string& parent, const std::string& trustee) {
+    if (trustee.empty()) {
+        return LockedFile::filterNames(nameParts, parent, trustee);
+    }
+    const auto folder = JoinedFolder::find(parent, trustee);
+    return folder ? listNames(folder->placeOf("."), nameParts) : std::vector<std::string>();
+}
+
+} // namespace agent::spf::endpointregistry::joined

@@ -1,0 +1,51 @@
+#include "endpointregistry/detail/NameListing.h"
+
+#include "endpointregistry/Groups.h"
+#include "endpointregistry/Loggers.h"
+#include "foundation/os/DirectoryStream.h"
+#include "foundation/os/RetryOnInterrupt.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <stdexcept>
+#include <utility>
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+namespace os = foundation::os;
+
+[[noreturn]] void failToReadFolder(int error) {
+    getLogger().log(foundation::log::severity::error,
+                    "LockedFile::filterNames(): Failed to open parent folder. (Error ", error, ")");
+    throw std::runtime_error("System Error: File system inconsistency");
+}
+
+} // namespace
+
+std::vector<std::string> listNames(const os::FilePlace& folder,
+                                   const std::vector<std::string>& nameParts) {
+    std::vector<std::string> names;
+    os::DirectoryStream entries(os::FileDescriptor(os::retryOnInterrupt([&] {
+        return ::openat(folder.folder, folder.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    })));
+    if (!entries) {
+        if (errno == ENOENT) {
+            return names;
+        }
+        failToReadFolder(errno);
+    }
+    while (const char* entry = entries.next()) {
+        std::string name = entry;
+        if (containsAll(name, nameParts)) {
+            names.push_back(std::move(name));
+        }
+    }
+    if (errno != 0) {
+        failToReadFolder(errno);
+    }
+    return names;
+}
+
+} // namespace agent::spf::endpointregistry
