@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Shows the main job: a service publishes its socket, a client finds it, a second service of the
-# same key is refused, and a killed one is gone at the next look.
+# same key is refused, and a killed one is gone at the next look. As root, also how users share.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -45,3 +45,9 @@ echo "left in /dev/shm: $(left) files"
 step "The next look finds nothing, and leaves nothing behind."
 "$examples/client" || true
 echo "left in /dev/shm: $(left) files"
+
+if [ "$(id -u)" -eq 0 ]; then
+    scripts/demo-sharing.sh "$examples"
+else
+    step "Left out: sharing between three users takes root, to be them."
+fi
