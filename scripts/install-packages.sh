@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Installs the Debian packages of the named groups that are missing: build, tests, checks.
+# Installs the Debian packages of the named groups that are missing: build, tests, benchmarks,
+# checks.
 # Where nothing is missing, an ordinary user may run it.
 set -euo pipefail
 
 declare -A groups=(
     [build]="g++ cmake ninja-build libboost-dev libboost-log-dev"
     [tests]="libgtest-dev libseccomp-dev pkg-config"
+    [benchmarks]="libbenchmark-dev"
     [checks]="clang-format clang-tidy git python3"
 )
 
