@@ -169,7 +169,15 @@ TEST_F(SysVKeys, OfSegmentsOfAnotherNameAreSteppedOver) {
     plant(keys[1], 0600, contentOfSegment("xname"));
     plant(keys[2], 0600, contentOfSegment("namex"));
     plant(keys[3], 0600, contentOfSegment(""));
-    plant(keys[4], 0600, contentOfSegment(std::string("u0\0name", 7)));
+    plant(keys[4], 0600, contentOfSegment(std::string(255, 'n')));
+    useEveryCall("name");
+}
+
+TEST_F(SysVKeys, OfSegmentsWhoseNameEndsLikeThisOneWithItsUserAreSteppedOver) {
+    const std::string identity =
+        agent::spf::sharedmemory::segmentIdentityOf("name", "", ::geteuid());
+    plant(keysOf("name")[0], 0600, contentOfSegment(identity));
+    plant(keysOf("name")[1], 0600, contentOfSegment("x" + identity));
     useEveryCall("name");
 }
 

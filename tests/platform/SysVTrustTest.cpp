@@ -340,14 +340,14 @@ TEST_F(SysVStrangers, GetNothingFromASegmentThatGrantsThemSomething) {
     const std::string content = contentOfAnnas();
     const auto keys = keysOf("name", accounts::friends);
     const gid_t other = accounts::groupId(accounts::anna);
-    std::size_t next = 0;
-    for (const mode_t mode : {0666U, 0664U, 0662U}) {
-        as(accounts::anna, [&] {
-            sysv::giveTo(sysv::plant(keys.at(next++), 0600, content), annasId, friends, mode);
-        });
-    }
-    as(accounts::anna,
-       [&] { sysv::giveTo(sysv::plant(keys.at(next++), 0600, content), annasId, other, 0660); });
+    as(accounts::anna, [&] {
+        std::size_t next = 0;
+        for (const mode_t mode : {0666U, 0664U, 0662U}) {
+            const int id = sysv::plant(keys.at(next++), 0600, content);
+            sysv::giveTo(id, annasId, friends, mode);
+        }
+        sysv::giveTo(sysv::plant(keys.at(next), 0600, content), annasId, other, 0660);
+    });
     expectIgnored();
     uprootAllOf(accounts::anna);
 }
