@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
@@ -156,6 +157,33 @@ inline void as(const std::string& user, const std::function<void()>& body) {
               0)
         << user;
 }
+
+/// A process of this user that keeps what it makes until it is told to end.
+class Owner {
+public:
+    Owner(const std::string& user, const std::string& name, const std::string& trustee,
+          std::uint8_t content = 7)
+        : process([&](Channel& channel) {
+            accounts::become(user);
+            const SharedMemory memory = create(name, someSize, trustee);
+            EXPECT_TRUE(memory.isCreator());
+            EXPECT_EQ(memory.getTrustee(), trustee);
+            bytesOf(memory)[0] = content;
+            channel.send("made");
+            channel.receive();
+            EXPECT_TRUE(memory.isStillNamed());
+        }) {
+        process.channel().receive();
+    }
+
+    void end() {
+        process.channel().send("end");
+        EXPECT_EQ(process.waitForExit(), 0);
+    }
+
+private:
+    ForkedProcess process;
+};
 
 /// Something of zero bytes that a test shares with its children.
 template<typename Content>
