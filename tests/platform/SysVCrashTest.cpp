@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>

@@ -73,6 +73,16 @@ TEST_F(SysVSegment, IsNotMadeWhereItsSizeIsRefused) {
     EXPECT_EQ(sysv::segments().size(), 0U);
 }
 
+TEST_F(SysVSegment, IsFoundWhenItIsLockedIntoMemory) {
+    const SharedMemory memory = create("name");
+    if (::shmctl(sysv::onlySegment().id, SHM_LOCK, nullptr) != 0) {
+        GTEST_SKIP() << "needs to lock memory";
+    }
+    EXPECT_TRUE(find("name").isAttached());
+    EXPECT_FALSE(create("name").isAttached());
+    EXPECT_TRUE(memory.isStillNamed());
+}
+
 TEST_F(SysVSegment, IsNotNamedAnyMoreOnceAnotherProgramHasRemovedIt) {
     const SharedMemory memory = create("name");
     bytesOf(memory)[0] = 7;

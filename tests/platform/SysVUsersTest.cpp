@@ -1,11 +1,13 @@
 #include "tests/platform/SysVTools.h"
 
 #include <cerrno>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace {
 
@@ -106,6 +108,46 @@ TEST_F(SysVUsers, CannotMakeASegmentForAGroupThatTheyAreNotIn) {
         EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
     });
     EXPECT_EQ(sysv::segments().size(), 0U);
+}
+
+TEST_F(SysVUsers, CannotMakeASegmentForAGroupThatOnlyTheirProcessIsIn) {
+    EXPECT_EQ(tests::runInChild([] {
+                  const uid_t carl = accounts::userId(accounts::carl);
+                  const gid_t friends = accounts::groupId(accounts::friends);
+                  EXPECT_EQ(::setgroups(1, &friends), 0);
+                  EXPECT_EQ(::setgid(friends), 0);
+                  EXPECT_EQ(::setuid(carl), 0);
+                  // The others ask the user database, and would not use it.
+                  EXPECT_THROW(createForFriends("name"), std::runtime_error);
+                  EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
+              }),
+              0);
+    EXPECT_EQ(sysv::segments().size(), 0U);
+}
+
+TEST_F(SysVUsers, DoNotMakeASecondSegmentBesideOneThatTheirProcessMayNotAttachTo) {
+    Owner ben(accounts::ben, "name", accounts::friends);
+    EXPECT_EQ(tests::runInChild([] {
+                  const uid_t anna = accounts::userId(accounts::anna);
+                  const gid_t own = accounts::groupId(accounts::anna);
+                  // A member whose process has left the group.
+                  EXPECT_EQ(::setgroups(0, nullptr), 0);
+                  EXPECT_EQ(::setgid(own), 0);
+                  EXPECT_EQ(::setuid(anna), 0);
+                  const auto expectNone = [](const auto& open) {
+                      try {
+                          EXPECT_FALSE(open("name").isAttached());
+                      } catch (const std::runtime_error&) {
+                          // That is another way to tell.
+                      }
+                      EXPECT_EQ(sysv::segments().size(), 1U);
+                  };
+                  expectNone(createForFriends);
+                  expectNone(findForFriends);
+                  EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
+              }),
+              0);
+    ben.end();
 }
 
 TEST_F(SysVUsers, TrustRootAsTheyTrustMembers) {
