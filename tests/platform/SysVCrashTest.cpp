@@ -27,6 +27,7 @@ using tests::someSize;
 using tests::TracedProcess;
 
 constexpr bool hasEnded = false;
+constexpr int untilTheEnd = 1'000'000;
 
 /// Kills a process that runs `body` at its first step, then another one at its second and so on,
 /// until one gets through, and calls `expectations` after each.
@@ -104,6 +105,15 @@ void leaveSegment() {
     memory.makePersistent();
 }
 
+void leaveSegmentAsBen() {
+    accounts::become(accounts::ben);
+    SharedMemory memory = createOrFindForFriends("name");
+    memory.makePersistent();
+    if (memory.getSize() != someSize || !tests::isZero(bytesOf(memory))) {
+        throw std::runtime_error("The segment is not whole.");
+    }
+}
+
 /// What every member is to see when anna was killed and `first` has come first.
 void expectRecovery(const std::string& first) {
     const std::string second = first == accounts::anna ? accounts::ben : accounts::anna;
@@ -157,15 +167,12 @@ TEST_F(SysVCrash, OfACreatorEndsTheWaitOfOthers) {
     EXPECT_GT(step, 20);
 }
 
-TEST_F(SysVCrash, OfACreatorThatWasKilledWhileOthersStepOverItsClaimLeavesOneSegment) {
-    // ben's maker is stopped at each of its steps, and anna's comes and ends meanwhile.
+TEST_F(SysVCrash, OfACreatorThatMeetsAnotherOneLeavesOneSegment) {
+    // ben is stopped at each of his steps, and anna comes and is killed meanwhile.
     int step = 0;
     for (bool isOnTheWay = true; isOnTheWay; ++step) {
         SCOPED_TRACE("stopped at step " + std::to_string(step));
-        TracedProcess ben([] {
-            accounts::become(accounts::ben);
-            leaveSegment();
-        });
+        TracedProcess ben(leaveSegmentAsBen);
         isOnTheWay = ben.run(step) != hasEnded;
         {
             // At most so many steps: she may wait for ben, who is stopped.
@@ -174,10 +181,28 @@ TEST_F(SysVCrash, OfACreatorThatWasKilledWhileOthersStepOverItsClaimLeavesOneSeg
             anna.run(many);
         }
         if (isOnTheWay) {
-            constexpr int untilTheEnd = 1'000'000;
             ASSERT_EQ(ben.run(untilTheEnd), hasEnded);
         }
         EXPECT_EQ(countOfMode(0660), 1);
+        expectRecovery(accounts::ben);
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+TEST_F(SysVCrash, OfASegmentWhileItIsMadeLetsItsMakerBeginAgain) {
+    // A login manager, for one, removes all of a user's segments when it likes.
+    int step = 0;
+    for (bool isOnTheWay = true; isOnTheWay; ++step) {
+        SCOPED_TRACE("stopped at step " + std::to_string(step));
+        TracedProcess ben(leaveSegmentAsBen);
+        isOnTheWay = ben.run(step) != hasEnded;
+        for (const auto& segment : sysv::segments()) {
+            ::shmctl(segment.id, IPC_RMID, nullptr);
+        }
+        if (isOnTheWay) {
+            ASSERT_EQ(ben.run(untilTheEnd), hasEnded);
+        }
+        EXPECT_EQ(sysv::segments().size(), static_cast<std::size_t>(countOfMode(0660)));
         expectRecovery(accounts::ben);
         ASSERT_FALSE(HasFailure());
     }
