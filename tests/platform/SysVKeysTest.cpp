@@ -1,8 +1,6 @@
 #include "tests/platform/SysVTools.h"
 
-#include <atomic>
 #include <gtest/gtest.h>
-#include <list>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -17,8 +15,6 @@ using sysv::createOrFind;
 using sysv::find;
 using sysv::keysOf;
 using tests::bytesOf;
-using tests::Channel;
-using tests::ForkedProcess;
 using tests::SharedMemory;
 
 const std::string text = "bytes of another program, which are nobody else's business";
@@ -209,49 +205,6 @@ TEST_F(SysVKeys, ThatBecomeFreeDoNotHideASegmentUnderALaterOne) {
         EXPECT_EQ(countOurs(), 1U);
     }
     EXPECT_EQ(sysv::onlySegment().key, keys[2]);
-}
-
-TEST_F(SysVKeys, ThatComeAndGoMeanwhileLetNobodyMakeASecondSegment) {
-    constexpr int makerCount = 3;
-    constexpr int turnCount = 400;
-    struct Board {
-        std::atomic<int> living;
-        std::atomic<int> made;
-        std::atomic<bool> isOver;
-    };
-    const tests::sysv::Shared<Board> board;
-    const auto keys = keysOf("name");
-    ForkedProcess planter([&](Channel&) {
-        while (!board->isOver) {
-            for (std::size_t i = 0; i < 3; ++i) {
-                const int id = ::shmget(keys.at(i), 100, IPC_CREAT | IPC_EXCL | 0600);
-                if (id != -1) {
-                    sysv::removeFromKernel(id);
-                }
-            }
-        }
-    });
-    std::list<ForkedProcess> makers;
-    for (int i = 0; i < makerCount; ++i) {
-        makers.emplace_back([&](Channel&) {
-            for (int turn = 0; turn < turnCount; ++turn) {
-                const SharedMemory memory = create("name");
-                if (memory.isCreator()) {
-                    ++board->made;
-                    EXPECT_EQ(board->living.fetch_add(1), 0);
-                    EXPECT_TRUE(memory.isStillNamed());
-                    EXPECT_TRUE(find("name").isAttached());
-                    board->living.fetch_sub(1);
-                }
-            }
-        });
-    }
-    for (auto& maker : makers) {
-        EXPECT_EQ(maker.waitForExit(), 0);
-    }
-    board->isOver = true;
-    EXPECT_EQ(planter.waitForExit(), 0);
-    EXPECT_GT(board->made, 0);
 }
 
 } // namespace
