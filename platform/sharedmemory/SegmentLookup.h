@@ -9,8 +9,8 @@ namespace agent::spf::sharedmemory {
 /// The result of a look-up by name.
 struct SegmentLookup {
     std::unique_ptr<SharedMemory::Segment> segment;
-    /// Nothing was attached although something stands under the name: too small, or not to be
-    /// trusted.
+    /// Something stands under the name, even if nothing was attached: because it is too small, not
+    /// to be trusted or closed to this process.
     bool isTaken = false;
 };
 

@@ -44,8 +44,8 @@ std::set<std::string> getOwnGroupNames() {
     return std::move(*names);
 }
 
-/// What a caller takes for its private POSIX segment must never come from a group. Users of System V
-/// segments are told to ask which it is.
+/// What a caller takes for its private POSIX segment must never come from a group. Users of System
+/// V segments are told to ask which it is.
 bool looksInGroups(const std::string& trustee, Segments implementation) {
     return trustee.empty() && implementation == Segments::SysV;
 }
@@ -63,10 +63,10 @@ SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
                                 ImplementationSpecifications implementation) {
     const Backend backend = backendOf(size, implementation);
     SegmentLookup found = backend.find(name, size, trustee);
-    if (!found.segment && looksInGroups(trustee, implementation)) {
+    if (!found.isTaken && looksInGroups(trustee, implementation)) {
         for (const std::string& group : getOwnGroupNames()) {
             found = backend.find(name, size, group);
-            if (found.segment) {
+            if (found.isTaken) {
                 break;
             }
         }
@@ -84,7 +84,7 @@ SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t siz
             return SharedMemory(std::move(found.segment));
         }
         if (found.isTaken) {
-            throw std::runtime_error("Shared memory error: the segment there cannot be used");
+            fail("the segment there cannot be used", name, EEXIST);
         }
         // Another process may be first, and may even remove its segment before the next look.
         if (auto created = backend.create(name, size, trustee)) {

@@ -87,6 +87,7 @@ SysVPlace::Finding SysVPlace::examine(key_t key) const {
                 continue;
             }
             if (errno == EACCES) {
+                finding.standing = Standing::closed;
                 return finding;
             }
             fail("cannot attach to the segment", ownName, errno);

@@ -34,6 +34,9 @@ public:
         foreign,
         /// Somebody who may make segments for this place is making one under the key.
         beingMade,
+        /// As it should be, but closed to this process, which has left the group that its user is a
+        /// member of. Making another segment would be making one that nobody else looks for.
+        closed,
         /// The segment of this identity.
         ours,
         /// One that was, and that nobody finds any more.

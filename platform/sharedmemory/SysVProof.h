@@ -8,6 +8,7 @@
 /// end. The kernel's key is only a hash of 32 bits, and any program may use it.
 ///
 ///     the identity, as many bytes as it has
+///     their number, 64 bits in the machine's order
 ///     a mark of 8 bytes
 ///     one byte: 1 once the segment was removed by somebody who may not remove it from the kernel
 namespace agent::spf::sharedmemory::sysvproof {

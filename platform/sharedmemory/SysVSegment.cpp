@@ -100,6 +100,9 @@ Survey survey(const SysVPlace& place) {
         if (found.standing == Standing::removed && isOwn && sysv::removeSegment(found.id)) {
             continue;
         }
+        if (found.standing == Standing::closed) {
+            fail("cannot attach to the segment there", place.name(), EACCES);
+        }
         if (found.standing == Standing::ours) {
             return {true, {}};
         }
@@ -123,7 +126,7 @@ bool prevails(const SysVPlace& place, std::size_t own) {
             continue;
         }
         const SysVPlace::Finding found = place.examine(place.keys().at(i));
-        if (found.standing == Standing::ours) {
+        if (found.standing == Standing::ours || found.standing == Standing::closed) {
             return false;
         }
         if (found.standing == Standing::beingMade && makerLives(found.status)) {
@@ -213,6 +216,9 @@ SegmentLookup findSysVSegment(const std::string& name, std::size_t size,
     removeSysVLeftovers(place.caller());
     for (const key_t key : place.keys()) {
         SysVPlace::Finding found = place.examine(key);
+        if (found.standing == Standing::closed) {
+            return {nullptr, true};
+        }
         if (found.standing != Standing::ours) {
             continue;
         }

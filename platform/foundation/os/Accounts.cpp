@@ -108,6 +108,8 @@ std::optional<std::set<std::string>> findOwnGroupNames() {
     for (const gid_t id : ids) {
         if (auto name = findGroupName(id)) {
             names.insert(std::move(*name));
+        } else if (!saysNoSuchEntry(errno) && errno != ERANGE) {
+            return std::nullopt;
         }
     }
     return names;
