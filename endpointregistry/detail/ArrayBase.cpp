@@ -20,8 +20,8 @@ static_assert(Claim::is_always_lock_free && Flags::is_always_lock_free &&
                   Number::is_always_lock_free,
               "a lock would be known to one process only");
 
-// The segment begins at a page, so the fields are aligned.
-// NOLINTBEGIN(cppcoreguidelines-pro-type-reinterpret-cast)
+// The segment begins at a page, so the fields are aligned. All are written to as well.
+// NOLINTBEGIN(cppcoreguidelines-pro-type-reinterpret-cast,readability-non-const-parameter)
 Claim claimOf(char* bytes) {
     return Claim(*reinterpret_cast<std::uint32_t*>(bytes));
 }
@@ -33,7 +33,7 @@ Number numberOf(char* bytes, std::size_t offset, std::size_t index) {
     return Number(
         *reinterpret_cast<std::uint64_t*>(bytes + offset + index * sizeof(std::uint64_t)));
 }
-// NOLINTEND(cppcoreguidelines-pro-type-reinterpret-cast)
+// NOLINTEND(cppcoreguidelines-pro-type-reinterpret-cast,readability-non-const-parameter)
 
 } // namespace
 

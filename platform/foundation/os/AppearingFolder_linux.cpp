@@ -5,6 +5,7 @@
 #include "foundation/os/RetryOnInterrupt.h"
 #include "foundation/os/TemporaryName.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -117,13 +118,10 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
 }
 
 bool carriesAccessControlList(int descriptor) {
-    for (const char* const list : accessLists) {
-        if (::fgetxattr(descriptor, list, nullptr, 0) >= 0 ||
-            (errno != ENODATA && errno != EOPNOTSUPP)) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(accessLists.begin(), accessLists.end(), [descriptor](const char* list) {
+        return ::fgetxattr(descriptor, list, nullptr, 0) >= 0 ||
+               (errno != ENODATA && errno != EOPNOTSUPP);
+    });
 }
 
 } // namespace foundation::os
