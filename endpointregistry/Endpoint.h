@@ -125,8 +125,8 @@ public:
     // `...FromAllTrustees` those and all groups of the calling process.
     //
     // All throw std::runtime_error when a folder of the registry cannot be read or the system has
-    // no descriptor or memory left, and std::out_of_range when a segment's contents contradict its
-    // name.
+    // no descriptor or memory left, std::out_of_range when a segment's contents contradict its
+    // name, and std::invalid_argument when a folder's group is no longer known.
 
     /// The data of the entry with exactly this group tag and selected key, or nothing when there
     /// is none. Trustees are searched in ascending order, so one's own entry comes first.

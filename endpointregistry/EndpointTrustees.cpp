@@ -36,16 +36,16 @@ void demandPublished(bool isPublished, severity level, const char* operation) {
 void Endpoint::addTrustees(Trustees trustees) {
     demandPublished(primary != nullptr, severity::error, "addTrustees");
     const DataPair data = primary->getDataPair();
-    if (data.first.empty() && data.second.empty()) {
+    trustees.erase(std::string());
+    const Trustees added = difference(trustees, getTrustees());
+    if (!added.empty() && data.first.empty() && data.second.empty()) {
         // Somebody has removed what this process published, and the group would be told nothing.
         getLogger().log(severity::error, "Endpoint:addTrustees:The private entry is gone");
         throw std::runtime_error("Endpoint private entry cannot be read");
     }
-    for (const std::string& trustee : difference(trustees, getTrustees())) {
-        if (!trustee.empty()) {
-            shares.push_back(std::make_unique<SysVImpl>(data, primary->getGroupTag(),
-                                                        primary->getSelectedKey(), trustee));
-        }
+    for (const std::string& trustee : added) {
+        shares.push_back(std::make_unique<SysVImpl>(data, primary->getGroupTag(),
+                                                    primary->getSelectedKey(), trustee));
     }
 }
 
@@ -60,7 +60,7 @@ Trustees Endpoint::getTrustees() const {
 
 void Endpoint::removeTrustees(Trustees trustees) {
     demandPublished(primary != nullptr, severity::warning, "removeTrustees");
-    // A registry that cannot be read is told here, where it can be, and not on withdrawal.
+    // A private registry that cannot be read is reported; withdrawal itself reports nothing.
     primary->getDataPair();
     std::erase_if(
         shares, [&trustees](const auto& share) { return trustees.contains(share->getTrustee()); });

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <sched.h>
 #include <stdexcept>
 
@@ -39,17 +40,20 @@ void logMissing(const char* what) {
     getLogger().log(severity::warning, "NamedStringArray::erase(): ", what);
 }
 
-/// Tries until the base is initialised. The limit is for a claim that no process will fulfil,
-/// which a hostile member can write there, or the id of a killed one can come to stand for.
-void initialize(NamedStringArray& array, SharedMemory& base, const std::string& baseName) {
-    constexpr auto patience = std::chrono::seconds(30);
-    const auto limit = std::chrono::steady_clock::now() + patience;
-    while (!array.initializeBase(base)) {
-        if (!base.isStillNamed()) {
-            return;
-        }
+/// Tries until the base is initialised or removed. A claim that is not fulfilled for long is taken
+/// back: the id of a killed process can come to stand for another one, and a hostile member can
+/// write any id there. A process that was only slow finds its claim gone and tries again.
+void initialize(NamedStringArray& array, SharedMemory& base, const std::string& trustee) {
+    constexpr auto patience = std::chrono::seconds(2);
+    auto limit = std::chrono::steady_clock::now() + patience;
+    while (!array.initializeBase(base) && base.isStillNamed()) {
         if (std::chrono::steady_clock::now() > limit) {
-            arrays::failInconsistent(baseName);
+            const LockedFile lock = arrays::lock(trustee);
+            const ArrayBase view(base.getPointer());
+            if (!view.isInitialised()) {
+                view.clearClaim(view.claimant());
+            }
+            limit = std::chrono::steady_clock::now() + patience;
         }
         ::sched_yield();
     }
@@ -76,7 +80,7 @@ void NamedStringArray::insert(std::vector<std::string> entry) {
         if (!arrays::isBase(base)) {
             arrays::failInconsistent(baseName);
         }
-        initialize(*this, base, baseName);
+        initialize(*this, base, trustee);
         if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
             insertLocked(locked->segment, entry);
             return;
@@ -90,16 +94,23 @@ void NamedStringArray::insertLocked(SharedMemory& base, const Entry& entry) {
         arrays::failInconsistent(baseName);
     }
     const ArrayBase::Descriptor before = view.current();
+    const std::string containerName = getContainerName(baseName, before.generation);
+    if (arrays::belongsToOtherVersion(baseName, containerName, trustee)) {
+        arrays::failInconsistent(baseName);
+    }
     SharedMemory container = SharedMemory::createOrFind(
-        getContainerName(baseName, before.generation),
-        getContainerSize(before.length, before.width), trustee, implementation);
+        containerName, getContainerSize(before.length, before.width), trustee, implementation);
     if (container.isCreator()) {
         container.makePersistent();
     }
     const std::size_t needed = ArrayRows::widthFor(entry);
     resizeContainer(base, container, needed);
 
+    // Another member may have written there since the size was checked.
     const ArrayBase::Descriptor now = view.current();
+    if (container.getSize() < getContainerSize(now.length, now.width)) {
+        arrays::failInconsistent(baseName);
+    }
     if (now.width < needed) {
         return; // A step of 0 leaves no place for anything.
     }
@@ -160,7 +171,7 @@ void NamedStringArray::eraseLocked(SharedMemory& base, const Entry& entry) {
 void NamedStringArray::shrink(SharedMemory& base, SharedMemory& container) {
     try {
         resizeContainer(base, container, 0);
-    } catch (const std::runtime_error& error) {
+    } catch (const std::exception& error) {
         // The entry is gone, which is what was asked for. Whoever withdraws one must not fail
         // because the system has no memory for a smaller table just now.
         getLogger().log(severity::warning,

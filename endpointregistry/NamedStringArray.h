@@ -26,7 +26,7 @@ namespace agent::spf::endpointregistry {
 ///
 /// What other processes wrote is checked before it is used. A table that contradicts itself is an
 /// empty or missing one to `filter` and `erase`, and a std::runtime_error to `insert`. A container
-/// of more than 256 MiB counts as such.
+/// of more than 64 MiB or 1,048,576 rows counts as such, and is never made.
 ///
 /// All operations throw std::runtime_error when the system refuses (memory, descriptors,
 /// permissions) or something stands in the table's place that does not belong to the group, and

@@ -57,34 +57,6 @@ void removeContainer(const std::string& name, const std::string& trustee) {
     }
 }
 
-/// Whether a container's name is that of a segment of another version of the table: generation 25
-/// of version 1 and generation 5 of version 12 are called the same, and so is the base of version
-/// 125.
-bool belongsToOtherVersion(const std::string& baseName, const std::string& containerName,
-                           const std::string& trustee) {
-    const std::size_t digits = baseName.rfind('v') + 1;
-    for (std::size_t end = digits + 1; end <= containerName.size(); ++end) {
-        const bool isOwn = end == baseName.size();
-        // Numbers are written without leading zeros.
-        const bool isVersion = containerName[digits] != '0' || end == digits + 1;
-        const bool isGeneration = end == containerName.size() || containerName[end] != '0';
-        if (isOwn || !isVersion || !isGeneration) {
-            continue;
-        }
-        const SharedMemory base = arrays::findBase(containerName.substr(0, end), trustee);
-        if (!base.isAttached()) {
-            continue;
-        }
-        const ArrayBase view(base.getPointer());
-        const std::string generation = containerName.substr(end);
-        if (generation.empty() || generation == std::to_string(view.current().generation) ||
-            generation == std::to_string(view.other().generation)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 /// The first generation after this one whose container's name is free for this table.
 unsigned long generationAfter(unsigned long generation, const std::string& baseName,
                               const std::string& trustee) {
@@ -93,7 +65,7 @@ unsigned long generationAfter(unsigned long generation, const std::string& baseN
             arrays::failInconsistent(baseName);
         }
         ++generation;
-    } while (belongsToOtherVersion(
+    } while (arrays::belongsToOtherVersion(
         baseName, NamedStringArray::getContainerName(baseName, generation), trustee));
     return generation;
 }
@@ -151,9 +123,14 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
     }
     LockedFile lock = arrays::lock(trustee);
     lock.makePersistent();
+    if (view.claimant() != ::getpid()) {
+        return false; // Taken back, since the lock was long in coming.
+    }
     ArrayBase::Descriptor first = view.current();
-    first.generation = 1;
-    view.setCurrent(first);
+    first.generation = generationAfter(0, baseName, trustee);
+    if (!view.isInitialised()) {
+        view.setCurrent(first);
+    }
     if (!view.setInitialised()) {
         getLogger().log(severity::error, "NamedStringArray::initializeBase: "
                                          "Inconsistent initial state of base.");
@@ -181,7 +158,9 @@ void NamedStringArray::resizeContainer(SharedMemory& base, SharedMemory& contain
         return;
     }
     if (!arrays::isAcceptable(next)) {
-        arrays::failInconsistent(baseName);
+        getLogger().log(severity::error, "NamedStringArray: The table would be too large: <",
+                        baseName, ">.");
+        throw std::runtime_error("System Error: NamedStringArray: Too large a table");
     }
     next.generation = generationAfter(now.generation, baseName, trustee);
     view.setOther(next);
@@ -214,7 +193,7 @@ void NamedStringArray::clearLeftoverContainer(SharedMemory& base, SharedMemory& 
     const unsigned long leftover = view.other().generation;
     const std::string name = getContainerName(baseName, leftover);
     if (leftover != 0 && leftover != view.current().generation &&
-        !belongsToOtherVersion(baseName, name, trustee)) {
+        !arrays::belongsToOtherVersion(baseName, name, trustee)) {
         removeContainer(name, trustee);
     }
     view.setOther({});

@@ -18,7 +18,7 @@ namespace {
 namespace os = foundation::os;
 
 /// Not waiting without end, since a process that was stopped while it cleared up, or any other of
-/// the same user, may hold the lock for long.
+/// the same user or group, may hold the lock for long.
 LockedDescriptor lockFolder(const os::FilePlace& place) {
     constexpr int attempts = 10000;
     os::FileDescriptor folder(os::retryOnInterrupt([&] {

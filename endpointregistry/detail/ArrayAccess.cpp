@@ -14,8 +14,9 @@ namespace {
 using foundation::log::severity;
 using sharedmemory::SharedMemory;
 
-/// A descriptor may state anything; what it states is read from end to end.
-constexpr unsigned long largestContainer = 256UL * 1024 * 1024;
+// A descriptor may state anything, and what it states is read from end to end.
+constexpr unsigned long largestContainer = 64UL * 1024 * 1024;
+constexpr unsigned long mostRows = 1024UL * 1024;
 
 } // namespace
 
@@ -57,16 +58,43 @@ std::optional<LockedBase> lockIfStillNamed(SharedMemory base) {
 
 SharedMemory findContainer(const std::string& baseName, const ArrayBase::Descriptor& descriptor,
                            const std::string& trustee) {
-    if (!isAcceptable(descriptor)) {
+    const std::string name = NamedStringArray::getContainerName(baseName, descriptor.generation);
+    if (!isAcceptable(descriptor) || belongsToOtherVersion(baseName, name, trustee)) {
         return {};
     }
-    return find(NamedStringArray::getContainerName(baseName, descriptor.generation),
-                NamedStringArray::getContainerSize(descriptor.length, descriptor.width), trustee);
+    return find(name, NamedStringArray::getContainerSize(descriptor.length, descriptor.width),
+                trustee);
+}
+
+bool belongsToOtherVersion(const std::string& baseName, const std::string& containerName,
+                           const std::string& trustee) {
+    const std::size_t digits = baseName.rfind('v') + 1;
+    for (std::size_t end = digits + 1; end <= containerName.size(); ++end) {
+        const bool isOwn = end == baseName.size();
+        // Numbers are written without leading zeros.
+        const bool isVersion = containerName[digits] != '0' || end == digits + 1;
+        const bool isGeneration = end == containerName.size() || containerName[end] != '0';
+        if (isOwn || !isVersion || !isGeneration) {
+            continue;
+        }
+        const SharedMemory base = findBase(containerName.substr(0, end), trustee);
+        if (!base.isAttached()) {
+            continue;
+        }
+        const ArrayBase view(base.getPointer());
+        const std::string generation = containerName.substr(end);
+        if (generation.empty() || generation == std::to_string(view.current().generation) ||
+            generation == std::to_string(view.other().generation)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool isAcceptable(const ArrayBase::Descriptor& descriptor) {
-    return NamedStringArray::getContainerSize(descriptor.length, descriptor.width) <=
-           largestContainer;
+    return descriptor.length <= mostRows &&
+           NamedStringArray::getContainerSize(descriptor.length, descriptor.width) <=
+               largestContainer;
 }
 
 void failInconsistent(const std::string& baseName) {

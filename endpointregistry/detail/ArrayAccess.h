@@ -51,6 +51,12 @@ sharedmemory::SharedMemory findContainer(const std::string& baseName,
                                          const ArrayBase::Descriptor& descriptor,
                                          const std::string& trustee);
 
+/// Whether a container's name is that of a segment of another version of the table: generation 25
+/// of version 1 and generation 5 of version 12 are called the same, and so is the base of version
+/// 125.
+bool belongsToOtherVersion(const std::string& baseName, const std::string& containerName,
+                           const std::string& trustee);
+
 /// Whether a container of this size may be made, or believed in.
 bool isAcceptable(const ArrayBase::Descriptor& descriptor);
 

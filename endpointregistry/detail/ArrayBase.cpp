@@ -43,6 +43,10 @@ pid_t ArrayBase::claim(pid_t process) const {
     return static_cast<pid_t>(holder);
 }
 
+pid_t ArrayBase::claimant() const {
+    return static_cast<pid_t>(claimOf(bytes).load());
+}
+
 void ArrayBase::clearClaim(pid_t process) const {
     auto holder = static_cast<std::uint32_t>(process);
     claimOf(bytes).compare_exchange_strong(holder, 0);

@@ -34,6 +34,9 @@ public:
     /// Claims initialisation for a process; 0 when it succeeded, else the process that has it.
     pid_t claim(pid_t process) const;
 
+    /// The process that has the claim; 0 when none has.
+    pid_t claimant() const;
+
     /// Takes the claim back from a process that died, if it is still that process's.
     void clearClaim(pid_t process) const;
 

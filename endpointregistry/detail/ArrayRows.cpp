@@ -59,13 +59,9 @@ std::vector<std::string> ArrayRows::elements(std::size_t row) const {
 }
 
 bool ArrayRows::equals(std::size_t row, const std::vector<std::string>& entry) const {
-    if (elementCount(row) != entry.size()) {
-        return false;
-    }
     std::size_t index = 0;
     bool isEqual = true;
     walk(row, [&](std::string_view element) {
-        // The count may have changed since it was compared.
         isEqual = isEqual && index < entry.size() && element == entry[index];
         ++index;
     });

@@ -66,12 +66,15 @@ Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,
     if (!hasKnownVersion(name)) {
         return {};
     }
-    // A dead process is noticed before its segment is touched.
-    if (isPublisherGone(name) && staleEndpointFoundAndCleanedUp(name, trustee)) {
+    const SharedMemory segment = findSharedMemory(name, trustee);
+    if (!segment.isAttached()) {
+        // Not built yet, or what is left of a dead publisher.
+        if (isPublisherGone(name)) {
+            staleEndpointFoundAndCleanedUp(name, trustee);
+        }
         return {};
     }
-    const SharedMemory segment = findSharedMemory(name, trustee);
-    if (!segment.isAttached() || staleEndpointFoundAndCleanedUp(name, trustee)) {
+    if (staleEndpointFoundAndCleanedUp(name, trustee)) {
         return {};
     }
     return entrysegment::read(segment.getPointer(), getLengthFromName(name));

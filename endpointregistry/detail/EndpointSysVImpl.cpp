@@ -3,6 +3,7 @@
 #include "endpointregistry/detail/AbandonedFile.h"
 
 #include <algorithm>
+#include <climits>
 #include <iterator>
 #include <set>
 #include <string_view>
@@ -39,10 +40,12 @@ std::vector<std::string> commonParts(const std::vector<std::string>& names) {
 
 /// For each name the first row whose first element contains it, where there is one.
 ///
-/// An element contains few strings of a name's length, since it is hardly longer than a name, so
-/// they are looked up one by one: every name in every row would take a listing's time squared.
+/// A name's element contains few strings of a name's length, so they are looked up one by one:
+/// every name in every row would take a listing's time squared. Elements far longer than a name,
+/// which only a hostile member writes, are passed over.
 std::unordered_map<std::string_view, const Row*>
 firstRowsContaining(const std::vector<Row>& rows, const std::vector<std::string>& names) {
+    constexpr std::size_t longestElement = 4 * NAME_MAX;
     const std::unordered_set<std::string_view> wanted(names.begin(), names.end());
     std::set<std::size_t> lengths;
     for (const std::string& name : names) {
@@ -51,6 +54,9 @@ firstRowsContaining(const std::vector<Row>& rows, const std::vector<std::string>
     std::unordered_map<std::string_view, const Row*> found;
     for (const Row& row : rows) {
         const std::string_view text = row.empty() ? std::string_view() : row.front();
+        if (text.size() > longestElement) {
+            continue;
+        }
         for (const std::size_t length : lengths) {
             for (std::size_t start = 0; start + length <= text.size(); ++start) {
                 const auto name = wanted.find(text.substr(start, length));

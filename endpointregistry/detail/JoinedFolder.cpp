@@ -6,6 +6,7 @@
 #include "endpointregistry/Loggers.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/AppearingFolder.h"
+#include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
@@ -65,6 +66,19 @@ os::FileDescriptor openSharedFolder() {
         [&] { return ::open(shared.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
 }
 
+bool mayBeOwnedBy(uid_t owner, gid_t group, const std::string& path) {
+    constexpr uid_t root = 0;
+    if (owner == root) {
+        return true;
+    }
+    // In a parent with the set-group-id bit, a stranger's folder has the group as well.
+    const auto isMember = os::isMember(owner, group);
+    if (!isMember) {
+        fail("Utils::setTrustee(): Failed to ask for the members of the group of: <", path, errno);
+    }
+    return *isMember;
+}
+
 /// The folder in this place, made with this mode and group when it is missing.
 os::FileDescriptor obtainFolder(const os::FilePlace& place, mode_t mode, std::optional<gid_t> group,
                                 const std::string& path) {
@@ -75,6 +89,11 @@ os::FileDescriptor obtainFolder(const os::FilePlace& place, mode_t mode, std::op
         }
         if (errno != ENOENT) {
             fail("Utils::createFolder(): Failed to open the directory: <", path, errno);
+        }
+        // A process may have the group's rights without its user being a member. Members would
+        // not trust the folder, and could not make one of their own beside it.
+        if (group && !mayBeOwnedBy(::geteuid(), *group, path)) {
+            fail("Utils::setTrustee(): The user is no member of the group of: <", path, EPERM);
         }
         const int error = os::createAppearingFolder(place, mode, group);
         if (error != 0 && error != EEXIST) {
@@ -97,26 +116,14 @@ os::FileDescriptor obtainPublicFolder(const os::FilePlace& place, const std::str
     return folder;
 }
 
-bool mayBeOwnedBy(uid_t owner, gid_t group, const std::string& path) {
-    constexpr uid_t root = 0;
-    if (owner == root || owner == ::geteuid()) {
-        return true;
-    }
-    // In a parent with the set-group-id bit, a stranger's folder has the group as well.
-    const auto isMember = os::isMember(owner, group);
-    if (!isMember) {
-        fail("Utils::setTrustee(): Failed to ask for the members of the group of: <", path, errno);
-    }
-    return *isMember;
-}
-
 bool belongsTo(int folder, gid_t group, const std::string& path) {
     struct stat status {};
     if (::fstat(folder, &status) != 0) {
         fail("Utils::setTrustee(): Failed to stat the path: <", path, errno);
     }
     return status.st_gid == group && (status.st_mode & permissions) == groupOnly &&
-           mayBeOwnedBy(status.st_uid, group, path) && !os::carriesAccessControlList(folder);
+           (status.st_uid == ::geteuid() || mayBeOwnedBy(status.st_uid, group, path)) &&
+           !os::carriesAccessControlList(folder);
 }
 
 } // namespace
@@ -128,6 +135,10 @@ JoinedFolder::JoinedFolder(os::FileDescriptor folder, std::string path, gid_t gr
     if (!belongsTo(this->folder.get(), ownGroup, ownPath)) {
         fail("Utils::setTrustee(): The directory does not belong to its group: <", ownPath, EPERM);
     }
+}
+
+bool JoinedFolder::isStillNamed() const {
+    return os::identityAt(ownPath) == os::identityOf(folder.get());
 }
 
 std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
@@ -155,8 +166,10 @@ JoinedFolder JoinedFolder::obtain(const std::string& parent, const std::string& 
     if (!shared) {
         failToOpen(errno);
     }
-    const os::FileDescriptor top = obtainPublicFolder({shared.get(), "Corvantis"}, path);
-    const os::FileDescriptor middle = obtainPublicFolder({top.get(), parent}, path);
+    const std::string topPath = getSharedFolderPath() + "/Corvantis/";
+    const os::FileDescriptor top = obtainPublicFolder({shared.get(), "Corvantis"}, topPath);
+    const os::FileDescriptor middle =
+        obtainPublicFolder({top.get(), parent}, topPath + parent + "/");
     os::FileDescriptor folder =
         obtainFolder({middle.get(), hashString(trustee)}, groupOnly, group, path);
     return {std::move(folder), std::move(path), group};

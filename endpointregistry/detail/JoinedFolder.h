@@ -41,6 +41,10 @@ public:
 
     gid_t group() const { return ownGroup; }
 
+    /// Whether the path still leads to this folder. Whoever may write to the folders above can put
+    /// it elsewhere.
+    bool isStillNamed() const;
+
 private:
     JoinedFolder(foundation::os::FileDescriptor folder, std::string path, gid_t group);
 

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <optional>
+#include <utility>
 
 namespace agent::spf::endpointregistry::joined {
 
@@ -16,8 +17,14 @@ LockedFile lock(const std::string& name, const std::string& parent, const std::s
     if (trustee.empty()) {
         return {name, parent, trustee, isExclusive, waitForLock};
     }
-    return LockedFile::Impl::wrap(std::make_unique<LockedFile::Impl>(
-        name, JoinedFolder::obtain(parent, trustee), trustee, isExclusive, waitForLock));
+    for (;;) {
+        auto impl = std::make_unique<LockedFile::Impl>(name, JoinedFolder::obtain(parent, trustee),
+                                                       trustee, isExclusive, waitForLock);
+        // A lock in a folder that was put elsewhere keeps nobody out.
+        if (impl->isFolderStillNamed()) {
+            return LockedFile::Impl::wrap(std::move(impl));
+        }
+    }
 }
 
 } // namespace

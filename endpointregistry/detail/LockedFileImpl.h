@@ -30,6 +30,8 @@ public:
     void markForDeletion() { deleteOnDestruction = true; }
     void makePersistent() { deleteOnDestruction = false; }
     bool isLocked() const { return static_cast<bool>(lock); }
+    /// Whether the folder is still where everybody else looks for it; one that was not joined is.
+    bool isFolderStillNamed() const { return !folder || folder->isStillNamed(); }
     int getLockError() const { return lockError; }
     std::string getTrustee() const;
 

@@ -3,10 +3,8 @@
 #include "endpointregistry/Groups.h"
 #include "endpointregistry/Loggers.h"
 #include "foundation/os/DirectoryStream.h"
-#include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <stdexcept>
 #include <utility>
 
@@ -27,9 +25,7 @@ namespace os = foundation::os;
 std::vector<std::string> listNames(const os::FilePlace& folder,
                                    const std::vector<std::string>& nameParts) {
     std::vector<std::string> names;
-    os::DirectoryStream entries(os::FileDescriptor(os::retryOnInterrupt([&] {
-        return ::openat(folder.folder, folder.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    })));
+    os::DirectoryStream entries(folder);
     if (!entries) {
         if (errno == ENOENT) {
             return names;

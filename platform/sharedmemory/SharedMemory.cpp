@@ -4,6 +4,7 @@
 #include "sharedmemory/Failure.h"
 #include "sharedmemory/PosixSegment.h"
 #include "sharedmemory/Segment.h"
+#include "sharedmemory/SysVLeftovers.h"
 #include "sharedmemory/SysVSegment.h"
 
 #include <cerrno>
@@ -17,13 +18,13 @@ namespace {
 
 using Segments = SharedMemory::ImplementationSpecifications;
 
-/// The calls of one implementation.
+/// What one implementation does.
 struct Backend {
     decltype(&createPosixSegment) create;
     decltype(&findPosixSegment) find;
 };
 
-Backend backendOf(std::size_t size, Segments implementation) {
+Backend enter(std::size_t size, Segments implementation) {
     if (size == 0) {
         throw std::invalid_argument("Shared memory size cannot be 0");
     }
@@ -31,6 +32,8 @@ Backend backendOf(std::size_t size, Segments implementation) {
     case Segments::Posix:
         return {createPosixSegment, findPosixSegment};
     case Segments::SysV:
+        // Once for each call of the service, whatever it goes on to do.
+        removeSysVLeftovers();
         return {createSysVSegment, findSysVSegment};
     }
     throw std::invalid_argument("Shared memory implementation is not available");
@@ -55,13 +58,13 @@ bool looksInGroups(const std::string& trustee, Segments implementation) {
 SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
                                   const std::string& trustee,
                                   ImplementationSpecifications implementation) {
-    return SharedMemory(backendOf(size, implementation).create(name, size, trustee));
+    return SharedMemory(enter(size, implementation).create(name, size, trustee));
 }
 
 SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
                                 const std::string& trustee,
                                 ImplementationSpecifications implementation) {
-    const Backend backend = backendOf(size, implementation);
+    const Backend backend = enter(size, implementation);
     SegmentLookup found = backend.find(name, size, trustee);
     if (!found.isTaken && looksInGroups(trustee, implementation)) {
         for (const std::string& group : getOwnGroupNames()) {
@@ -77,7 +80,7 @@ SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
 SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
                                         const std::string& trustee,
                                         ImplementationSpecifications implementation) {
-    const Backend backend = backendOf(size, implementation);
+    const Backend backend = enter(size, implementation);
     for (;;) {
         SegmentLookup found = backend.find(name, size, trustee);
         if (found.segment) {

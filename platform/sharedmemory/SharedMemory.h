@@ -30,7 +30,7 @@ public:
         Posix = 0,
         /// Segments of System V shared memory. Since only their owner may remove them from the
         /// kernel, one that another member of the trustee group removes is found no more, and goes
-        /// for good when its owner next opens any segment.
+        /// for good when its owner next opens any segment of this kind.
         SysV = 1,
     };
 

@@ -11,6 +11,8 @@
 namespace agent::spf::sharedmemory::sysv {
 
 struct Status {
+    /// What it is found by; IPC_PRIVATE when it is not.
+    key_t key;
     /// Who made it, which nobody can change; and its owner, whom the owner itself can change.
     uid_t creator;
     uid_t owner;
@@ -23,7 +25,8 @@ struct Status {
     std::time_t changed;
 };
 
-/// The id of the segment that this key stands for now, whoever may use it.
+/// The id of the segment that this key stands for now, whoever may use it; nothing, with errno set:
+/// ENOENT when there is none.
 std::optional<int> findId(key_t key);
 
 /// The status of a segment, of one that may not be read as well; nothing, with errno set.

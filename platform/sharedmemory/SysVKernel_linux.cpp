@@ -11,10 +11,11 @@ namespace {
 constexpr mode_t permissionBits = 0777;
 
 Status read(const shmid_ds& segment) {
-    return {segment.shm_perm.cuid, segment.shm_perm.uid,
-            segment.shm_perm.gid,  segment.shm_perm.mode & permissionBits,
-            segment.shm_segsz,     segment.shm_cpid,
-            segment.shm_nattch,    segment.shm_ctime};
+    return {segment.shm_perm.__key, // NOLINT(bugprone-reserved-identifier): the C library's name
+            segment.shm_perm.cuid,  segment.shm_perm.uid,
+            segment.shm_perm.gid,   segment.shm_perm.mode & permissionBits,
+            segment.shm_segsz,      segment.shm_cpid,
+            segment.shm_nattch,     segment.shm_ctime};
 }
 
 } // namespace
@@ -39,8 +40,9 @@ std::optional<Status> statusOf(int id) {
     if (found == id) {
         return read(segment);
     }
-    if (found != -1) {
-        errno = EIDRM;
+    // Either it has gone meanwhile, or the kernel is older than the call and says EACCES again.
+    if (found != -1 || errno == EINVAL) {
+        errno = ::shmctl(id, IPC_STAT, &segment) == 0 ? EIDRM : errno;
     }
     return std::nullopt;
 }

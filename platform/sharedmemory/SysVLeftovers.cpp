@@ -4,11 +4,12 @@
 #include "sharedmemory/SysVPlace.h"
 #include "sharedmemory/SysVProof.h"
 
+#include <sys/ipc.h>
+#include <unistd.h>
+
 namespace agent::spf::sharedmemory {
 
 namespace {
-
-constexpr mode_t sharedMode = 0660;
 
 bool isAbandoned(const sysv::Status& status) {
     return status.mode == modeWhileMade && status.attachments == 0 && !makerLives(status);
@@ -16,10 +17,11 @@ bool isAbandoned(const sysv::Status& status) {
 
 } // namespace
 
-void removeSysVLeftovers(uid_t user) {
-    sysv::forEachReadable([user](int id, const sysv::Status& status) {
+void removeSysVLeftovers() {
+    sysv::forEachReadable([user = ::geteuid()](int id, const sysv::Status& status) {
         const bool abandoned = isAbandoned(status);
-        if (status.creator != user || !(abandoned || status.mode == sharedMode)) {
+        const bool isCandidate = abandoned || status.mode == modeForGroup;
+        if (status.key == IPC_PRIVATE || status.creator != user || !isCandidate) {
             return;
         }
         const sysv::Attachment attachment(id);

@@ -32,9 +32,7 @@ SysVPlace::SysVPlace(const std::string& name, const std::string& trustee)
 }
 
 mode_t SysVPlace::mode() const {
-    constexpr mode_t userOnly = 0600;
-    constexpr mode_t userAndGroup = 0660;
-    return ownGroup ? userAndGroup : userOnly;
+    return ownGroup ? modeForGroup : modeForUser;
 }
 
 /// The owner of a segment may set any group, so only the creator tells whom it comes from.
@@ -63,6 +61,9 @@ SysVPlace::Finding SysVPlace::examine(key_t key) const {
     for (;;) {
         const auto id = sysv::findId(key);
         if (!id) {
+            if (errno != ENOENT) {
+                fail("cannot look for the segment", ownName, errno);
+            }
             return {};
         }
         const auto status = sysv::statusOf(*id);

@@ -15,6 +15,10 @@ namespace agent::spf::sharedmemory {
 /// other program sets them. Its maker gives it its final mode and group in one step.
 inline constexpr mode_t modeWhileMade = 0711;
 
+/// Its final modes.
+inline constexpr mode_t modeForUser = 0600;
+inline constexpr mode_t modeForGroup = 0660;
+
 /// Whether the process that is making such a segment is still at it.
 bool makerLives(const sysv::Status& status);
 

@@ -1,7 +1,6 @@
 #include "sharedmemory/SysVSegment.h"
 
 #include "sharedmemory/Failure.h"
-#include "sharedmemory/SysVLeftovers.h"
 #include "sharedmemory/SysVPlace.h"
 #include "sharedmemory/SysVProof.h"
 
@@ -188,7 +187,6 @@ std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, 
 std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name, std::size_t size,
                                                          const std::string& trustee) {
     const SysVPlace place(name, trustee);
-    removeSysVLeftovers(place.caller());
     if (!place.admitsCaller()) {
         fail("cannot make a segment for others", name, EPERM);
     }
@@ -213,7 +211,6 @@ std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name
 SegmentLookup findSysVSegment(const std::string& name, std::size_t size,
                               const std::string& trustee) {
     const SysVPlace place(name, trustee);
-    removeSysVLeftovers(place.caller());
     for (const key_t key : place.keys()) {
         SysVPlace::Finding found = place.examine(key);
         if (found.standing == Standing::closed) {

@@ -1,7 +1,11 @@
 #include "foundation/os/Accounts.h"
 
+#include "foundation/os/FileDescriptor.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -13,6 +17,11 @@ namespace {
 
 constexpr std::size_t firstBufferSize = 1024;
 constexpr std::size_t largestBufferSize = 1048576;
+
+/// Whether the process has a descriptor left; else errno says why not.
+bool canOpenDescriptor() {
+    return static_cast<bool>(FileDescriptor(::open("/", O_PATH | O_CLOEXEC)));
+}
 
 /// Calls `query(&entry, buffer, size, &found)` with growing buffers and returns `read(*found)`, or
 /// nothing with errno set to what the query returned.
@@ -33,7 +42,9 @@ auto lookUp(Query query, Read read) -> std::optional<decltype(read(Entry{}))> {
         if (error == 0 && found != nullptr) {
             return read(*found);
         }
-        errno = error;
+        // Without a descriptor some databases answer that there is no such entry.
+        const bool isBelievable = error != 0 || canOpenDescriptor();
+        errno = isBelievable ? error : errno;
         return std::nullopt;
     }
 }
@@ -50,6 +61,17 @@ bool lists(const ::group& entry, const std::string& user) {
         }
     }
     return false;
+}
+
+/// Some databases tell the groups of a user, but not the users of a group. Only a "yes" counts:
+/// a database that cannot be read is an empty one here.
+bool isInGroupList(const User& user, gid_t group) {
+    constexpr std::size_t most = 65536;
+    std::vector<gid_t> groups(most);
+    int count = most;
+    ::getgrouplist(user.name.c_str(), user.primaryGroup, groups.data(), &count);
+    groups.resize(std::min(most, static_cast<std::size_t>(count)));
+    return std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
 } // namespace
@@ -86,11 +108,13 @@ std::optional<bool> isMember(uid_t user, gid_t group) {
     if (!account) {
         return saysNoSuchEntry(errno) ? std::optional(false) : std::nullopt;
     }
-    // Not getgrouplist, which takes a database that it cannot read for an empty one.
     const auto isListed =
         lookUp<::group>([group](auto... rest) { return ::getgrgid_r(group, rest...); },
                         [&](const ::group& entry) { return lists(entry, account->name); });
-    return isListed || !saysNoSuchEntry(errno) ? isListed : false;
+    if (!isListed && !saysNoSuchEntry(errno)) {
+        return std::nullopt;
+    }
+    return (isListed && *isListed) || isInGroupList(*account, group);
 }
 
 std::optional<std::set<std::string>> findOwnGroupNames() {

@@ -8,7 +8,8 @@
 namespace foundation::os {
 
 // Look-ups in the user and group databases, by the reentrant calls only, so that any thread may
-// make them. Entries of more than 1 MiB read as missing. Nothing is remembered between calls.
+// make them. Entries of more than 1 MiB cannot be read (ERANGE). Nothing is remembered between
+// calls.
 
 /// The login name of a user; nothing when the database has none.
 std::optional<std::string> findUserName(uid_t user);

@@ -90,7 +90,7 @@ void removeIfAbandoned(const FilePlace& place) {
 }
 
 void removeAbandonedTemporaries(const FilePlace& place) {
-    DirectoryStream names(openFile(place.parent(), O_RDONLY | O_DIRECTORY));
+    DirectoryStream names(place.parent());
     if (!names) {
         return;
     }

@@ -51,7 +51,7 @@ bool mark(int folder) {
 }
 
 void removeAbandonedTemporaries(const FilePlace& place) {
-    DirectoryStream names(openFolder(place.parent()));
+    DirectoryStream names(place.parent());
     if (!names) {
         return;
     }

@@ -1,11 +1,12 @@
 #pragma once
 
 #include "foundation/os/FileDescriptor.h"
+#include "foundation/os/FilePlace.h"
 
 #include <cerrno>
 #include <dirent.h>
+#include <fcntl.h>
 #include <memory>
-#include <string>
 
 namespace foundation::os {
 
@@ -13,17 +14,8 @@ namespace foundation::os {
 class DirectoryStream {
 public:
     /// Opens the directory; empty, with errno set, when it cannot be opened.
-    explicit DirectoryStream(const std::string& path)
-        : stream(::opendir(path.c_str())) {}
-
-    /// Reads an open directory from its present position on; empty, with errno set, when it cannot
-    /// be read.
-    explicit DirectoryStream(FileDescriptor directory)
-        : stream(directory ? ::fdopendir(directory.get()) : nullptr) {
-        if (stream) {
-            directory.release();
-        }
-    }
+    explicit DirectoryStream(const FilePlace& place)
+        : stream(place.folder == AT_FDCWD ? ::opendir(place.name.c_str()) : openInside(place)) {}
 
     explicit operator bool() const noexcept { return stream != nullptr; }
 
@@ -36,6 +28,16 @@ public:
     }
 
 private:
+    static DIR* openInside(const FilePlace& place) {
+        FileDescriptor directory(
+            ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        DIR* const opened = directory ? ::fdopendir(directory.get()) : nullptr;
+        if (opened != nullptr) {
+            directory.release();
+        }
+        return opened;
+    }
+
     struct Close {
         void operator()(DIR* open) const noexcept { ::closedir(open); }
     };
