@@ -113,7 +113,8 @@ TEST_F(EndpointSysVImpl, LeavesTheRowOfALivingOneOfItsNameAlone) {
             [] {
                 tests::expectThrown<Endpoint::DuplicateEndpointError>(
                     [] { const Record second(data, tag, key, friends); },
-                    "A synonym endpoint was found while trying to create the locked file");
+                    "Endpoint already exists in registry: A synonym endpoint was found while "
+                    "trying to create the locked file");
             },
             {});
         EXPECT_EQ(tests::rowsOf(friends), (Rows{{ownName(), data.first, data.second}}));
