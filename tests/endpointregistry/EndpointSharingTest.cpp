@@ -200,6 +200,7 @@ TEST_F(EndpointSharing, MakesFoldersAndSegmentsForTheGroupUnderAnyUmask) {
     for (const mode_t mask : {0000U, 0077U, 0777U}) {
         clearMachine();
         tests::provideSharedFolder();
+        SCOPED_TRACE(mask);
         as(anna, [mask] {
             Endpoint endpoint(annas, tag, key);
             ::umask(mask);
