@@ -283,6 +283,26 @@ TEST_F(EndpointSharingHostile, PlantsLinksToFoldersOfHis) {
     }
 }
 
+TEST_F(EndpointSharingHostile, PlantsLinksThatLeadNowhere) {
+    for (const std::string& place :
+         {tests::sharedTop, level(tests::entryParent), groupFolder(tests::entryParent),
+          groupFolder(tests::tableParent)}) {
+        clearMachine();
+        tests::provideSharedFolder();
+        expectHarmless(
+            [&place] {
+                fs::create_directories(fs::path(place).parent_path());
+                for (fs::path above = fs::path(place).parent_path(); above != "/home/Shared";
+                     above = above.parent_path()) {
+                    fs::permissions(above, fs::perms::all);
+                }
+                fs::create_symlink("/home/Shared/nowhere", place);
+            },
+            Outcome::refused);
+        EXPECT_FALSE(fs::exists("/home/Shared/nowhere"));
+    }
+}
+
 TEST_F(EndpointSharingHostile, PlantsALinkToAMembersPrivateEntries) {
     // All entries of one publisher have one name, private ones and those of its groups.
     as(anna, [] {

@@ -1,0 +1,327 @@
+#include "endpointregistry/detail/JoinedRegistry.h"
+
+#include "endpointregistry/detail/JoinedFolder.h"
+#include "foundation/os/FileIdentity.h"
+#include "tests/endpointregistry/EndpointProcesses.h"
+#include "tests/endpointregistry/FoldersTools.h"
+#include "tests/endpointregistry/LockedFileTools.h"
+#include "tests/endpointregistry/LoggersReportedFailure.h"
+#include "tests/endpointregistry/SharingTools.h"
+#include "tests/support/TestAccounts.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <exception>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+using namespace agent::spf::endpointregistry;
+using foundation::os::identityAt;
+using tests::as;
+using tests::Names;
+
+namespace {
+
+namespace accounts = tests::accounts;
+namespace fs = std::filesystem;
+using accounts::anna;
+using accounts::ben;
+using accounts::carl;
+using accounts::friends;
+
+const std::string parent = "joined";
+const std::string name = "file";
+const std::string middle = tests::sharedTop + "/" + parent;
+const std::string folder = tests::sharedFolder(parent, friends);
+const std::string path = folder + name;
+
+/// Owner, group, mode and identity of what stands somewhere: everything that joining leaves alone.
+struct Standing {
+    explicit Standing(const std::string& path)
+        : status(tests::statusOf(path)) {}
+
+    bool operator==(const Standing& other) const {
+        return status.st_ino == other.status.st_ino && status.st_uid == other.status.st_uid &&
+               status.st_gid == other.status.st_gid && status.st_mode == other.status.st_mode;
+    }
+
+    struct stat status;
+};
+
+std::vector<Standing> standingOf(const std::vector<std::string>& paths) {
+    return {paths.begin(), paths.end()};
+}
+
+void expectStanding(const std::string& place, const std::string& owner, const std::string& group,
+                    mode_t mode) {
+    const struct stat status = tests::statusOf(place);
+    EXPECT_EQ(status.st_uid, accounts::userId(owner)) << place;
+    EXPECT_EQ(status.st_gid, accounts::groupId(group)) << place;
+    EXPECT_EQ(tests::modeOf(place), mode) << place;
+}
+
+/// A file of anna's, in folders of hers, that nobody holds any more.
+void leaveAnnasFile() {
+    as(anna, [] {
+        LockedFile file = joined::tryLock(name, parent, friends);
+        EXPECT_TRUE(file.isLocked());
+    });
+}
+
+class JoinedRegistry : public tests::SharingTest {};
+
+} // namespace
+
+TEST_F(JoinedRegistry, MakesWhatIsMissingForTheGroup) {
+    as(anna, [] {
+        const LockedFile file = joined::createAndTryLock(name, parent, friends);
+        EXPECT_TRUE(file.isLocked());
+        EXPECT_EQ(file.getTrustee(), friends);
+        EXPECT_TRUE(tests::isHeld(path));
+        expectStanding(tests::sharedTop, anna, anna, 0777);
+        expectStanding(middle, anna, anna, 0777);
+        expectStanding(folder, anna, friends, 0770);
+        expectStanding(path, anna, friends, 0470);
+    });
+    EXPECT_EQ(tests::namesIn(folder), Names());
+}
+
+TEST_F(JoinedRegistry, UsesWhatAnotherMemberMadeWithoutChangingIt) {
+    leaveAnnasFile();
+    const std::vector<std::string> places{tests::sharedTop, middle, folder, path};
+    const auto before = standingOf(places);
+    as(ben, [] {
+        for (const auto factory : {joined::tryLock, joined::getLock}) {
+            const LockedFile file = factory(name, parent, friends);
+            EXPECT_TRUE(file.isLocked());
+            EXPECT_TRUE(tests::isHeld(path));
+        }
+        const LockedFile taken = joined::createAndTryLock(name, parent, friends);
+        EXPECT_FALSE(taken.isLocked());
+        EXPECT_EQ(taken.getLockError(), EEXIST);
+        EXPECT_EQ(joined::filterNames({"f"}, parent, friends), Names{name});
+    });
+    EXPECT_EQ(standingOf(places), before);
+}
+
+TEST_F(JoinedRegistry, LetsAMemberRemoveAnothersFile) {
+    leaveAnnasFile();
+    as(ben, [] {
+        LockedFile file = joined::tryLock(name, parent, friends);
+        file.markForDeletion();
+    });
+    EXPECT_EQ(tests::namesIn(folder), Names());
+}
+
+TEST_F(JoinedRegistry, LetsAMemberMakeFilesInAnothersFolder) {
+    leaveAnnasFile();
+    as(ben, [] {
+        const LockedFile file = joined::createAndTryLock("ben's", parent, friends);
+        EXPECT_TRUE(file.isLocked());
+        expectStanding(folder + "ben's", ben, friends, 0470);
+        expectStanding(folder, anna, friends, 0770);
+    });
+}
+
+TEST_F(JoinedRegistry, TellsWhatAnotherMemberHolds) {
+    tests::ForkedProcess holder([](tests::Channel& test) {
+        accounts::become(anna);
+        const LockedFile file = joined::createAndTryLock(name, parent, friends);
+        test.send("locked");
+        test.receive();
+    });
+    holder.channel().receive();
+    as(ben, [] {
+        const LockedFile file = joined::tryLock(name, parent, friends);
+        EXPECT_FALSE(file.isLocked());
+        EXPECT_EQ(file.getLockError(), EWOULDBLOCK);
+    });
+    EXPECT_EQ(tests::namesIn(folder), Names{name});
+    holder.channel().send("end");
+    EXPECT_EQ(holder.waitForExit(), 0);
+}
+
+TEST_F(JoinedRegistry, LeavesThePrimitivesAsStrictAsTheyAre) {
+    leaveAnnasFile();
+    as(ben, [] {
+        const std::string inconsistency = "Endpoint Registry Error: File system inconsistency";
+        for (const auto factory :
+             {LockedFile::createAndTryLock, LockedFile::tryLock, LockedFile::getLock}) {
+            tests::expectThrown<std::runtime_error>([&] { factory(name, parent, friends); },
+                                                    inconsistency);
+        }
+        tests::expectThrown<std::runtime_error>(
+            [] { LockedFile::getParentPath(parent, friends, true); }, inconsistency);
+        EXPECT_FALSE(tests::isHeld(path));
+    });
+    expectStanding(path, anna, friends, 0470);
+}
+
+TEST_F(JoinedRegistry, LeavesStickyFoldersAsTheyAre) {
+    for (const std::string& place : {tests::sharedTop, middle}) {
+        tests::makeFolder(place, 01777);
+    }
+    ASSERT_EQ(::chmod("/home/Shared", 01777), 0);
+    leaveAnnasFile();
+    as(ben, [] {
+        const LockedFile file = joined::tryLock(name, parent, friends);
+        EXPECT_TRUE(file.isLocked());
+    });
+    for (const std::string& place : {tests::sharedTop, middle}) {
+        expectStanding(place, "root", "root", 01777);
+    }
+    expectStanding(folder, anna, friends, 0770);
+}
+
+TEST_F(JoinedRegistry, RefusesFilesThatDoNotBelongToTheGroup) {
+    const auto make = [](const std::string& owner, const std::string& group, mode_t mode) {
+        tests::makeFile(path, 0600);
+        if (::chown(path.c_str(), accounts::userId(owner), accounts::groupId(group)) != 0 ||
+            ::chmod(path.c_str(), mode) != 0) {
+            throw std::system_error(errno, std::generic_category(), path);
+        }
+    };
+    leaveAnnasFile();
+    fs::remove(path);
+    struct Case {
+        std::string owner;
+        std::string group;
+        mode_t mode;
+    };
+    for (const Case& file : {Case{anna, anna, 0444}, Case{anna, friends, 0474},
+                             Case{anna, friends, 0477}, Case{anna, friends, 0400}}) {
+        make(file.owner, file.group, file.mode);
+        const Standing before(path);
+        as(ben, [] {
+            EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
+            try {
+                EXPECT_FALSE(joined::tryLock(name, parent, friends).isLocked());
+            } catch (const std::runtime_error&) {
+                SUCCEED();
+            }
+            EXPECT_FALSE(tests::statusOf(path).st_nlink == 0);
+        });
+        EXPECT_TRUE(Standing(path) == before);
+        fs::remove(path);
+    }
+}
+
+TEST_F(JoinedRegistry, FollowsNoLinkInPlaceOfAFile) {
+    leaveAnnasFile();
+    fs::remove(path);
+    const std::string target = "/home/Shared/target";
+    tests::makeFile(target, 0470);
+    ASSERT_EQ(::chown(target.c_str(), accounts::userId(anna), accounts::groupId(friends)), 0);
+    fs::create_symlink(target, path);
+    as(ben, [] {
+        EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
+        EXPECT_FALSE(joined::createAndTryLock(name, parent, friends).isLocked());
+    });
+    EXPECT_TRUE(fs::is_symlink(path));
+    EXPECT_TRUE(fs::exists(target));
+}
+
+TEST_F(JoinedRegistry, MakesNothingForStrangers) {
+    leaveAnnasFile();
+    as(carl, [] {
+        for (const auto factory : {joined::createAndTryLock, joined::tryLock, joined::getLock}) {
+            EXPECT_THROW(factory(name, parent, friends), std::runtime_error);
+        }
+        EXPECT_THROW(joined::filterNames({}, parent, friends), std::runtime_error);
+    });
+    EXPECT_EQ(tests::namesIn(folder), Names{name});
+    expectStanding(folder, anna, friends, 0770);
+}
+
+TEST_F(JoinedRegistry, KnowsNoUnknownGroup) {
+    as(anna, [] {
+        EXPECT_THROW(joined::tryLock(name, parent, "no group"), std::invalid_argument);
+        EXPECT_THROW(JoinedFolder::obtain(parent, "no group"), std::invalid_argument);
+    });
+}
+
+TEST_F(JoinedRegistry, KnowsNoEmptyNames) {
+    for (const std::string& trustee : {std::string(), friends}) {
+        as(anna, [&trustee] {
+            tests::expectReported<std::invalid_argument>(
+                [&] { joined::tryLock("", parent, trustee); }, "LockedFile name cannot be empty",
+                "LockedFile::lockFile(): Name cannot be empty.");
+        });
+        as(anna, [&trustee] {
+            tests::expectReported<std::invalid_argument>(
+                [&] { joined::tryLock(name, "", trustee); },
+                "LockedFile parent name cannot be empty",
+                "LockedFile::createParentFolder(): Parent name cannot be empty.");
+        });
+    }
+}
+
+TEST_F(JoinedRegistry, FindsNoFolderWhereThereIsNoneAndMakesNone) {
+    as(anna, [] {
+        EXPECT_FALSE(JoinedFolder::find(parent, friends).has_value());
+        EXPECT_EQ(joined::filterNames({}, parent, friends), Names());
+        EXPECT_TRUE(fs::is_empty("/home/Shared"));
+        const JoinedFolder made = JoinedFolder::obtain(parent, friends);
+        EXPECT_EQ(made.path(), folder);
+        EXPECT_EQ(made.group(), accounts::groupId(friends));
+        const auto found = JoinedFolder::find(parent, friends);
+        ASSERT_TRUE(found.has_value());
+        EXPECT_EQ(identityAt(found->placeOf(".")), identityAt(folder));
+    });
+}
+
+TEST_F(JoinedRegistry, IsThePrivateOneWithoutATrustee) {
+    as(anna, [] {
+        const LockedFile file = joined::createAndTryLock(name, parent, "");
+        EXPECT_TRUE(file.isLocked());
+        EXPECT_EQ(tests::modeOf(tests::privateFolder(parent) + name), 0400U);
+        EXPECT_TRUE(LockedFile::isLocked(name, parent, ""));
+        EXPECT_TRUE(fs::is_empty("/home/Shared"));
+    });
+}
+
+TEST_F(JoinedRegistry, IsMadeOnceByMembersThatComeAtTheSameTime) {
+    constexpr std::size_t memberCount = 8;
+    constexpr int rounds = 100;
+    const tests::StartSignal start;
+    const tests::Crew members(memberCount, [&start](std::size_t number, tests::Channel& test) {
+        accounts::become(number % 2 == 0 ? anna : ben);
+        for (int round = 0; round < rounds; ++round) {
+            start.await();
+            try {
+                const LockedFile file = joined::tryLock(name, parent, friends);
+                test.send(file.isLocked() ? "locked" : std::to_string(file.getLockError()));
+                test.receive();
+            } catch (const std::exception& error) {
+                test.send(error.what());
+                test.receive();
+            }
+            test.send("let go");
+            test.receive();
+        }
+    });
+    for (int round = 0; round < rounds; ++round) {
+        start.give(memberCount);
+        const std::vector<std::string> answers = members.hear();
+        std::vector<std::string> sorted = answers;
+        std::sort(sorted.begin(), sorted.end());
+        std::vector<std::string> expected(memberCount - 1, std::to_string(EWOULDBLOCK));
+        expected.emplace_back("locked");
+        EXPECT_EQ(sorted, expected) << "in round " << round;
+        EXPECT_EQ(tests::modeOf(folder), 0770U);
+        EXPECT_EQ(tests::namesIn(tests::sharedTop), Names{parent}) << "in round " << round;
+        EXPECT_EQ(tests::namesIn(middle).size(), 1U) << "in round " << round;
+        members.tell("let go");
+        members.hear();
+        fs::remove_all(tests::sharedTop);
+        members.tell("again");
+    }
+    members.expectSuccess();
+}
