@@ -7,6 +7,7 @@
 #include "tests/support/TestAccounts.h"
 #include "tests/support/TracedProcess.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <gtest/gtest.h>
@@ -36,24 +37,40 @@ const std::string key = "key";
 /// In every sweep far fewer steps would mean that the child did not do what it is killed for.
 constexpr int fewestSteps = 100;
 
-/// anna's whole life with the group: she shares and withdraws.
-void shareAndWithdraw() {
-    accounts::become(anna);
-    Endpoint endpoint(annas, tag, key);
-    endpoint.addTrustees({friends});
-    endpoint.removeTrustees({friends});
+/// In a process that is killed at each of its steps: these begin here.
+void beginSteps() {
+    ::raise(SIGSTOP);
 }
 
-void shareAndDie() {
+/// Makes the process anna's, and clears away what those before it have left of her private entries:
+/// they are nobody else's to clear away, and with all of them around each step would take longer.
+void becomeAnna() {
     accounts::become(anna);
+    Endpoint::list();
+}
+
+/// anna's beginning with the group. She ends without withdrawing.
+void share() {
+    becomeAnna();
     Endpoint endpoint(annas, tag, key);
+    beginSteps();
     endpoint.addTrustees({friends});
     ::_exit(EXIT_SUCCESS);
+}
+
+/// Her end with the group.
+void withdraw() {
+    becomeAnna();
+    Endpoint endpoint(annas, tag, key);
+    endpoint.addTrustees({friends});
+    beginSteps();
+    endpoint.removeTrustees({friends});
 }
 
 /// Lets a process die at its `step`-th step; false when it ended before.
 bool killAt(int step, const std::function<void()>& body) {
     tests::TracedProcess process(body);
+    process.runToOwnStop();
     return process.run(step);
 }
 
@@ -81,6 +98,7 @@ void expectNoHarm() {
 
 /// As anna: she can share again, and what she had begun to make is cleared away.
 void expectNoTraces() {
+    EXPECT_EQ(Endpoint::list(), DataPairs());
     {
         Endpoint endpoint(annas, tag, key);
         endpoint.addTrustees({friends});
@@ -88,13 +106,6 @@ void expectNoTraces() {
     }
     EXPECT_EQ(tests::sharedEntries(friends), Names());
     EXPECT_EQ(tests::entryFiles(), Names());
-    for (const std::string& folder : {std::string("/home/Shared"), tests::sharedTop,
-                                      tests::sharedTop + "/" + tests::entryParent,
-                                      tests::sharedTop + "/" + tests::tableParent}) {
-        for (const std::string& name : tests::namesIn(folder)) {
-            EXPECT_NE(name.front(), '.') << folder << "/" << name;
-        }
-    }
     // The base and the container; what was replaced by others stays until its owner comes by.
     EXPECT_LE(tests::kernelSegments().size(), 4U);
 }
@@ -119,79 +130,97 @@ protected:
         clearMachine();
         tests::provideSharedFolder();
     }
+
+    /// The same on a machine where others go on sharing; `look` is what ben does after each.
+    static void sweepAmongOthers(const std::function<void()>& look) {
+        for (const auto& body : {share, withdraw}) {
+            int step = 0;
+            for (bool wasKilled = true; wasKilled && !HasFailure(); ++step) {
+                const testing::ScopedTrace trace(__FILE__, __LINE__,
+                                                 "step " + std::to_string(step));
+                wasKilled = killAt(step, body);
+                as(ben, look);
+            }
+            EXPECT_GT(step, fewestSteps);
+        }
+    }
+};
+
+/// ben's process with lasting entries, which live until it is told to end.
+class Others {
+public:
+    explicit Others(int count)
+        : process([count](tests::Channel& test) {
+            accounts::become(ben);
+            std::vector<Endpoint> endpoints;
+            for (const DataPair& data : dataOf(count)) {
+                endpoints.emplace_back(data, tag, data.second);
+                endpoints.back().addTrustees({friends});
+            }
+            test.send("shared");
+            // A sweep takes longer than a process usually waits for the other.
+            ::pause();
+        })
+        , expected(dataOf(count)) {
+        process.channel().receive();
+    }
+
+    /// As a member: all of them are there, and nothing else.
+    void expectAlone() const {
+        EXPECT_EQ(Endpoint::listFromAllTrustees(), expected);
+        EXPECT_EQ(visibleEntries().size(), expected.size());
+        EXPECT_EQ(tests::rowsOf(friends).size(), expected.size());
+    }
+
+private:
+    static DataPairs dataOf(int count) {
+        DataPairs all;
+        for (int number = 0; number < count; ++number) {
+            all.emplace_back("lasting", std::to_string(number));
+        }
+        return all;
+    }
+
+    tests::ForkedProcess process;
+    DataPairs expected;
 };
 
 } // namespace
 
 TEST_F(EndpointSharingCrash, OfTheVeryFirstToShareLocksNobodyOut) {
-    sweep(startAfresh, shareAndWithdraw);
+    sweep(startAfresh, share);
+}
+
+TEST_F(EndpointSharingCrash, OfOneWhoWithdrawsLastLocksNobodyOut) {
+    sweep(startAfresh, withdraw);
 }
 
 TEST_F(EndpointSharingCrash, OfOneWhoSharesWhatOthersUseLeavesTheRestUnharmed) {
-    startAfresh();
-    tests::Sharer other(ben, {"lasting", "data"}, tag, "lasting", {friends});
-    int step = 0;
-    for (bool wasKilled = true; wasKilled && !HasFailure(); ++step) {
-        const testing::ScopedTrace trace(__FILE__, __LINE__, "step " + std::to_string(step));
-        wasKilled = killAt(step, shareAndWithdraw);
-        as(ben, [&other] {
-            EXPECT_EQ(Endpoint::listFromAllTrustees(), (DataPairs{{"lasting", "data"}}));
-            EXPECT_EQ(visibleEntries(), Names{other.name()});
-            EXPECT_EQ(tests::rowsOf(friends), (Rows{{other.name(), "lasting", "data"}}));
-        });
-    }
-    EXPECT_GT(step, fewestSteps);
-    as(anna, [] { EXPECT_EQ(Endpoint::list({friends}), (DataPairs{{"lasting", "data"}})); });
-    other.end();
-    as(ben, expectNoHarm);
-    as(anna, expectNoTraces);
+    const Others others(1);
+    sweepAmongOthers([&others] { others.expectAlone(); });
+    as(anna, [&others] { others.expectAlone(); });
 }
 
-TEST_F(EndpointSharingCrash, OfOneWhoMakesTheTableGrowLosesNoRow) {
+TEST_F(EndpointSharingCrash, OfOneWhoMakesTheTableGrowOrShrinkLosesNoRow) {
     // With ten rows the table is full, and one more has it replaced by a larger one.
-    constexpr int rowCount = 10;
-    startAfresh();
-    tests::ForkedProcess publisher([](tests::Channel& test) {
-        accounts::become(ben);
-        std::vector<Endpoint> endpoints;
-        for (int row = 0; row < rowCount; ++row) {
-            endpoints.emplace_back(DataPair("lasting", std::to_string(row)), tag,
-                                   std::to_string(row));
-            endpoints.back().addTrustees({friends});
-        }
-        test.send("shared");
-        test.receive();
+    const Others others(10);
+    sweepAmongOthers([&others] {
+        others.expectAlone();
+        // It may have died before the table was made smaller again.
+        EXPECT_LE(getNamedStringArrayDimensions(tests::tableName, 0, friends).first, 20U);
     });
-    publisher.channel().receive();
-    DataPairs expected;
-    for (int row = 0; row < rowCount; ++row) {
-        expected.emplace_back("lasting", std::to_string(row));
-    }
-    int step = 0;
-    for (bool wasKilled = true; wasKilled && !HasFailure(); ++step) {
-        const testing::ScopedTrace trace(__FILE__, __LINE__, "step " + std::to_string(step));
-        wasKilled = killAt(step, shareAndWithdraw);
-        as(ben, [&expected] {
-            EXPECT_EQ(Endpoint::list({friends}), expected);
-            EXPECT_EQ(tests::rowsOf(friends).size(), expected.size());
-            EXPECT_EQ(getNamedStringArrayDimensions(tests::tableName, 0, friends).first, 10U);
-        });
-    }
-    EXPECT_GT(step, fewestSteps);
-    publisher.channel().send("end");
-    EXPECT_EQ(publisher.waitForExit(), 0);
-    as(ben, expectNoHarm);
-    as(anna, expectNoTraces);
+    as(anna, [&others] { others.expectAlone(); });
 }
 
 TEST_F(EndpointSharingCrash, OfAReaderThatClearsUpAfterTheDeadLeavesTheRestToTheNext) {
     sweep(
         [] {
             startAfresh();
-            EXPECT_FALSE(killAt(1'000'000, shareAndDie));
+            tests::Sharer(anna, annas, tag, key, {friends}).kill();
         },
         [] {
             accounts::become(anna);
+            beginSteps();
             if (!Endpoint::list({friends}).empty()) {
                 std::abort();
             }
