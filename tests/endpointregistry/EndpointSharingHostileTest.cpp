@@ -304,18 +304,29 @@ TEST_F(EndpointSharingHostile, PlantsLinksThatLeadNowhere) {
 }
 
 TEST_F(EndpointSharingHostile, PlantsALinkToAMembersPrivateEntries) {
-    // All entries of one publisher have one name, private ones and those of its groups.
-    as(anna, [] {
-        const std::string entries = tests::entryFolder();
+    // A group's entry has the name of the private one, so whoever follows the link takes one for
+    // the other, and clears away what seems to be dead.
+    tests::ForkedProcess member([](tests::Channel& test) {
+        accounts::become(anna);
         const Endpoint living(data, tag, key);
-        const Names before = tests::entryFiles();
-        ASSERT_EQ(before.size(), 1U);
+        const tests::PlantedEntry dead(
+            tests::entryName({"dead", ""}, tag, "dead", tests::noProcess),
+            tests::segmentBytes({"dead", ""}));
+        const Names entries = tests::entryFiles();
+        test.send(tests::entryFolder());
+        test.receive();
+        EXPECT_EQ(listFriends().value_or(DataPairs()), DataPairs());
+        EXPECT_EQ(Endpoint::find(tag, key), data);
+        EXPECT_EQ(tests::entryFiles(), entries);
+        EXPECT_TRUE(dead.hasFile());
+    });
+    const std::string entries = member.channel().receive();
+    as(carl, [&entries] {
         makePublicFolders({tests::sharedTop, level(tests::entryParent)});
         fs::create_directory_symlink(entries, groupFolder(tests::entryParent));
-        EXPECT_EQ(listFriends().value_or(DataPairs()), DataPairs());
-        EXPECT_EQ(tests::entryFiles(), before);
-        EXPECT_EQ(Endpoint::find(tag, key), data);
     });
+    member.channel().send("look");
+    EXPECT_EQ(member.waitForExit(), 0);
 }
 
 TEST_F(EndpointSharingHostile, PlantsFoldersWithAccessControlLists) {

@@ -1,13 +1,10 @@
 #include "endpointregistry/Endpoint.h"
 
 #include "tests/endpointregistry/EndpointProcesses.h"
-#include "tests/endpointregistry/LockedFileProcesses.h"
 #include "tests/endpointregistry/SharingTools.h"
 #include "tests/support/TestAccounts.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cstddef>
 #include <gtest/gtest.h>
 #include <list>
@@ -106,76 +103,4 @@ TEST_F(EndpointSharingListing, OfATagLeavesTheDeadOfOtherTagsToOtherLookups) {
         EXPECT_EQ(Endpoint::filter(tag, {friends}), DataPairs());
         tests::expectNothingShared(friends);
     });
-}
-
-namespace {
-
-constexpr std::size_t racerCount = 4;
-constexpr int rounds = 150;
-
-struct Progress {
-    std::atomic<std::size_t> racing = racerCount;
-    /// How often a racer has made its entry appear and vanish; odd while it is there.
-    std::array<std::atomic<unsigned>, racerCount> changes{};
-    std::atomic<unsigned> complaints = 0;
-};
-
-DataPair dataOfRacer(std::size_t racer) {
-    return {"racer", std::to_string(racer)};
-}
-
-/// Shares and withdraws all the time, and looks whether its entry is there when it should be.
-void race(std::size_t number, Progress& progress) {
-    accounts::become(number % 2 == 0 ? anna : ben);
-    Endpoint endpoint(dataOfRacer(number), tag, std::to_string(number));
-    const auto isListed = [number] {
-        const DataPairs all = Endpoint::list({friends});
-        return std::count(all.begin(), all.end(), dataOfRacer(number)) == 1;
-    };
-    for (int round = 0; round < rounds; ++round) {
-        endpoint.addTrustees({friends});
-        ++progress.changes.at(number);
-        progress.complaints += isListed() ? 0 : 1;
-        ++progress.changes.at(number);
-        endpoint.removeTrustees({friends});
-        progress.complaints += isListed() ? 1 : 0;
-    }
-    --progress.racing;
-}
-
-/// Lists until all is over: whoever was there all the time is found, and nothing else than racers.
-void watch(Progress& progress) {
-    accounts::become(ben);
-    while (progress.racing != 0) {
-        std::array<unsigned, racerCount> before{};
-        std::copy(progress.changes.begin(), progress.changes.end(), before.begin());
-        const DataPairs all = Endpoint::list({friends});
-        for (std::size_t racer = 0; racer < racerCount; ++racer) {
-            const bool wasThere =
-                before.at(racer) % 2 == 1 && progress.changes.at(racer) == before.at(racer);
-            const bool isFound = std::count(all.begin(), all.end(), dataOfRacer(racer)) == 1;
-            progress.complaints += wasThere && !isFound ? 1 : 0;
-        }
-        progress.complaints += std::any_of(all.begin(), all.end(), [](const DataPair& found) {
-            return found.first != "racer" || found.second.size() != 1;
-        });
-        std::size_t rows = 0;
-        for (const auto& row : tests::rowsOf(friends)) {
-            rows += row.size() == 3 && row[1] == "racer" ? 1U : 100U;
-        }
-        progress.complaints += rows <= racerCount ? 0 : 1;
-    }
-}
-
-} // namespace
-
-TEST_F(EndpointSharingListing, IsRightWhileMembersShareAndWithdrawAtOnce) {
-    const tests::SharedWithChildren<Progress> progress;
-    tests::Processes watcher(1, [&progress](std::size_t) { watch(*progress); });
-    tests::Processes racers(racerCount,
-                            [&progress](std::size_t number) { race(number, *progress); });
-    racers.expectSuccess();
-    watcher.expectSuccess();
-    EXPECT_EQ(progress->complaints, 0U);
-    as(ben, [] { tests::expectNothingShared(friends); });
 }

@@ -10,13 +10,16 @@
 #include "tests/support/TestAccounts.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -285,6 +288,31 @@ TEST_F(JoinedRegistry, IsThePrivateOneWithoutATrustee) {
         EXPECT_TRUE(LockedFile::isLocked(name, parent, ""));
         EXPECT_TRUE(fs::is_empty("/home/Shared"));
     });
+}
+
+TEST_F(JoinedRegistry, AppearsInOneStepWithItsFinalOwnersAndModes) {
+    for (const std::string& place : {tests::sharedTop, middle}) {
+        tests::makeFolder(place, 0777);
+    }
+    const foundation::os::FileDescriptor watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_NE(::inotify_add_watch(watch.get(), middle.c_str(), IN_CREATE | IN_MOVED_TO | IN_ATTRIB),
+              -1);
+    as(anna, [] { JoinedFolder::obtain(parent, friends); });
+    expectStanding(folder, anna, friends, 0770);
+    const std::string last = fs::path(folder).parent_path().filename();
+    int appearances = 0;
+    alignas(inotify_event) std::array<char, 4096> buffer{};
+    const ssize_t size = ::read(watch.get(), buffer.data(), buffer.size());
+    for (const char* position = buffer.data(); position < buffer.data() + size;) {
+        inotify_event event{};
+        std::memcpy(&event, position, sizeof event);
+        if (position + sizeof event == last) {
+            EXPECT_EQ(event.mask & IN_ATTRIB, 0U);
+            ++appearances;
+        }
+        position += sizeof event + event.len;
+    }
+    EXPECT_EQ(appearances, 1);
 }
 
 TEST_F(JoinedRegistry, IsMadeOnceByMembersThatComeAtTheSameTime) {
