@@ -14,7 +14,6 @@
 #include <string>
 
 using namespace agent::spf::endpointregistry;
-using tests::as;
 using tests::Channel;
 using tests::DataPair;
 using tests::DataPairs;
@@ -98,7 +97,38 @@ TEST_F(EndpointSharingRace, NeverHidesWhatIsSharedNorShowsWhatIsNot) {
     racers.expectSuccess();
     watchers.expectSuccess();
     EXPECT_EQ(progress->complaints, 0U);
-    as(ben, [] { tests::expectNothingShared(friends); });
+    tests::as(ben, [] { tests::expectNothingShared(friends); });
+}
+
+TEST_F(EndpointSharingRace, LosesNobodyButThoseWhoAreKilledInIt) {
+    constexpr int deaths = 60;
+    const auto shareAgainAndAgain = [](const std::string& user, Channel& test) {
+        accounts::become(user);
+        Endpoint::list();
+        Endpoint endpoint({"racer", user}, tag, user);
+        test.send("begun");
+        for (;;) {
+            endpoint.addTrustees({friends});
+            endpoint.removeTrustees({friends});
+        }
+    };
+    tests::Sharer lasting(ben, {"lasting", "data"}, tag, "lasting", {friends});
+    const tests::ForkedProcess busy([&](Channel& test) { shareAgainAndAgain(ben, test); });
+    for (int death = 0; death < deaths; ++death) {
+        tests::ForkedProcess doomed([&](Channel& test) { shareAgainAndAgain(anna, test); });
+        doomed.channel().receive();
+        tests::as(ben, [] { Endpoint::list({friends}); });
+        doomed.kill();
+        tests::as(ben, [] {
+            DataPairs all = Endpoint::list({friends});
+            std::erase(all, DataPair("racer", ben));
+            EXPECT_EQ(all, (DataPairs{{"lasting", "data"}}));
+            for (const auto& row : tests::rowsOf(friends)) {
+                EXPECT_NE(row.at(2), anna);
+            }
+        });
+    }
+    lasting.end();
 }
 
 TEST_F(EndpointSharingRace, ToBeTheFirstIsWonByAll) {

@@ -1,12 +1,15 @@
 #include "endpointregistry/Endpoint.h"
 
+#include "foundation/os/FileDescriptor.h"
 #include "tests/endpointregistry/FoldersTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/SharingTools.h"
 #include "tests/support/ForkedProcess.h"
 #include "tests/support/TestAccounts.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -298,5 +301,32 @@ TEST_F(EndpointSharing, ByAForkedChildIsTheChildsOwn) {
             }),
             0);
         EXPECT_EQ(Endpoint::list({friends}), DataPairs{annas});
+    });
+}
+
+TEST_F(EndpointSharing, LastsForAsLongAsAForkedChildOfTheDeadPublisherDoes) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const foundation::os::FileDescriptor readEnd(ends[0]);
+    foundation::os::FileDescriptor writeEnd(ends[1]);
+    tests::ForkedProcess publisher([&](tests::Channel& test) {
+        accounts::become(anna);
+        Endpoint endpoint(annas, tag, key);
+        endpoint.addTrustees({friends});
+        writeEnd.reset();
+        if (::fork() == 0) {
+            char byte = 0;
+            ::_exit(::read(readEnd.get(), &byte, 1) == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
+        }
+        test.send("forked");
+        test.receive();
+    });
+    publisher.channel().receive();
+    publisher.kill();
+    as(ben, [] { EXPECT_EQ(Endpoint::list({friends}), DataPairs{annas}); });
+    writeEnd.reset();
+    as(ben, [] {
+        tests::waitUntil([] { return Endpoint::list({friends}).empty(); }, "the entry's end");
+        tests::expectNothingShared(friends);
     });
 }
