@@ -6,14 +6,15 @@
 /// Users and groups that exist only for the running test program: its private namespace has a user
 /// and a group database of its own.
 ///
-/// anna and ben are members of "friends" (and each of a primary group of its own name); carl is
-/// not. The databases also hold root and whoever runs the tests.
+/// anna and ben are members of "friends" and of "family" (and each of a primary group of its own
+/// name); carl is not. The databases also hold root and whoever runs the tests.
 namespace tests::accounts {
 
 inline const std::string anna = "anna";
 inline const std::string ben = "ben";
 inline const std::string carl = "carl";
 inline const std::string friends = "friends";
+inline const std::string family = "family";
 
 /// Whether this process may act as these users, that is, whether the tests run as root. A test
 /// that needs them begins with: if (!accounts::available()) GTEST_SKIP() << accounts::whyNot;

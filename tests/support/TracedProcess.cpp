@@ -63,6 +63,17 @@ TracedProcess::~TracedProcess() {
     }
 }
 
+void TracedProcess::runToOwnStop() {
+    if (::ptrace(PTRACE_CONT, child, nullptr, nullptr) != 0) {
+        throw std::system_error(errno, std::generic_category(), "ptrace");
+    }
+    const int status = waitForChange(child);
+    if (!WIFSTOPPED(status) || WSTOPSIG(status) != SIGSTOP) {
+        isReaped = WIFEXITED(status) || WIFSIGNALED(status);
+        throw std::runtime_error("The traced child did not stop itself.");
+    }
+}
+
 bool TracedProcess::run(int count) {
     for (int step = 0; step < count; ++step) {
         if (!runToNextStep()) {

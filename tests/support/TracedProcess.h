@@ -18,6 +18,9 @@ public:
     TracedProcess(const TracedProcess&) = delete;
     TracedProcess& operator=(const TracedProcess&) = delete;
 
+    /// Lets the child run until it stops itself with SIGSTOP: from there on it gets interesting.
+    void runToOwnStop();
+
     /// Lets the child run up to its `count`-th step from here. False when it ended before; it must
     /// have ended well, or std::runtime_error is thrown.
     bool run(int count);

@@ -125,7 +125,8 @@ constexpr std::string_view testUsers = "anna:x:60801:60801::/home/anna:/bin/sh\n
 constexpr std::string_view testGroups = "anna:x:60801:\n"
                                         "ben:x:60802:\n"
                                         "carl:x:60803:\n"
-                                        "friends:x:60804:anna,ben\n";
+                                        "friends:x:60804:anna,ben\n"
+                                        "family:x:60805:anna,ben\n";
 
 void replaceAccounts() {
     const fs::path users = "/etc/passwd";

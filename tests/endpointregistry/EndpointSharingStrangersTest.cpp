@@ -1,0 +1,128 @@
+#include "endpointregistry/Endpoint.h"
+
+#include "tests/endpointregistry/FoldersTools.h"
+#include "tests/endpointregistry/LockedFileTools.h"
+#include "tests/endpointregistry/SharingTools.h"
+#include "tests/support/ForkedProcess.h"
+#include "tests/support/TestAccounts.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <sys/shm.h>
+#include <unistd.h>
+
+using namespace agent::spf::endpointregistry;
+using tests::as;
+using tests::DataPair;
+using tests::DataPairs;
+using tests::Sharer;
+
+namespace {
+
+namespace accounts = tests::accounts;
+using accounts::anna;
+using accounts::ben;
+using accounts::carl;
+using accounts::friends;
+
+const DataPair annas("data of", "anna");
+const std::string tag = "tag";
+const std::string key = "key";
+
+/// anna and ben are friends and of one family, carl is neither.
+class EndpointSharingStrangers : public tests::SharingTest {};
+
+void expectFound(const DataPairs& expected) {
+    EXPECT_EQ(Endpoint::filterFromAllTrustees(tag), expected);
+    EXPECT_EQ(Endpoint::filter(tag, {friends}), expected);
+    EXPECT_EQ(Endpoint::listFromAllTrustees(), expected);
+    EXPECT_EQ(Endpoint::list({friends}), expected);
+}
+
+/// What somebody who is no member may find by any lookup that asks for the group: nothing.
+void expectNothingReachable(const std::function<DataPairs()>& lookup) {
+    try {
+        EXPECT_EQ(lookup(), DataPairs());
+    } catch (const std::runtime_error&) {
+        SUCCEED();
+    }
+}
+
+} // namespace
+
+TEST_F(EndpointSharingStrangers, ShowsStrangersNothing) {
+    Sharer publisher(anna, annas, tag, key, {friends});
+    as(carl, [] {
+        EXPECT_EQ(Endpoint::findFromAllTrustees(tag, key), std::nullopt);
+        EXPECT_EQ(Endpoint::filterFromAllTrustees(tag), DataPairs());
+        EXPECT_EQ(Endpoint::listFromAllTrustees(), DataPairs());
+        expectNothingReachable([] { return Endpoint::list({friends}); });
+        expectNothingReachable([] { return Endpoint::filter(tag, {friends}); });
+        expectNothingReachable([] {
+            const auto found = Endpoint::find(tag, key, {friends});
+            return found ? DataPairs{*found} : DataPairs();
+        });
+        Endpoint endpoint({"data of", "carl"}, tag, key);
+        EXPECT_THROW(endpoint.addTrustees({friends}), std::invalid_argument);
+    });
+    as(ben, [] { expectFound({annas}); });
+    publisher.end();
+}
+
+TEST_F(EndpointSharingStrangers, LetsStrangersEnterNoFolderAndAttachToNoSegment) {
+    Sharer publisher(anna, annas, tag, key, {friends});
+    as(carl, [&publisher] {
+        for (const std::string& parent : {tests::entryParent, tests::tableParent}) {
+            const std::string folder = tests::sharedFolder(parent, friends);
+            EXPECT_EQ(::open(folder.c_str(), O_RDONLY | O_DIRECTORY), -1);
+            EXPECT_EQ(errno, EACCES);
+            EXPECT_EQ(::open((folder + "planted").c_str(), O_WRONLY | O_CREAT, 0600), -1);
+            EXPECT_EQ(errno, EACCES);
+        }
+        EXPECT_EQ(
+            ::open(tests::sharedPath(friends, publisher.name()).c_str(), O_RDONLY | O_CLOEXEC), -1);
+        EXPECT_EQ(errno, EACCES);
+        const auto segments = tests::kernelSegments();
+        EXPECT_EQ(segments.size(), 2U);
+        for (const tests::KernelSegment& segment : segments) {
+            EXPECT_EQ(::shmget(segment.status.shm_perm.__key, 0, 0400), -1);
+            EXPECT_EQ(errno, EACCES);
+            for (const int flags : {SHM_RDONLY, 0}) {
+                EXPECT_EQ(::shmat(segment.id, nullptr, flags),
+                          reinterpret_cast<void*>(-1)); // NOLINT: the system's value for failure
+                EXPECT_EQ(errno, EACCES);
+            }
+        }
+    });
+    publisher.end();
+}
+
+TEST_F(EndpointSharingStrangers, MakesFoldersAndSegmentsForTheGroupUnderAnyUmask) {
+    for (const mode_t mask : {0000U, 0077U, 0777U}) {
+        clearMachine();
+        tests::provideSharedFolder();
+        SCOPED_TRACE(mask);
+        as(anna, [mask] {
+            Endpoint endpoint(annas, tag, key);
+            ::umask(mask);
+            endpoint.addTrustees({friends});
+            const gid_t group = accounts::groupId(friends);
+            EXPECT_EQ(tests::modeOf(tests::sharedTop), 0777U);
+            for (const std::string& parent : {tests::entryParent, tests::tableParent}) {
+                EXPECT_EQ(tests::modeOf(tests::sharedTop + "/" + parent), 0777U);
+                const std::string folder = tests::sharedFolder(parent, friends);
+                EXPECT_EQ(tests::modeOf(folder), 0770U);
+                EXPECT_EQ(tests::statusOf(folder).st_gid, group);
+            }
+            for (const tests::KernelSegment& segment : tests::kernelSegments()) {
+                EXPECT_EQ(segment.status.shm_perm.mode & 0777U, 0660U);
+                EXPECT_EQ(segment.status.shm_perm.gid, group);
+            }
+        });
+    }
+}

@@ -1,0 +1,153 @@
+#include "endpointregistry/detail/JoinedRegistry.h"
+
+#include "endpointregistry/detail/JoinedFolder.h"
+#include "tests/endpointregistry/FoldersTools.h"
+#include "tests/endpointregistry/LockedFileTools.h"
+#include "tests/endpointregistry/LoggersReportedFailure.h"
+#include "tests/endpointregistry/SharingTools.h"
+#include "tests/support/TestAccounts.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+using namespace agent::spf::endpointregistry;
+using tests::as;
+using tests::Names;
+
+namespace {
+
+namespace accounts = tests::accounts;
+namespace fs = std::filesystem;
+using accounts::anna;
+using accounts::ben;
+using accounts::carl;
+using accounts::friends;
+
+const std::string parent = "joined";
+const std::string name = "file";
+const std::string middle = tests::sharedTop + "/" + parent;
+const std::string folder = tests::sharedFolder(parent, friends);
+const std::string path = folder + name;
+
+/// Owner, group, mode and identity of what stands somewhere: everything that joining leaves alone.
+struct Standing {
+    explicit Standing(const std::string& path)
+        : status(tests::statusOf(path)) {}
+
+    bool operator==(const Standing& other) const {
+        return status.st_ino == other.status.st_ino && status.st_uid == other.status.st_uid &&
+               status.st_gid == other.status.st_gid && status.st_mode == other.status.st_mode;
+    }
+
+    struct stat status;
+};
+
+void expectStanding(const std::string& place, const std::string& owner, const std::string& group,
+                    mode_t mode) {
+    const struct stat status = tests::statusOf(place);
+    EXPECT_EQ(status.st_uid, accounts::userId(owner)) << place;
+    EXPECT_EQ(status.st_gid, accounts::groupId(group)) << place;
+    EXPECT_EQ(tests::modeOf(place), mode) << place;
+}
+
+/// A file of anna's, in folders of hers, that nobody holds any more.
+void leaveAnnasFile() {
+    as(anna, [] {
+        LockedFile file = joined::tryLock(name, parent, friends);
+        EXPECT_TRUE(file.isLocked());
+    });
+}
+
+class JoinedRegistryRefusal : public tests::SharingTest {};
+
+} // namespace
+
+TEST_F(JoinedRegistryRefusal, RefusesFilesThatDoNotBelongToTheGroup) {
+    const auto make = [](const std::string& owner, const std::string& group, mode_t mode) {
+        tests::makeFile(path, 0600);
+        if (::chown(path.c_str(), accounts::userId(owner), accounts::groupId(group)) != 0 ||
+            ::chmod(path.c_str(), mode) != 0) {
+            throw std::system_error(errno, std::generic_category(), path);
+        }
+    };
+    leaveAnnasFile();
+    fs::remove(path);
+    struct Case {
+        std::string owner;
+        std::string group;
+        mode_t mode;
+    };
+    for (const Case& file : {Case{anna, anna, 0444}, Case{anna, friends, 0474},
+                             Case{anna, friends, 0477}, Case{anna, friends, 0400}}) {
+        make(file.owner, file.group, file.mode);
+        const Standing before(path);
+        as(ben, [] {
+            EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
+            try {
+                EXPECT_FALSE(joined::tryLock(name, parent, friends).isLocked());
+            } catch (const std::runtime_error&) {
+                SUCCEED();
+            }
+            EXPECT_FALSE(tests::statusOf(path).st_nlink == 0);
+        });
+        EXPECT_TRUE(Standing(path) == before);
+        fs::remove(path);
+    }
+}
+
+TEST_F(JoinedRegistryRefusal, FollowsNoLinkInPlaceOfAFile) {
+    leaveAnnasFile();
+    fs::remove(path);
+    const std::string target = "/home/Shared/target";
+    tests::makeFile(target, 0470);
+    ASSERT_EQ(::chown(target.c_str(), accounts::userId(anna), accounts::groupId(friends)), 0);
+    fs::create_symlink(target, path);
+    as(ben, [] {
+        EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
+        EXPECT_FALSE(joined::createAndTryLock(name, parent, friends).isLocked());
+    });
+    EXPECT_TRUE(fs::is_symlink(path));
+    EXPECT_TRUE(fs::exists(target));
+}
+
+TEST_F(JoinedRegistryRefusal, MakesNothingForStrangers) {
+    leaveAnnasFile();
+    as(carl, [] {
+        for (const auto factory : {joined::createAndTryLock, joined::tryLock, joined::getLock}) {
+            EXPECT_THROW(factory(name, parent, friends), std::runtime_error);
+        }
+        EXPECT_THROW(joined::filterNames({}, parent, friends), std::runtime_error);
+    });
+    EXPECT_EQ(tests::namesIn(folder), Names{name});
+    expectStanding(folder, anna, friends, 0770);
+}
+
+TEST_F(JoinedRegistryRefusal, KnowsNoUnknownGroup) {
+    as(anna, [] {
+        EXPECT_THROW(joined::tryLock(name, parent, "no group"), std::invalid_argument);
+        EXPECT_THROW(JoinedFolder::obtain(parent, "no group"), std::invalid_argument);
+    });
+}
+
+TEST_F(JoinedRegistryRefusal, KnowsNoEmptyNames) {
+    for (const std::string& trustee : {std::string(), friends}) {
+        as(anna, [&trustee] {
+            tests::expectReported<std::invalid_argument>(
+                [&] { joined::tryLock("", parent, trustee); }, "LockedFile name cannot be empty",
+                "LockedFile::lockFile(): Name cannot be empty.");
+        });
+        as(anna, [&trustee] {
+            tests::expectReported<std::invalid_argument>(
+                [&] { joined::tryLock(name, "", trustee); },
+                "LockedFile parent name cannot be empty",
+                "LockedFile::createParentFolder(): Parent name cannot be empty.");
+        });
+    }
+}

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "endpointregistry/Endpoint.h"
+#include "tests/endpointregistry/EndpointTools.h"
+#include "tests/support/ForkedProcess.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <set>
+#include <string>
+#include <sys/shm.h>
+#include <sys/types.h>
+#include <vector>
+
+/// What tests of entries that are shared with groups have in common.
+namespace tests {
+
+using Trustees = std::set<std::string>;
+using Names = std::vector<std::string>;
+using Rows = std::vector<std::vector<std::string>>;
+
+/// The sub-folders of the registry that hold the entries, and the locks of tables.
+inline const std::string entryParent = "qvEndpointRegistry";
+inline const std::string tableParent = "qvNamedStringArray";
+/// The name of the table that each group has of its entries; its version is 0.
+inline const std::string tableName = "qvEndpointRegistrySysV";
+
+/// Where every user may put folders, and all shared folders are.
+inline const std::string sharedTop = "/home/Shared/Corvantis";
+
+/// Runs the body in a child as that user, and expects that all went well there.
+void as(const std::string& user, const std::function<void()>& body);
+
+/// The names of all files in a group's entry folder, hidden ones too; none where there is no
+/// folder. For its members, and root.
+Names sharedEntries(const std::string& trustee);
+
+/// The path of an entry's file in a group's folder.
+std::string sharedPath(const std::string& trustee, const std::string& name);
+
+/// All rows of a group's table. For its members.
+Rows rowsOf(const std::string& trustee);
+
+/// A segment of System V shared memory, as the system describes it.
+struct KernelSegment {
+    int id;
+    shmid_ds status;
+};
+
+/// All of them, whoever made them.
+std::vector<KernelSegment> kernelSegments();
+
+/// Expects that a group's folder and table hold nothing of anybody. For its members.
+void expectNothingShared(const std::string& trustee);
+
+/// A user's process that publishes an endpoint, shares it, and keeps it until it is told to end.
+class Sharer {
+public:
+    Sharer(const std::string& user, const DataPair& data, const std::string& tag,
+           const std::string& key, const Trustees& trustees);
+
+    void remove(const Trustees& trustees) { ask("-", trustees); }
+    void add(const Trustees& trustees) { ask("+", trustees); }
+
+    /// Kills it with SIGKILL, with and without having its parent take note.
+    void kill() { process.kill(); }
+    void killWithoutReaping();
+
+    /// Ends it, which withdraws everything.
+    void end();
+
+    /// The name of its entries.
+    const std::string& name() const { return entry; }
+    pid_t pid() const { return process.pid(); }
+
+private:
+    void ask(const std::string& what, const Trustees& trustees);
+
+    ForkedProcess process;
+    std::string entry;
+};
+
+/// A test that begins on a machine where nobody ever shared anything but where everybody may. Only
+/// root can act as several users.
+class SharingTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    static void clearMachine();
+};
+
+} // namespace tests
