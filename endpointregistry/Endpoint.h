@@ -105,7 +105,7 @@ public:
     std::set<std::string> getTrustees() const;
 
     /// Ends the sharing with these groups; others are passed over. Members that look afterwards do
-    /// not find the entry. Throws std::runtime_error when the private entry cannot be read.
+    /// not find the entry. Throws std::runtime_error when the caller's own registry cannot be read.
     ///
     /// This, and every other way to end a sharing, ends the process when the group's table cannot
     /// be reached for want of descriptors, memory or rights.

@@ -21,11 +21,11 @@ namespace agent::spf::endpointregistry {
 /// the descriptor: what was examined is what is used.
 class JoinedFolder {
 public:
-    /// The folder as it is; nothing when there is none.
-    ///
-    /// Both throw std::runtime_error when the folder cannot be opened or does not belong to the
-    /// group, or when the shared folder of this machine is missing; std::invalid_argument when
-    /// there is no such group.
+    // Both throw std::runtime_error when the folder cannot be opened or does not belong to the
+    // group, or when the shared folder of this machine is missing; std::invalid_argument when there
+    // is no such group.
+
+    /// The folder as it is; nothing when there is none, whatever the group.
     static std::optional<JoinedFolder> find(const std::string& parent, const std::string& trustee);
 
     /// The folder, made with all levels that are missing.

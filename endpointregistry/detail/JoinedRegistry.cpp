@@ -14,7 +14,7 @@ namespace {
 
 LockedFile lock(const std::string& name, const std::string& parent, const std::string& trustee,
                 bool isExclusive, bool waitForLock) {
-    if (trustee.empty()) {
+    if (trustee.empty() || parent.empty()) { // The latter is refused there.
         return {name, parent, trustee, isExclusive, waitForLock};
     }
     for (;;) {

@@ -90,7 +90,12 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
         if (::mkdirat(place.folder, name.get(), S_IRWXU) != 0) {
             return errno;
         }
-        const FileDescriptor folder = openFolder(name.place());
+        FileDescriptor folder = openFolder(name.place());
+        if (!folder && errno == EACCES) {
+            // The umask has taken even our own permissions.
+            ::fchmodat(place.folder, name.get(), S_IRWXU, AT_SYMLINK_NOFOLLOW);
+            folder = openFolder(name.place());
+        }
         if (!folder) {
             if (errno == ENOENT) {
                 continue; // Tidied away before its mark.
