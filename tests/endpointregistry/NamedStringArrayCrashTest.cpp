@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <set>
 #include <string>
 
 using tests::Entries;
@@ -34,12 +35,13 @@ void insertUpTo(const RawTable& table, unsigned count) {
     }
 }
 
-/// Expects the table to be as it may be, and to go on working.
-void expectSound(const RawTable& table, const Outcomes& outcomes, int step) {
+/// Expects the table to be as it may be, and to go on working; whether the operation has happened.
+bool expectSound(const RawTable& table, const Outcomes& outcomes, int step) {
     auto array = table.array();
     Entries rows = array.filter({});
     EXPECT_TRUE(rows == outcomes.before || rows == outcomes.after)
         << rows.size() << " rows when killed at step " << step;
+    const bool hasHappened = rows == outcomes.after;
     const auto expectRows = [&] { EXPECT_EQ(array.filter({}), rows) << "killed at step " << step; };
 
     const Entry wide{"a wide one", std::string(50, 'w')};
@@ -57,6 +59,17 @@ void expectSound(const RawTable& table, const Outcomes& outcomes, int step) {
     }
     expectRows();
     EXPECT_EQ(table.dimensions(), tests::Dimensions(0, 0)) << "killed at step " << step;
+    return hasHappened;
+}
+
+/// How many steps a process takes before it ends.
+int stepsOf(const std::function<void()>& body) {
+    tests::TracedProcess process(body);
+    int steps = 0;
+    while (process.run(1)) {
+        ++steps;
+    }
+    return steps;
 }
 
 class NamedStringArrayCrash : public tests::NamedStringArrayUsersTest {
@@ -66,8 +79,8 @@ protected:
     /// Kills a process at every step of the operation, and looks each time at a table that was
     /// prepared anew.
     void sweep(const std::function<void()>& prepare, const std::function<void()>& operation,
-               const std::function<void(int)>& expect, int fewestSteps) {
-        int step = 0;
+               const std::function<void(int)>& expect, int firstStep) {
+        int step = firstStep;
         for (bool wasKilled = true; wasKilled && !HasFailure(); ++step) {
             forget();
             prepare();
@@ -77,17 +90,20 @@ protected:
             }
             expect(step);
         }
-        EXPECT_GT(step, fewestSteps);
+        // Far fewer would mean that the child did not do what it is killed for.
+        EXPECT_GT(step, firstStep + 20);
     }
 
     void sweepPrivately(unsigned count, const std::function<void()>& operation,
                         const Outcomes& outcomes) {
+        std::set<bool> seen;
         sweep([&] { insertUpTo(table, count); }, operation,
               [&](int step) {
-                  expectSound(table, outcomes, step);
+                  seen.insert(expectSound(table, outcomes, step));
                   EXPECT_EQ(tests::kernelSegments().size(), 2U) << "killed at step " << step;
               },
-              20);
+              0);
+        EXPECT_EQ(seen, (std::set<bool>{false, true}));
     }
 
     /// anna is killed, and ben goes on.
@@ -96,13 +112,14 @@ protected:
         if (!accounts::available()) {
             GTEST_SKIP() << accounts::whyNot;
         }
+        const auto becomeAnna = [] { accounts::become(accounts::anna); };
         sweep(
             [&] {
                 tests::provideSharedFolder();
                 tests::as(accounts::ben, [&] { insertUpTo(shared, count); });
             },
             [&] {
-                accounts::become(accounts::anna);
+                becomeAnna();
                 operation();
             },
             [&](int step) {
@@ -111,7 +128,7 @@ protected:
                 tests::as(accounts::ben, tests::useSharedMemory);
                 EXPECT_EQ(tests::kernelSegments().size(), 2U) << "killed at step " << step;
             },
-            20);
+            stepsOf(becomeAnna) - 1);
     }
 
 private:
