@@ -134,7 +134,7 @@ protected:
 private:
     /// As if nobody had ever used the registry.
     void forget() {
-        TearDown();
+        tests::forgetAllSegments();
         std::filesystem::remove_all(tests::privateBase());
         std::filesystem::remove_all("/home/Shared");
     }

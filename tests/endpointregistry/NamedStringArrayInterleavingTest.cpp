@@ -5,11 +5,15 @@
 #include "tests/support/ForkedProcess.h"
 #include "tests/support/TracedProcess.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
 #include <limits>
 #include <string>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <sys/wait.h>
 
 using tests::Channel;
@@ -42,14 +46,15 @@ protected:
                     const std::function<bool(const Entries&)>& isRight) {
         bool hasStopped = true;
         for (int step = 0; hasStopped && !HasFailure(); ++step) {
-            TearDown();
+            tests::forgetAllSegments();
             prepare();
             tests::TracedProcess first(stopped);
             hasStopped = first.run(step);
             ForkedProcess second([&whole](Channel&) { whole(); });
             tests::waitUntil(
                 [&] {
-                    return hasEnded(second) || tests::waitsForLock(second.pid()) || isClaimed();
+                    return hasEnded(second) || tests::waitsForLock(second.pid()) ||
+                           hasToWait(second.pid());
                 },
                 "going as far as it can");
             if (hasStopped) {
@@ -71,15 +76,23 @@ protected:
     const Action remove = [this] { table.remove(); };
 
 private:
-    /// Whether somebody is to wait for the initialiser.
-    bool isClaimed() const {
+    /// Whether another one is making or initialising the base, for which an insertion waits.
+    bool hasToWait(pid_t process) const {
         const auto segment = table.findBase();
         if (!segment.isAttached()) {
-            return false;
+            const auto ids = tests::kernelSegments();
+            return std::any_of(ids.begin(), ids.end(),
+                               [process](int id) { return makerOf(id) != process; });
         }
         tests::BaseContent base;
         std::memcpy(&base, segment.getPointer(), sizeof(base));
-        return base.flags == 0 && base.initializer != 0;
+        return base.flags == 0 && base.initializer != 0 &&
+               base.initializer != static_cast<std::uint32_t>(process);
+    }
+
+    static pid_t makerOf(int id) {
+        shmid_ds status{};
+        return ::shmctl(id, IPC_STAT, &status) == 0 ? status.shm_cpid : 0;
     }
 };
 

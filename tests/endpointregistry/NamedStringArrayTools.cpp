@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sched.h>
 #include <stdexcept>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -29,6 +30,12 @@ void demandAttached(const SharedMemory& segment, const std::string& name) {
 
 std::string contentOf(const SharedMemory& segment) {
     return {static_cast<const char*>(segment.getPointer()), segment.getSize()};
+}
+
+void removeAllSegments() {
+    for (const int id : kernelSegments()) {
+        ::shmctl(id, IPC_RMID, nullptr);
+    }
 }
 
 } // namespace
@@ -179,6 +186,13 @@ std::vector<int> kernelSegments() {
     return ids;
 }
 
+void forgetAllSegments() {
+    // Without the right to a namespace of its own, a process takes about the same steps at least.
+    if (::unshare(CLONE_NEWIPC) != 0) {
+        removeAllSegments();
+    }
+}
+
 void useSharedMemory() {
     EXPECT_FALSE(SharedMemory::find("something else", 1, "", sysv).isAttached());
 }
@@ -204,9 +218,7 @@ void as(const std::string& user, const std::function<void()>& body) {
 }
 
 void NamedStringArrayTest::TearDown() {
-    for (const int id : kernelSegments()) {
-        ::shmctl(id, IPC_RMID, nullptr);
-    }
+    removeAllSegments();
 }
 
 void NamedStringArrayUsersTest::SetUp() {

@@ -97,6 +97,11 @@ Entries sortedEntries(NamedStringArray& array);
 /// The ids of all System V segments that the kernel has, whoever may use them.
 std::vector<int> kernelSegments();
 
+/// Goes to where no segments are, and where an operation that is repeated takes the same steps
+/// again: the kernel numbers segments in a circle, and to look through them takes as many steps as
+/// the highest number is.
+void forgetAllSegments();
+
 /// Has the caller's user clear away what others removed of its segments.
 void useSharedMemory();
 
