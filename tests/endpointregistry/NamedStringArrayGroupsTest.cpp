@@ -4,6 +4,7 @@
 #include "tests/endpointregistry/NamedStringArrayTools.h"
 #include "tests/support/TestAccounts.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>

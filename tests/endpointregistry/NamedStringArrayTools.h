@@ -118,7 +118,7 @@ class NamedStringArrayTest : public testing::Test {
 protected:
     void TearDown() override;
 
-    /// The only suite's name of this test, which no other's is part of.
+    /// The test's own.
     const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
     const RawTable table{name};
     NamedStringArray array{name, 0, ""};

@@ -31,6 +31,35 @@ protected:
         }
     }
 
+    /// Leaves version 1 in generation 2 with its base alone, as when the container's owner logs out
+    /// and the base is another user's.
+    void loseContainer(unsigned long length, unsigned long width) const {
+        one.plantBase({.initializer = 1,
+                       .flags = 1,
+                       .width = {width, 0},
+                       .length = {length, 0},
+                       .generation = {2, 0}});
+    }
+
+    void expectTwelveIsLeftAlone() const {
+        const auto isLeftAlone = [this] {
+            return twelve.hasBase() && twelve.array().filter({}) == Entries{{"of twelve"}};
+        };
+        ASSERT_TRUE(isLeftAlone());
+        EXPECT_EQ(one.array().filter({}), Entries());
+        EXPECT_NO_THROW(one.array().erase("of one"));
+        EXPECT_TRUE(isLeftAlone()) << "after a look and an erasure";
+        try {
+            one.array().insert("of one");
+        } catch (const std::runtime_error&) {
+            // The name is taken.
+            EXPECT_EQ(one.array().filter({}), Entries());
+        }
+        EXPECT_TRUE(isLeftAlone()) << "after an insertion";
+        one.remove();
+        EXPECT_TRUE(isLeftAlone()) << "after a deletion";
+    }
+
     const RawTable one{name, 1};
     const RawTable twelve{name, 12};
 };
@@ -101,29 +130,16 @@ TEST_F(NamedStringArrayVersions, DoNotMeetAsContainers) {
     EXPECT_EQ(twelve.array().filter({}).size(), twelves.size() + 1);
 }
 
+TEST_F(NamedStringArrayVersions, DoNotTakeABaseForTheEmptyContainerThatTheyLost) {
+    loseContainer(0, 0);
+    twelve.array().insert("of twelve");
+    expectTwelveIsLeftAlone();
+}
+
 TEST_F(NamedStringArrayVersions, DoNotTakeABaseForTheContainerThatTheyLost) {
-    // One that its owner's logout took along, while the base is another user's.
-    for (const unsigned long width : {0UL, 1UL, 4UL}) {
-        one.plantBase({.initializer = 1,
-                       .flags = 1,
-                       .width = {width, 0},
-                       .length = {width == 0 ? 0U : 10U, 0},
-                       .generation = {2, 0}});
-        twelve.array().insert("of twelve");
-        EXPECT_EQ(one.array().filter({}), Entries()) << width;
-        EXPECT_NO_THROW(one.array().erase("of one"));
-        try {
-            one.array().insert("of one");
-        } catch (const std::runtime_error&) {
-            EXPECT_EQ(one.array().filter({}), Entries()) << width;
-        }
-        ASSERT_TRUE(twelve.hasBase()) << width;
-        EXPECT_EQ(twelve.array().filter({}), Entries{{"of twelve"}}) << width;
-        one.remove();
-        ASSERT_TRUE(twelve.hasBase()) << width;
-        EXPECT_EQ(twelve.array().filter({}), Entries{{"of twelve"}}) << width;
-        twelve.remove();
-    }
+    loseContainer(10, 4);
+    twelve.array().insert("of twelve");
+    expectTwelveIsLeftAlone();
 }
 
 TEST_F(NamedStringArrayVersions, WithoutAGenerationAreDeletedWithoutTheOther) {
