@@ -132,6 +132,7 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
         view.setCurrent(first);
     }
     if (!view.setInitialised()) {
+        view.clearClaim(::getpid()); // Nobody is at it any more.
         getLogger().log(severity::error, "NamedStringArray::initializeBase: "
                                          "Inconsistent initial state of base.");
         throw std::runtime_error("System Error: Endpoint::NamedStringArray::initializeBase: "
@@ -225,17 +226,14 @@ void deleteNamedStringArray(const std::string& name, unsigned long version,
                                                "Base shared memory could not be found.");
             return;
         }
-        if (!ArrayBase(base.getPointer()).isInitialised()) {
-            base.markForDeletion();
-            return;
-        }
+        // Under the lock, or an entry could be inserted between this look and the removal.
         if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
-            locked->lock.markForDeletion();
             locked->segment.markForDeletion();
-            const std::string owner = locked->segment.getTrustee();
-            SharedMemory container =
-                arrays::findContainer(baseName, locked->view().current(), owner);
-            container.markForDeletion();
+            if (locked->view().isInitialised()) {
+                locked->lock.markForDeletion();
+                const std::string owner = locked->segment.getTrustee();
+                arrays::findContainer(baseName, locked->view().current(), owner).markForDeletion();
+            }
             return;
         }
     }
