@@ -55,7 +55,7 @@ protected:
 TEST_F(GroupsOfProcess, AreTheNamesOfItsSupplementaryGroups) {
     EXPECT_EQ(tests::runInChild([this] {
                   setGroups({friends, anna});
-                  EXPECT_EQ(getCurrentUserGroups(), (std::set<std::string>{"anna", "friends"}));
+                  EXPECT_EQ(getCurrentUserGroups(), (std::set<std::string>{"anna", "family", "friends"}));
               }),
               0);
 }
@@ -72,7 +72,7 @@ TEST_F(GroupsOfProcess, DoNotIncludeThePrimaryGroupUnlessItIsSupplementaryToo) {
 TEST_F(GroupsOfProcess, AreThoseOfALoggedInUser) {
     EXPECT_EQ(tests::runInChild([] {
                   accounts::become(accounts::anna);
-                  EXPECT_EQ(getCurrentUserGroups(), (std::set<std::string>{"anna", "friends"}));
+                  EXPECT_EQ(getCurrentUserGroups(), (std::set<std::string>{"anna", "family", "friends"}));
               }),
               0);
 }
@@ -143,7 +143,7 @@ TEST_F(GroupsOfProcess, AreListedWithTheNameOfTheUserWhereATrusteeIsRefused) {
     EXPECT_EQ(tests::runInChild([] {
                   accounts::become(accounts::anna);
                   tests::expectThrown<std::invalid_argument>(
-                      [] { checkTrustee("ben"); }, refusal("ben", "anna", ", anna, friends"));
+                      [] { checkTrustee("ben"); }, refusal("ben", "anna", ", anna, family, friends"));
               }),
               0);
 }

@@ -108,9 +108,10 @@ TEST_F(Accounts, DoNotSayNoWhenTheyCannotBeAsked) {
 }
 
 TEST_F(Accounts, NameTheGroupsOfTheirUser) {
-    for (const auto& [user, groups] : {std::pair<std::string, Names>{"anna", {"anna", "friends"}},
-                                       std::pair<std::string, Names>{"ben", {"ben", "friends"}},
-                                       std::pair<std::string, Names>{"carl", {"carl"}}}) {
+    for (const auto& [user, groups] :
+         {std::pair<std::string, Names>{"anna", {"anna", "family", "friends"}},
+          std::pair<std::string, Names>{"ben", {"ben", "family", "friends"}},
+          std::pair<std::string, Names>{"carl", {"carl"}}}) {
         EXPECT_EQ(tests::runInChild([&user = user, &groups = groups] {
                       accounts::become(user);
                       EXPECT_EQ(findOwnGroupNames(), groups);

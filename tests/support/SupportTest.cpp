@@ -184,8 +184,8 @@ TEST(TestAccounts, KnowsWhoIsAFriend) {
         });
         return child.channel().receive();
     };
-    EXPECT_EQ(groupsOf(accounts::anna), "anna friends ");
-    EXPECT_EQ(groupsOf(accounts::ben), "ben friends ");
+    EXPECT_EQ(groupsOf(accounts::anna), "anna friends family ");
+    EXPECT_EQ(groupsOf(accounts::ben), "ben friends family ");
     EXPECT_EQ(groupsOf(accounts::carl), "carl ");
 }
 
