@@ -70,11 +70,12 @@ TEST_F(GroupsOfProcess, DoNotIncludeThePrimaryGroupUnlessItIsSupplementaryToo) {
 }
 
 TEST_F(GroupsOfProcess, AreThoseOfALoggedInUser) {
-    EXPECT_EQ(tests::runInChild([] {
-                  accounts::become(accounts::anna);
-                  EXPECT_EQ(getCurrentUserGroups(), (std::set<std::string>{"anna", "family", "friends"}));
-              }),
-              0);
+    EXPECT_EQ(
+        tests::runInChild([] {
+            accounts::become(accounts::anna);
+            EXPECT_EQ(getCurrentUserGroups(), (std::set<std::string>{"anna", "family", "friends"}));
+        }),
+        0);
 }
 
 TEST_F(GroupsOfProcess, AreReadAfreshOnEveryCall) {
@@ -143,7 +144,8 @@ TEST_F(GroupsOfProcess, AreListedWithTheNameOfTheUserWhereATrusteeIsRefused) {
     EXPECT_EQ(tests::runInChild([] {
                   accounts::become(accounts::anna);
                   tests::expectThrown<std::invalid_argument>(
-                      [] { checkTrustee("ben"); }, refusal("ben", "anna", ", anna, family, friends"));
+                      [] { checkTrustee("ben"); },
+                      refusal("ben", "anna", ", anna, family, friends"));
               }),
               0);
 }
