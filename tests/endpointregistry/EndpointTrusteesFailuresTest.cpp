@@ -206,6 +206,28 @@ TEST_F(EndpointTrusteesFailure, IsAPrivateEntryThatIsGone) {
     });
 }
 
+TEST_F(EndpointTrusteesFailure, IsNoPrivateEntryThatIsGoneWhereNothingNewIsShared) {
+    withEndpoint(data, [](Endpoint& endpoint) {
+        endpoint.addTrustees({friends, family});
+        fs::remove(tests::segmentPath(tests::entryName(data, tag, key, ::getpid())));
+        endpoint.addTrustees({});
+        endpoint.addTrustees({""});
+        endpoint.addTrustees({friends});
+        endpoint.setTrustees({"", friends, family});
+        EXPECT_EQ(endpoint.getTrustees(), (Trustees{family, friends}));
+        endpoint.setTrustees({friends});
+        EXPECT_EQ(endpoint.getTrustees(), Trustees{friends});
+        EXPECT_THROW(endpoint.addTrustees({friends, family}), std::runtime_error);
+        EXPECT_EQ(Endpoint::find(tag, key, Trustees{friends}), data);
+        endpoint.setTrustees({});
+        EXPECT_EQ(endpoint.getTrustees(), Trustees());
+        tests::expectNothingShared(friends);
+        tests::expectNothingShared(family);
+        EXPECT_THROW(endpoint.addTrustees({friends}), std::runtime_error);
+        tests::expectNothingShared(friends);
+    });
+}
+
 TEST_F(EndpointTrusteesFailure, IsAMissingSharedFolder) {
     fs::remove_all("/home/Shared");
     withEndpoint(data, [](Endpoint& endpoint) {

@@ -2,6 +2,7 @@
 
 #include "tests/endpointregistry/NamedStringArrayTools.h"
 
+#include <cstddef>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -56,6 +57,23 @@ TEST_F(NamedStringArrayHostileRows, ThatCountMoreElementsThanTheyHoldHaveFewer) 
     array.erase(Entry{"a", "b", "c", "d"});
     array.erase(Entry{"a", "b", "c", "d", ""});
     EXPECT_EQ(array.filter({"ab"}), (Entries{{"ab", "c", ""}}));
+}
+
+TEST_F(NamedStringArrayHostileRows, ThatCountMoreElementsThanTheyHoldAreErasedAsTheyAreRead) {
+    table.plant(5, 8,
+                {"\3ab\0c\0\0X"s,
+                 "\x7f"
+                 "a\0\0\0\0\0\0"s,
+                 "\5a\0b\0c\0d"s,
+                 "\x64"
+                 "abcdefg"s,
+                 "\1abc\0\0\0\0"s});
+    for (Entries left = array.filter({}); !left.empty(); left = array.filter({})) {
+        const std::size_t before = left.size();
+        array.erase(left.back());
+        ASSERT_EQ(array.filter({}).size(), before - 1);
+    }
+    EXPECT_EQ(table.dimensions(), tests::Dimensions(0, 0));
 }
 
 TEST_F(NamedStringArrayHostileRows, OfOneByteHoldNothing) {

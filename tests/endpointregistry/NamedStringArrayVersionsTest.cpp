@@ -151,3 +151,77 @@ TEST_F(NamedStringArrayVersions, WithoutAGenerationAreDeletedWithoutTheOther) {
     ASSERT_TRUE(ten.hasBase());
     EXPECT_EQ(ten.array().filter({}), Entries{{"of ten"}});
 }
+
+namespace {
+
+/// Versions 1 and 11: the container of version 1 in generation 1, which a fresh table begins with,
+/// is called like the base of version 11.
+class NamedStringArrayFreshVersions : public tests::NamedStringArrayTest {
+protected:
+    void SetUp() override { ASSERT_EQ(one.containerName(1), eleven.baseName()); }
+
+    /// As an initialiser leaves it that was killed before the first container was made.
+    void initialiseOne() const {
+        one.plantBase({});
+        auto base = one.findBase();
+        ASSERT_TRUE(one.array().initializeBase(base));
+    }
+
+    /// As an initialiser leaves it that came before version 11 was there.
+    void plantOne() const { one.plantBase({.initializer = 1, .flags = 1, .generation = {1, 0}}); }
+
+    void expectElevenIsLeftAlone(const std::string& when) const {
+        ASSERT_TRUE(eleven.hasBase()) << when;
+        EXPECT_EQ(eleven.array().filter({}), Entries{{"of eleven"}}) << when;
+    }
+
+    const RawTable one{name, 1};
+    const RawTable eleven{name, 11};
+};
+
+} // namespace
+
+TEST_F(NamedStringArrayFreshVersions, BeginBesideTheOther) {
+    eleven.array().insert("of eleven");
+    one.array().insert("of one");
+    expectElevenIsLeftAlone("after the first insertion");
+    EXPECT_EQ(one.array().filter({}), Entries{{"of one"}});
+    one.array().insert("a wider one of one");
+    expectElevenIsLeftAlone("after a resize");
+    one.remove();
+    expectElevenIsLeftAlone("after a deletion");
+}
+
+TEST_F(NamedStringArrayFreshVersions, AreDeletedWithoutTheOther) {
+    eleven.array().insert("of eleven");
+    initialiseOne();
+    one.remove();
+    EXPECT_FALSE(one.hasBase());
+    expectElevenIsLeftAlone("after a deletion");
+}
+
+TEST_F(NamedStringArrayFreshVersions, LeaveAloneTheOtherThatCameBeforeTheirFirstContainer) {
+    plantOne();
+    eleven.array().insert("of eleven");
+    EXPECT_EQ(one.array().filter({}), Entries());
+    one.array().erase("of one");
+    expectElevenIsLeftAlone("after a look and an erasure");
+    try {
+        one.array().insert("of one");
+        EXPECT_EQ(one.array().filter({}), Entries{{"of one"}});
+    } catch (const std::runtime_error&) {
+        // The name is taken.
+        EXPECT_EQ(one.array().filter({}), Entries());
+    }
+    expectElevenIsLeftAlone("after the first insertion");
+    one.remove();
+    expectElevenIsLeftAlone("after a deletion");
+}
+
+TEST_F(NamedStringArrayFreshVersions, AreDeletedWithoutTheOtherThatCameBeforeTheirFirstContainer) {
+    plantOne();
+    eleven.array().insert("of eleven");
+    one.remove();
+    EXPECT_FALSE(one.hasBase());
+    expectElevenIsLeftAlone("after a deletion");
+}
