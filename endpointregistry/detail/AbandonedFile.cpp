@@ -37,18 +37,14 @@ LockedDescriptor lockFolder(const os::FilePlace& place) {
 
 AbandonedFile::AbandonedFile(const std::string& name, const std::string& parent,
                              const std::string& trustee)
-    : place(std::string()) {
-    if (!trustee.empty()) {
-        folder = JoinedFolder::find(parent, trustee);
-        if (!folder) {
-            return;
-        }
-        path = folder->path() + name;
-        place = folder->placeOf(name);
-    } else {
-        path = LockedFile::getParentPath(parent, trustee, false) + name;
-        place = path;
-    }
+    : path(LockedFile::getParentPath(parent, trustee, false) + name)
+    , place(path) {
+    examine();
+}
+
+AbandonedFile::AbandonedFile(const std::string& name, const JoinedFolder& folder)
+    : path(folder.path() + name)
+    , place(folder.placeOf(name)) {
     examine();
 }
 

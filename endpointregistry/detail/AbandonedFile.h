@@ -4,7 +4,6 @@
 #include "endpointregistry/detail/LockedDescriptor.h"
 #include "foundation/os/FilePlace.h"
 
-#include <optional>
 #include <string>
 
 namespace agent::spf::endpointregistry {
@@ -28,8 +27,11 @@ public:
         abandoned,
     };
 
-    /// Examines the file; waits a moment for others that clear up. The folder of a group is joined.
+    /// Examines the file; waits a moment for others that clear up.
     AbandonedFile(const std::string& name, const std::string& parent, const std::string& trustee);
+
+    /// The same in the folder of a group, which outlives this object.
+    AbandonedFile(const std::string& name, const JoinedFolder& folder);
 
     Finding finding() const { return found; }
 
@@ -40,7 +42,6 @@ public:
 private:
     void examine();
 
-    std::optional<JoinedFolder> folder;
     std::string path;
     foundation::os::FilePlace place;
     Finding found = Finding::nothingToClear;

@@ -1,15 +1,18 @@
 #include "endpointregistry/detail/EndpointSysVImpl.h"
 
 #include "endpointregistry/detail/AbandonedFile.h"
+#include "endpointregistry/detail/JoinedFolder.h"
 
 #include <algorithm>
 #include <climits>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <unistd.h>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
@@ -26,6 +29,34 @@ void eraseRows(NamedStringArray& array, const std::string& name) {
         array.erase(row);
     }
 }
+
+/// Finds out about the publishers of a group's entries. The folder is joined once, when it is first
+/// needed.
+class LivenessProbe {
+public:
+    explicit LivenessProbe(std::string trustee)
+        : trustee(std::move(trustee)) {}
+
+    /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
+    bool clearIfStale(const std::string& name, NamedStringArray& array) {
+        if (!folder) {
+            folder = JoinedFolder::find(Endpoint::Impl::LF_PARENT_PATH, trustee);
+        }
+        if (!folder) {
+            return true;
+        }
+        AbandonedFile file(name, *folder);
+        if (file.finding() == AbandonedFile::Finding::abandoned) {
+            eraseRows(array, name);
+            file.remove();
+        }
+        return file.finding() != AbandonedFile::Finding::inUse;
+    }
+
+private:
+    std::string trustee;
+    std::optional<JoinedFolder> folder;
+};
 
 /// A row is what some member of the group has written there.
 Endpoint::DataPair dataOf(const Row& row) {
@@ -96,12 +127,7 @@ LockedFile Endpoint::SysVImpl::createLockedFile() {
 bool Endpoint::SysVImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
                                                         const std::string& trustee,
                                                         NamedStringArray& array) {
-    AbandonedFile file(name, LF_PARENT_PATH, trustee);
-    if (file.finding() == AbandonedFile::Finding::abandoned) {
-        eraseRows(array, name);
-        file.remove();
-    }
-    return file.finding() != AbandonedFile::Finding::inUse;
+    return LivenessProbe(trustee).clearIfStale(name, array);
 }
 
 Endpoint::DataPair Endpoint::SysVImpl::getDataPair(const std::string& name,
@@ -112,25 +138,26 @@ Endpoint::DataPair Endpoint::SysVImpl::getDataPair(const std::string& name,
 std::vector<Endpoint::DataPair>
 Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names,
                                  const std::string& trustee) {
-    NamedStringArray table = tableOf(trustee);
-    const auto isStale = [&](const std::string& name) {
-        return staleEndpointFoundAndCleanedUp(name, trustee, table);
-    };
-    // A dead process is noticed before the table is touched.
-    const auto isReadable = [&](const std::string& name) {
-        return hasKnownVersion(name) && !(isPublisherGone(name) && isStale(name));
-    };
+    std::vector<DataPair> pairs(names.size());
     std::vector<std::string> readable;
-    std::copy_if(names.begin(), names.end(), std::back_inserter(readable), isReadable);
-    const std::vector<Row> rows =
-        readable.empty() ? std::vector<Row>() : table.filter(commonParts(readable));
+    std::copy_if(names.begin(), names.end(), std::back_inserter(readable), hasKnownVersion);
+    if (readable.empty()) {
+        return pairs;
+    }
+    NamedStringArray table = tableOf(trustee);
+    LivenessProbe probe(trustee);
+    const auto isStale = [&](const std::string& name) { return probe.clearIfStale(name, table); };
+    const std::vector<Row> rows = table.filter(commonParts(readable));
     const auto rowOf = firstRowsContaining(rows, readable);
-
-    std::vector<DataPair> pairs;
-    pairs.reserve(names.size());
-    for (const std::string& name : names) {
-        const auto row = rowOf.find(name);
-        pairs.push_back(row == rowOf.end() || isStale(name) ? DataPair() : dataOf(*row->second));
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        const std::string& name = names[i];
+        if (const auto row = rowOf.find(name); row != rowOf.end()) {
+            if (!isStale(name)) {
+                pairs[i] = dataOf(*row->second);
+            }
+        } else if (hasKnownVersion(name) && isPublisherGone(name)) {
+            isStale(name);
+        }
     }
     return pairs;
 }
