@@ -17,6 +17,7 @@ using tests::SharedMemory;
 using tests::someSize;
 
 class SharedMemorySegmentContract : public tests::SharedMemoryContract {};
+class SharedMemoryThreadsContract : public tests::SharedMemoryContract {};
 
 TEST_P(SharedMemorySegmentContract, MakesSegmentsOfExactlyTheirSizeAllZeroAndAlignedToAPage) {
     for (const std::size_t size : {1U, 7U, 100U, 4087U, 4095U, 4096U, 4097U, 8192U, 100001U}) {
@@ -148,7 +149,7 @@ TEST_P(SharedMemorySegmentContract, TakesNamesOfAnyBytesAndLengthAndMixesNoneUp)
     }
 }
 
-TEST_P(SharedMemorySegmentContract, ServesEveryThread) {
+TEST_P(SharedMemoryThreadsContract, ServesEveryThread) {
     const SharedMemory common = create("common");
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
@@ -166,6 +167,8 @@ TEST_P(SharedMemorySegmentContract, ServesEveryThread) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Implementations, SharedMemorySegmentContract, tests::implementations,
+                         tests::implementationName);
+INSTANTIATE_TEST_SUITE_P(Implementations, SharedMemoryThreadsContract, tests::implementations,
                          tests::implementationName);
 
 } // namespace
