@@ -76,7 +76,7 @@ std::vector<std::string> commonParts(const std::vector<std::string>& names) {
 /// which only a hostile member writes, are passed over.
 std::unordered_map<std::string_view, const Row*>
 firstRowsContaining(const std::vector<Row>& rows, const std::vector<std::string>& names) {
-    constexpr std::size_t longestElement = 4 * NAME_MAX;
+    constexpr std::size_t longestElement = std::size_t{4} * NAME_MAX;
     const std::unordered_set<std::string_view> wanted(names.begin(), names.end());
     std::set<std::size_t> lengths;
     for (const std::string& name : names) {
