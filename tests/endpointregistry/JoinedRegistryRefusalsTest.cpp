@@ -2,6 +2,7 @@
 
 #include "endpointregistry/detail/JoinedFolder.h"
 #include "tests/endpointregistry/FoldersTools.h"
+#include "tests/endpointregistry/JoinedTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/LoggersReportedFailure.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -21,6 +22,8 @@ using namespace agent::spf::endpointregistry;
 using tests::as;
 using tests::Names;
 
+using namespace tests::joined;
+
 namespace {
 
 namespace accounts = tests::accounts;
@@ -29,33 +32,6 @@ using accounts::anna;
 using accounts::ben;
 using accounts::carl;
 using accounts::friends;
-
-const std::string parent = "joined";
-const std::string name = "file";
-const std::string middle = tests::sharedTop + "/" + parent;
-const std::string folder = tests::sharedFolder(parent, friends);
-const std::string path = folder + name;
-
-/// Owner, group, mode and identity of what stands somewhere: everything that joining leaves alone.
-struct Standing {
-    explicit Standing(const std::string& path)
-        : status(tests::statusOf(path)) {}
-
-    bool operator==(const Standing& other) const {
-        return status.st_ino == other.status.st_ino && status.st_uid == other.status.st_uid &&
-               status.st_gid == other.status.st_gid && status.st_mode == other.status.st_mode;
-    }
-
-    struct stat status;
-};
-
-void expectStanding(const std::string& place, const std::string& owner, const std::string& group,
-                    mode_t mode) {
-    const struct stat status = tests::statusOf(place);
-    EXPECT_EQ(status.st_uid, accounts::userId(owner)) << place;
-    EXPECT_EQ(status.st_gid, accounts::groupId(group)) << place;
-    EXPECT_EQ(tests::modeOf(place), mode) << place;
-}
 
 /// A file of anna's, in folders of hers, that nobody holds any more.
 void leaveAnnasFile() {

@@ -4,6 +4,7 @@
 #include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/EndpointProcesses.h"
 #include "tests/endpointregistry/FoldersTools.h"
+#include "tests/endpointregistry/JoinedTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/LoggersReportedFailure.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -30,6 +31,8 @@ using foundation::os::identityAt;
 using tests::as;
 using tests::Names;
 
+using namespace tests::joined;
+
 namespace {
 
 namespace accounts = tests::accounts;
@@ -39,35 +42,8 @@ using accounts::ben;
 using accounts::carl;
 using accounts::friends;
 
-const std::string parent = "joined";
-const std::string name = "file";
-const std::string middle = tests::sharedTop + "/" + parent;
-const std::string folder = tests::sharedFolder(parent, friends);
-const std::string path = folder + name;
-
-/// Owner, group, mode and identity of what stands somewhere: everything that joining leaves alone.
-struct Standing {
-    explicit Standing(const std::string& path)
-        : status(tests::statusOf(path)) {}
-
-    bool operator==(const Standing& other) const {
-        return status.st_ino == other.status.st_ino && status.st_uid == other.status.st_uid &&
-               status.st_gid == other.status.st_gid && status.st_mode == other.status.st_mode;
-    }
-
-    struct stat status;
-};
-
 std::vector<Standing> standingOf(const std::vector<std::string>& paths) {
     return {paths.begin(), paths.end()};
-}
-
-void expectStanding(const std::string& place, const std::string& owner, const std::string& group,
-                    mode_t mode) {
-    const struct stat status = tests::statusOf(place);
-    EXPECT_EQ(status.st_uid, accounts::userId(owner)) << place;
-    EXPECT_EQ(status.st_gid, accounts::groupId(group)) << place;
-    EXPECT_EQ(tests::modeOf(place), mode) << place;
 }
 
 /// A file of anna's, in folders of hers, that nobody holds any more.
