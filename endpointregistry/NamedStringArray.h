@@ -48,14 +48,14 @@ public:
     void insert(std::initializer_list<std::string> entry);
 
     /// Removes the first entry that equals this one in all elements. What is missing, the table or
-    /// the entry, is only logged.
+    /// the entry, is only logged, and so is that the table cannot shrink now.
     void erase(const std::string& element);
     void erase(std::vector<std::string> entry);
     /// The same for an entry that is written in braces.
     void erase(std::initializer_list<std::string> entry);
 
     /// The entries whose first element contains every one of these strings, in the order of their
-    /// rows; all entries when there are none. Empty when there is no table; makes nothing.
+    /// rows; all entries when there are none. Empty when there is no table, and makes none.
     std::vector<std::vector<std::string>> filter(std::vector<std::string> substrings);
 
     /// The trustee of the table that there is: the object's own, or that of the one an empty
@@ -114,14 +114,14 @@ private:
 };
 
 /// The rows of a table and the bytes of a row; (0, 0) when there is no such table. It looks where
-/// `NamedStringArray::getTrustee` does, and makes nothing.
+/// `NamedStringArray::getTrustee` does, and makes no table.
 std::pair<unsigned long, unsigned long> getNamedStringArrayDimensions(const std::string& name,
                                                                       unsigned long version,
                                                                       const std::string& trustee);
 
-/// Removes a table: its segments and the file of its lock. Processes that use it at the moment
-/// notice and look for it again. A missing table is only logged. It looks where
-/// `NamedStringArray::getTrustee` does.
+/// Removes a table: its segments, and the lock file of all the trustee's tables, which whoever uses
+/// one makes again. Processes that use the table at the moment notice and look for it again. A
+/// missing table is only logged. It looks where `NamedStringArray::getTrustee` does.
 void deleteNamedStringArray(const std::string& name, unsigned long version,
                             const std::string& trustee);
 

@@ -57,6 +57,16 @@ void removeContainer(const std::string& name, const std::string& trustee) {
     }
 }
 
+/// Takes the lock under a claim, which it gives up when the lock cannot be had.
+LockedFile lockForClaim(const ArrayBase& base, const std::string& trustee) {
+    try {
+        return arrays::lock(trustee);
+    } catch (...) {
+        base.clearClaim(::getpid());
+        throw;
+    }
+}
+
 /// The first generation after this one whose container's name is free for this table.
 unsigned long generationAfter(unsigned long generation, const std::string& baseName,
                               const std::string& trustee) {
@@ -112,6 +122,7 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
         base.makePersistent();
     }
     const ArrayBase view(base.getPointer());
+    const bool wasInitialised = view.isInitialised();
     if (const pid_t claimant = view.claim(::getpid()); claimant != 0) {
         if (view.isInitialised()) {
             return true;
@@ -121,10 +132,15 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
         }
         return false;
     }
-    LockedFile lock = arrays::lock(trustee);
+    LockedFile lock = lockForClaim(view, trustee);
     lock.makePersistent();
+    // The claim may have been taken back, since the lock was long in coming, and another thread of
+    // this process may have done the work.
     if (view.claimant() != ::getpid()) {
-        return false; // Taken back, since the lock was long in coming.
+        return false;
+    }
+    if (!wasInitialised && view.isInitialised()) {
+        return true;
     }
     ArrayBase::Descriptor first = view.current();
     first.generation = generationAfter(0, baseName, trustee);

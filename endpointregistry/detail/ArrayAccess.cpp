@@ -43,9 +43,11 @@ SharedMemory findAnyBase(const std::string& baseName, const std::string& trustee
     if (base.isAttached()) {
         return base;
     }
+    if (!trustee.empty()) {
+        return findBase(baseName, {});
+    }
     base = SharedMemory::find(baseName, ArrayBase::size, {}, implementation);
-    const bool isAnothers = !trustee.empty() && !base.getTrustee().empty();
-    return isBase(base) && !isAnothers ? std::move(base) : SharedMemory();
+    return isBase(base) ? std::move(base) : SharedMemory();
 }
 
 std::optional<LockedBase> lockIfStillNamed(SharedMemory base) {

@@ -18,7 +18,7 @@ class Endpoint::SysVImpl final : public Endpoint::Impl {
 public:
     /// Publishes the entry. Throws DuplicateEndpointError when a live process has one of this name
     /// in the group, std::invalid_argument for data that no row can hold, std::runtime_error when
-    /// the system refuses; nothing is left behind then.
+    /// the system refuses; at most an empty table is left behind then.
     SysVImpl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
              const std::string& trustee);
 

@@ -52,13 +52,6 @@ gid_t groupOf(const std::string& trustee) {
     throw std::runtime_error(inconsistency);
 }
 
-os::FileDescriptor openFolder(const os::FilePlace& place) {
-    return os::FileDescriptor(os::retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(),
-                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-    }));
-}
-
 /// The shared folder itself is the administrator's, who may have put a link there.
 os::FileDescriptor openSharedFolder() {
     const std::string shared = getSharedFolderPath();
@@ -83,7 +76,7 @@ bool mayBeOwnedBy(uid_t owner, gid_t group, const std::string& path) {
 os::FileDescriptor obtainFolder(const os::FilePlace& place, mode_t mode, std::optional<gid_t> group,
                                 const std::string& path) {
     for (;;) {
-        os::FileDescriptor folder = openFolder(place);
+        os::FileDescriptor folder = os::openFolder(place);
         if (folder) {
             return folder;
         }
@@ -147,7 +140,7 @@ std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
     os::FileDescriptor folder = openSharedFolder();
     for (const std::string& level : {std::string("Corvantis"), parent, hashString(trustee)}) {
         if (folder) {
-            folder = openFolder({folder.get(), level});
+            folder = os::openFolder({folder.get(), level});
         }
     }
     if (!folder) {
@@ -164,7 +157,8 @@ JoinedFolder JoinedFolder::obtain(const std::string& parent, const std::string& 
     std::string path = LockedFile::getParentPath(parent, trustee, false);
     const os::FileDescriptor shared = openSharedFolder();
     if (!shared) {
-        failToOpen(errno);
+        fail("Utils::createFolder(): Failed to open the directory: <", getSharedFolderPath(),
+             errno);
     }
     const std::string topPath = getSharedFolderPath() + "/Corvantis/";
     const os::FileDescriptor top = obtainPublicFolder({shared.get(), "Corvantis"}, topPath);

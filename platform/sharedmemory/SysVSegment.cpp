@@ -153,16 +153,12 @@ std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, 
         fail("cannot make the segment", place.name(), errno);
     }
     Claim claim(*id);
-    // Whoever took this process for dead has removed the segment.
-    const auto failUnlessGone = [&](const char* what) {
-        if (!sysv::saysGone(errno)) {
-            fail(what, place.name(), errno);
-        }
-    };
     sysv::Attachment attachment(*id);
     if (!attachment) {
-        failUnlessGone("cannot attach to the segment");
-        return nullptr;
+        if (!sysv::saysGone(errno)) {
+            fail("cannot attach to the segment", place.name(), errno);
+        }
+        return nullptr; // Removed by somebody who took this process for dead.
     }
     sysvproof::write(attachment.get(), wholeSize, place.identity());
     auto segment =
@@ -171,7 +167,11 @@ std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, 
         return nullptr;
     }
     if (!sysv::changeSegment(*id, place.mode(), place.group())) {
-        failUnlessGone("cannot finish the segment");
+        // Not judged by errno, which is EINVAL also for a group that this user namespace lacks.
+        const int error = errno;
+        if (segment->isStillNamed()) {
+            fail("cannot finish the segment", place.name(), error);
+        }
         return nullptr;
     }
     if (!segment->isStillNamed()) {

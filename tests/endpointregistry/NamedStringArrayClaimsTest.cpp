@@ -5,8 +5,12 @@
 #include "tests/support/ForkedProcess.h"
 
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
+#include <stdexcept>
+#include <string>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -81,4 +85,37 @@ TEST_F(NamedStringArrayClaims, ThatWereTakenBackAndMadeByAnotherInitialiseNothin
     lock.reset();
     EXPECT_EQ(claimant.waitForExit(), 0);
     EXPECT_EQ(table.base(), others);
+}
+
+TEST_F(NamedStringArrayClaims, ThatAnotherThreadHasFulfilledMeanwhileAreFulfilled) {
+    table.plantBase({});
+    std::optional lock(table.lock());
+    ForkedProcess claimant([this](Channel&) {
+        auto base = table.findBase();
+        EXPECT_TRUE(array.initializeBase(base));
+    });
+    const auto claimantsId = static_cast<std::uint32_t>(claimant.pid());
+    const BaseContent claimed{.initializer = claimantsId};
+    tests::waitUntil([&] { return table.base() == claimed; }, "a claim");
+    // It took the claim back, claimed in the name of the same process, and was done first.
+    const BaseContent fulfilled{.initializer = claimantsId, .flags = 1, .generation = {1, 0}};
+    table.setBase(fulfilled);
+    lock.reset();
+    EXPECT_EQ(claimant.waitForExit(), 0);
+    EXPECT_EQ(table.base(), fulfilled);
+    array.insert("a");
+    EXPECT_EQ(array.filter({}), Entries{{"a"}});
+}
+
+TEST_F(NamedStringArrayClaims, AreGivenUpWhereTheLockIsRefused) {
+    { const auto lock = table.lock(); }
+    const std::string folder = tests::privateBase() + "/qvNamedStringArray";
+    std::filesystem::remove_all(folder);
+    std::ofstream(folder) << "no folder";
+    table.plantBase({});
+    EXPECT_THROW(array.insert("a"), std::runtime_error);
+    EXPECT_EQ(table.base(), BaseContent());
+    std::filesystem::remove(folder);
+    array.insert("a");
+    EXPECT_EQ(array.filter({}), Entries{{"a"}});
 }

@@ -2,6 +2,7 @@
 
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
+#include "tests/endpointregistry/FoldersRefusedCalls.h"
 #include "tests/platform/AppearingFolderTools.h"
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <iomanip>
 #include <optional>
+#include <seccomp.h>
 #include <unistd.h>
 
 namespace {
@@ -23,6 +25,15 @@ using foundation::os::identityAt;
 using tests::AppearingFolders;
 using tests::AppearingFoldersOfUsers;
 using Names = std::vector<std::string>;
+
+TEST_F(AppearingFolders, AreAnErrorWhereNothingCanBeLocked) {
+    EXPECT_EQ(tests::runInChild([&] {
+                  tests::refuseCalls({SCMP_SYS(flock)}, ENOLCK);
+                  EXPECT_EQ(createAppearingFolder(path, 0700, std::nullopt), ENOLCK);
+              }),
+              0);
+    EXPECT_EQ(names(), Names());
+}
 
 TEST_F(AppearingFolders, HaveExactlyTheirModeUnderAnyUmask) {
     for (const mode_t mode : {0700U, 0770U, 0777U, 01777U, 02770U, 0550U}) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <seccomp.h>
 #include <stdexcept>
+#include <sys/ipc.h>
 #include <vector>
 
 namespace {
@@ -51,6 +52,22 @@ TEST_F(SysVRefusedCalls, AreErrorsWhereNoSegmentIs) {
         EXPECT_THROW(create("name"), std::runtime_error);
         EXPECT_THROW(createOrFind("name"), std::runtime_error);
     });
+    EXPECT_EQ(sysv::segments().size(), 0U);
+}
+
+TEST_F(SysVRefusedCalls, AreErrorsWhereASegmentCannotBeGivenItsMode) {
+    // EINVAL is also what a group that the process's user namespace lacks leads to.
+    for (const int error : {EINVAL, EPERM}) {
+        EXPECT_EQ(tests::runInChild([error] {
+                      tests::refuseCalls({SCMP_SYS(shmctl)}, [error](const auto& call) {
+                          constexpr std::size_t command = 1;
+                          return call.arguments.at(command) == IPC_SET ? error : 0;
+                      });
+                      EXPECT_THROW(create("name"), std::runtime_error);
+                      EXPECT_THROW(createOrFind("name"), std::runtime_error);
+                  }),
+                  0);
+    }
     EXPECT_EQ(sysv::segments().size(), 0U);
 }
 

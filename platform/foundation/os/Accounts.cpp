@@ -43,7 +43,7 @@ auto lookUp(Query query, Read read) -> std::optional<decltype(read(Entry{}))> {
             return read(*found);
         }
         // Without a descriptor some databases answer that there is no such entry.
-        const bool isBelievable = error != 0 || canOpenDescriptor();
+        const bool isBelievable = !saysNoSuchEntry(error) || canOpenDescriptor();
         errno = isBelievable ? error : errno;
         return std::nullopt;
     }

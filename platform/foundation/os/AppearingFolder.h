@@ -1,5 +1,6 @@
 #pragma once
 
+#include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FilePlace.h"
 
 #include <optional>
@@ -18,6 +19,10 @@ namespace foundation::os {
 /// Where others may write to the parent, they can put a folder of theirs in the new one's place at
 /// any moment: what is used afterwards must be examined after it was opened.
 int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid_t> group);
+
+/// Opens the folder in a place, and no link to one; empty, with errno set, when it cannot be
+/// opened.
+FileDescriptor openFolder(const FilePlace& place);
 
 /// Whether an open file carries an access control list beyond its mode. One that cannot be asked
 /// about counts as carrying one.

@@ -1,7 +1,6 @@
 #include "foundation/os/AppearingFolder.h"
 
 #include "foundation/os/DirectoryStream.h"
-#include "foundation/os/FileDescriptor.h"
 #include "foundation/os/RetryOnInterrupt.h"
 #include "foundation/os/TemporaryName.h"
 
@@ -23,13 +22,6 @@ namespace {
 /// What the kernel keeps access control lists as.
 constexpr std::array<const char*, 2> accessLists{"system.posix_acl_access",
                                                  "system.posix_acl_default"};
-
-FileDescriptor openFolder(const FilePlace& place) {
-    return FileDescriptor(retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(),
-                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-    }));
-}
 
 bool isOwn(int folder) {
     struct stat status {};
@@ -83,6 +75,13 @@ int furnish(int folder, mode_t mode, std::optional<gid_t> group) {
 
 } // namespace
 
+FileDescriptor openFolder(const FilePlace& place) {
+    return FileDescriptor(retryOnInterrupt([&] {
+        return ::openat(place.folder, place.name.c_str(),
+                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    }));
+}
+
 int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid_t> group) {
     removeAbandonedTemporaries(place);
     for (;;) {
@@ -107,7 +106,10 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
             return EPERM;
         }
         if (!mark(folder.get())) {
-            continue;
+            if (errno == EWOULDBLOCK) {
+                continue; // Somebody is about to tidy it away.
+            }
+            return errno;
         }
         if (const int error = furnish(folder.get(), mode, group); error != 0) {
             return error;

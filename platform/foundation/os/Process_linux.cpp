@@ -19,8 +19,9 @@ bool processLives(pid_t process) {
     // go on answering for it. It is opened close-on-exec without being asked to.
     const FileDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process, 0U)));
     if (handle) {
+        // Only a plain "yes, it has ended" makes it a dead one.
         pollfd ended{handle.get(), POLLIN, 0};
-        return retryOnInterrupt([&] { return ::poll(&ended, 1, 0); }) == 0;
+        return retryOnInterrupt([&] { return ::poll(&ended, 1, 0); }) != 1;
     }
     if (errno == ESRCH || errno == EINVAL) {
         return false;
