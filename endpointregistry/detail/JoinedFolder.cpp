@@ -4,6 +4,7 @@
 #include "endpointregistry/Folders.h"
 #include "endpointregistry/LockedFile.h"
 #include "endpointregistry/Loggers.h"
+#include "endpointregistry/detail/NameListing.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/AppearingFolder.h"
 #include "foundation/os/FileIdentity.h"
@@ -31,12 +32,6 @@ constexpr mode_t groupOnly = S_IRWXU | S_IRWXG;
 [[noreturn]] void fail(const std::string& what, const std::string& path, int error) {
     getLogger().log(severity::error, what, path, ">. (Error ", error, ")");
     throw std::runtime_error(inconsistency);
-}
-
-[[noreturn]] void failToOpen(int error) {
-    getLogger().log(severity::error,
-                    "LockedFile::filterNames(): Failed to open parent folder. (Error ", error, ")");
-    throw std::runtime_error("System Error: File system inconsistency");
 }
 
 gid_t groupOf(const std::string& trustee) {
@@ -147,7 +142,7 @@ std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
         if (errno == ENOENT) {
             return std::nullopt;
         }
-        failToOpen(errno);
+        failToReadFolder(errno);
     }
     return JoinedFolder(std::move(folder), std::move(path), groupOf(trustee));
 }

@@ -10,17 +10,13 @@
 
 namespace agent::spf::endpointregistry {
 
-namespace {
-
 namespace os = foundation::os;
 
-[[noreturn]] void failToReadFolder(int error) {
+void failToReadFolder(int error) {
     getLogger().log(foundation::log::severity::error,
                     "LockedFile::filterNames(): Failed to open parent folder. (Error ", error, ")");
     throw std::runtime_error("System Error: File system inconsistency");
 }
-
-} // namespace
 
 std::vector<std::string> listNames(const os::FilePlace& folder,
                                    const std::vector<std::string>& nameParts) {

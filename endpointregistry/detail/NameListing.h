@@ -12,4 +12,7 @@ namespace agent::spf::endpointregistry {
 std::vector<std::string> listNames(const foundation::os::FilePlace& folder,
                                    const std::vector<std::string>& nameParts);
 
+/// Reports a folder of entries that cannot be opened or read: logs, and throws std::runtime_error.
+[[noreturn]] void failToReadFolder(int error);
+
 } // namespace agent::spf::endpointregistry
