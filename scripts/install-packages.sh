@@ -6,7 +6,7 @@ set -euo pipefail
 
 declare -A groups=(
     [build]="g++ cmake ninja-build libboost-dev libboost-log-dev"
-    [tests]="libgtest-dev libseccomp-dev pkg-config"
+    [tests]="libgtest-dev libseccomp-dev pkg-config python3 strace valgrind"
     [benchmarks]="libbenchmark-dev"
     [checks]="clang-format clang-tidy git python3"
 )
