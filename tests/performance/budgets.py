@@ -81,7 +81,8 @@ def conclude(table, counts, all_subjects, arguments, details):
         failures += wrong is not None
         print(f"{subject:28}{counted:8}" + (f"  FAILED: {wrong}" if wrong else ""))
         if wrong or arguments.subjects:
-            print("\n".join(f"    {line}" for line in details(subject)))
+            for line in details(subject):
+                print(f"    {line}")
     if arguments.update:
         table.update(counts, all_subjects)
         return os.EX_OK
