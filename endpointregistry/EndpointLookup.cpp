@@ -2,6 +2,9 @@
 #include "endpointregistry/Groups.h"
 #include "endpointregistry/detail/EndpointImpl.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace agent::spf::endpointregistry {
 
 namespace {
@@ -15,11 +18,6 @@ std::set<std::string> getAllTrustees() {
     return trustees;
 }
 
-/// A published entry never has two empty strings; a read that yields them found none.
-bool isEntry(const Endpoint::DataPair& data) {
-    return !data.first.empty() || !data.second.empty();
-}
-
 } // namespace
 
 // By value is the published signature of the trustee sets.
@@ -29,10 +27,8 @@ std::optional<Endpoint::DataPair> Endpoint::find(const std::string& groupTag,
                                                  const std::string& selectedKey,
                                                  std::set<std::string> trustees) {
     for (const std::string& trustee : trustees) {
-        for (const std::string& name : Impl::findNames(groupTag, selectedKey, trustee)) {
-            if (DataPair data = Impl::getDataPair(name, trustee); isEntry(data)) {
-                return data;
-            }
+        if (auto data = Impl::findDataPair(groupTag, selectedKey, trustee)) {
+            return data;
         }
     }
     return std::nullopt;
@@ -41,15 +37,14 @@ std::optional<Endpoint::DataPair> Endpoint::find(const std::string& groupTag,
 std::vector<Endpoint::DataPair>
 Endpoint::filterUsingEmptySpaceAsGroupTagWildcard(const std::string& groupTag,
                                                   std::set<std::string> trustees) {
-    std::set<DataPair> found;
+    std::vector<DataPair> found;
     for (const std::string& trustee : trustees) {
-        for (DataPair& data : Impl::getDataPairs(Impl::filterNames(groupTag, trustee), trustee)) {
-            if (isEntry(data)) {
-                found.insert(std::move(data));
-            }
-        }
+        std::vector<DataPair> data = Impl::filterDataPairs(groupTag, trustee);
+        std::move(data.begin(), data.end(), std::back_inserter(found));
     }
-    return {found.begin(), found.end()};
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
 }
 
 std::vector<Endpoint::DataPair> Endpoint::filter(const std::string& groupTag,

@@ -2,6 +2,7 @@
 
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/TrusteeHandover.h"
+#include "endpointregistry/detail/UsersFolder.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/RetryOnInterrupt.h"
@@ -147,7 +148,7 @@ std::string getSharedFolderPath() {
         throw std::runtime_error(
             "Utils::getSharedFolderPath:Failed to get the path to Users folder");
     }
-    return users + "/Shared";
+    return sharedFolderIn(users);
 }
 
 } // namespace agent::spf::endpointregistry

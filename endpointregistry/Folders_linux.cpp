@@ -1,13 +1,18 @@
 #include "endpointregistry/Folders.h"
+#include "endpointregistry/detail/UsersFolder.h"
 
 #include <sys/stat.h>
 
 namespace agent::spf::endpointregistry {
 
+std::string usersFolder() {
+    return "/home";
+}
+
 std::string getUsersPath() {
-    const char* const home = "/home";
+    std::string users = usersFolder();
     struct stat status {};
-    return ::stat(home, &status) == 0 && S_ISDIR(status.st_mode) ? home : "";
+    return ::stat(users.c_str(), &status) == 0 && S_ISDIR(status.st_mode) ? users : "";
 }
 
 } // namespace agent::spf::endpointregistry

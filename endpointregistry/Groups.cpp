@@ -1,10 +1,10 @@
 #include "endpointregistry/Groups.h"
 
 #include "endpointregistry/Loggers.h"
+#include "endpointregistry/detail/NameListing.h"
 #include "foundation/os/Accounts.h"
 #include "sharedmemory/SharedMemory.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <stdexcept>
@@ -61,9 +61,7 @@ std::string checkTrustee(const std::string& trustee) {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value is the published signature
 bool containsAll(const std::string& text, std::vector<std::string> parts) {
-    return std::all_of(parts.begin(), parts.end(), [&text](const std::string& part) {
-        return text.find(part) != std::string::npos;
-    });
+    return containsEvery(text, parts);
 }
 
 } // namespace agent::spf::endpointregistry

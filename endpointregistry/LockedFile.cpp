@@ -137,7 +137,8 @@ std::string LockedFile::getParentPath(const std::string& parent, const std::stri
 std::vector<std::string> LockedFile::filterNames(std::vector<std::string> nameParts,
                                                  const std::string& parent,
                                                  const std::string& trustee) {
-    return listNames(getParentPath(parent, trustee, false), nameParts);
+    foundation::os::DirectoryStream entries(getParentPath(parent, trustee, false));
+    return listNames(entries, nameParts);
 }
 
 } // namespace agent::spf::endpointregistry

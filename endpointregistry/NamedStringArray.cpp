@@ -1,8 +1,8 @@
 #include "endpointregistry/NamedStringArray.h"
 
-#include "endpointregistry/Groups.h"
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/ArrayAccess.h"
+#include "endpointregistry/detail/NameListing.h"
 
 #include <algorithm>
 #include <chrono>
@@ -11,6 +11,8 @@
 #include <stdexcept>
 
 namespace agent::spf::endpointregistry {
+
+namespace os = foundation::os;
 
 namespace {
 
@@ -43,12 +45,12 @@ void logMissing(const char* what) {
 /// Tries until the base is initialised or removed. A claim that is not fulfilled for long is taken
 /// back: the id of a killed process can come to stand for another one, and a hostile member can
 /// write any id there. A process that was only slow finds its claim gone and tries again.
-void initialize(NamedStringArray& array, SharedMemory& base, const std::string& trustee) {
+void initialize(NamedStringArray& array, SharedMemory& base, const os::Group& group) {
     constexpr auto patience = std::chrono::seconds(2);
     auto limit = std::chrono::steady_clock::now() + patience;
     while (!array.initializeBase(base) && base.isStillNamed()) {
         if (std::chrono::steady_clock::now() > limit) {
-            const LockedFile lock = arrays::lock(trustee);
+            const LockedFile lock = arrays::lock(group);
             const ArrayBase view(base.getPointer());
             if (!view.isInitialised()) {
                 view.clearClaim(view.claimant());
@@ -74,32 +76,34 @@ void NamedStringArray::insert(std::initializer_list<std::string> entry) {
 
 void NamedStringArray::insert(std::vector<std::string> entry) {
     checkEntry(entry);
+    const os::Group group(trustee);
     for (;;) {
         SharedMemory base =
-            SharedMemory::createOrFind(baseName, ArrayBase::size, trustee, implementation);
+            SharedMemory::createOrFind(baseName, ArrayBase::size, group, implementation);
         if (!arrays::isBase(base)) {
             arrays::failInconsistent(baseName);
         }
-        initialize(*this, base, trustee);
-        if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
-            insertLocked(locked->segment, entry);
+        initialize(*this, base, group);
+        if (auto locked = arrays::lockIfStillNamed(std::move(base), group)) {
+            insertLocked(locked->segment, entry, group);
             return;
         }
     }
 }
 
-void NamedStringArray::insertLocked(SharedMemory& base, const Entry& entry) {
+void NamedStringArray::insertLocked(SharedMemory& base, const Entry& entry,
+                                    const os::Group& group) {
     const ArrayBase view(base.getPointer());
     if (!view.isInitialised() || !view.isConsistent() || !arrays::isAcceptable(view.current())) {
         arrays::failInconsistent(baseName);
     }
     const ArrayBase::Descriptor before = view.current();
     const std::string containerName = getContainerName(baseName, before.generation);
-    if (arrays::belongsToOtherVersion(baseName, containerName, trustee)) {
+    if (arrays::belongsToOtherVersion(baseName, containerName, group)) {
         arrays::failInconsistent(baseName);
     }
     SharedMemory container = SharedMemory::createOrFind(
-        containerName, getContainerSize(before.length, before.width), trustee, implementation);
+        containerName, getContainerSize(before.length, before.width), group, implementation);
     if (container.isCreator()) {
         container.makePersistent();
     }
@@ -132,8 +136,9 @@ void NamedStringArray::erase(std::initializer_list<std::string> entry) {
 }
 
 void NamedStringArray::erase(std::vector<std::string> entry) {
+    const os::Group group(trustee);
     for (;;) {
-        SharedMemory base = arrays::findBase(baseName, trustee);
+        SharedMemory base = arrays::findBase(baseName, group);
         if (!base.isAttached()) {
             logMissing("Base shared memory could not be found.");
             return;
@@ -141,18 +146,18 @@ void NamedStringArray::erase(std::vector<std::string> entry) {
         if (!ArrayBase(base.getPointer()).isInitialised()) {
             return;
         }
-        if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
-            eraseLocked(locked->segment, entry);
+        if (auto locked = arrays::lockIfStillNamed(std::move(base), group)) {
+            eraseLocked(locked->segment, entry, group);
             return;
         }
     }
 }
 
-void NamedStringArray::eraseLocked(SharedMemory& base, const Entry& entry) {
+void NamedStringArray::eraseLocked(SharedMemory& base, const Entry& entry, const os::Group& group) {
     const ArrayBase view(base.getPointer());
     const ArrayBase::Descriptor now = view.current();
     SharedMemory container =
-        view.isConsistent() ? arrays::findContainer(baseName, now, trustee) : SharedMemory();
+        view.isConsistent() ? arrays::findContainer(baseName, now, group) : SharedMemory();
     if (!container.isAttached()) {
         logMissing("Container shared memory could not be found.");
         return;
@@ -181,32 +186,38 @@ void NamedStringArray::shrink(SharedMemory& base, SharedMemory& container) {
 
 std::vector<std::vector<std::string>>
 NamedStringArray::filter(std::vector<std::string> substrings) {
+    return filter(substrings, os::Group(trustee));
+}
+
+std::vector<NamedStringArray::Entry> NamedStringArray::filter(const Entry& substrings,
+                                                              const os::Group& group) {
     for (;;) {
-        SharedMemory base = arrays::findBase(baseName, trustee);
+        SharedMemory base = arrays::findBase(baseName, group);
         if (!base.isAttached() || !ArrayBase(base.getPointer()).isInitialised()) {
             return {};
         }
-        if (const auto locked = arrays::lockIfStillNamed(std::move(base))) {
-            return filterLocked(locked->segment, substrings);
+        if (const auto locked = arrays::lockIfStillNamed(std::move(base), group)) {
+            return filterLocked(locked->segment, substrings, group);
         }
     }
 }
 
 std::vector<NamedStringArray::Entry> NamedStringArray::filterLocked(const SharedMemory& base,
-                                                                    const Entry& substrings) const {
+                                                                    const Entry& substrings,
+                                                                    const os::Group& group) const {
     std::vector<Entry> found;
     const ArrayBase view(base.getPointer());
     const ArrayBase::Descriptor now = view.current();
     if (!view.isConsistent() || now.length == 0) {
         return found;
     }
-    const SharedMemory container = arrays::findContainer(baseName, now, trustee);
+    const SharedMemory container = arrays::findContainer(baseName, now, group);
     if (!container.isAttached()) {
         return found;
     }
     const ArrayRows rows(container.getPointer(), now.length, now.width);
     for (std::size_t row = 0; row < rows.count(); ++row) {
-        if (!rows.isFree(row) && containsAll(std::string(rows.firstElement(row)), substrings)) {
+        if (!rows.isFree(row) && containsEvery(rows.firstElement(row), substrings)) {
             found.push_back(rows.elements(row));
         }
     }
@@ -216,7 +227,7 @@ std::vector<NamedStringArray::Entry> NamedStringArray::filterLocked(const Shared
 // NOLINTEND(performance-unnecessary-value-param)
 
 std::string NamedStringArray::getTrustee() const {
-    return arrays::findAnyBase(baseName, trustee).getTrustee();
+    return arrays::findAnyBase(baseName, os::Group(trustee)).getTrustee();
 }
 
 } // namespace agent::spf::endpointregistry

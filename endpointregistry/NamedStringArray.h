@@ -81,6 +81,10 @@ public:
     /// largest unsigned long where it is larger than that.
     static unsigned long getContainerSize(unsigned long length, unsigned long width);
 
+    // For the library alone: `filter` for an operation that has looked the trustee up.
+    __attribute__((visibility("hidden"))) std::vector<std::vector<std::string>>
+    filter(const std::vector<std::string>& substrings, const foundation::os::Group& group);
+
     // The steps behind the operations, for those who examine a table.
 
     /// One attempt to initialise a base segment that was made or found; false when the caller must
@@ -99,12 +103,13 @@ public:
 private:
     using Entry = std::vector<std::string>;
 
-    void insertLocked(SharedMemory& base, const Entry& entry);
-    void eraseLocked(SharedMemory& base, const Entry& entry);
-    std::vector<Entry> filterLocked(const SharedMemory& base, const Entry& substrings) const;
+    void insertLocked(SharedMemory& base, const Entry& entry, const foundation::os::Group& group);
+    void eraseLocked(SharedMemory& base, const Entry& entry, const foundation::os::Group& group);
+    std::vector<Entry> filterLocked(const SharedMemory& base, const Entry& substrings,
+                                    const foundation::os::Group& group) const;
     void shrink(SharedMemory& base, SharedMemory& container);
-    SharedMemory makeContainer(unsigned long generation, unsigned long length,
-                               unsigned long width) const;
+    SharedMemory makeContainer(unsigned long generation, unsigned long length, unsigned long width,
+                               const foundation::os::Group& group) const;
 
     std::string baseName;
     std::string trustee;

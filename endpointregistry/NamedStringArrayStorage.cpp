@@ -10,6 +10,8 @@
 
 namespace agent::spf::endpointregistry {
 
+namespace os = foundation::os;
+
 namespace {
 
 using foundation::log::severity;
@@ -47,9 +49,9 @@ Usage usageOf(const ArrayRows& rows) {
 }
 
 /// Removes a container, of whatever size.
-void removeContainer(const std::string& name, const std::string& trustee) {
+void removeContainer(const std::string& name, const os::Group& group) {
     for (;;) {
-        SharedMemory container = arrays::find(name, 1, trustee);
+        SharedMemory container = arrays::find(name, 1, group);
         if (!container.isAttached()) {
             return;
         }
@@ -58,9 +60,9 @@ void removeContainer(const std::string& name, const std::string& trustee) {
 }
 
 /// Takes the lock under a claim, which it gives up when the lock cannot be had.
-LockedFile lockForClaim(const ArrayBase& base, const std::string& trustee) {
+LockedFile lockForClaim(const ArrayBase& base, const os::Group& group) {
     try {
-        return arrays::lock(trustee);
+        return arrays::lock(group);
     } catch (...) {
         base.clearClaim(::getpid());
         throw;
@@ -69,14 +71,14 @@ LockedFile lockForClaim(const ArrayBase& base, const std::string& trustee) {
 
 /// The first generation after this one whose container's name is free for this table.
 unsigned long generationAfter(unsigned long generation, const std::string& baseName,
-                              const std::string& trustee) {
+                              const os::Group& group) {
     do {
         if (generation == largest) {
             arrays::failInconsistent(baseName);
         }
         ++generation;
     } while (arrays::belongsToOtherVersion(
-        baseName, NamedStringArray::getContainerName(baseName, generation), trustee));
+        baseName, NamedStringArray::getContainerName(baseName, generation), group));
     return generation;
 }
 
@@ -132,7 +134,8 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
         }
         return false;
     }
-    LockedFile lock = lockForClaim(view, trustee);
+    const os::Group group(trustee);
+    LockedFile lock = lockForClaim(view, group);
     lock.makePersistent();
     // The claim may have been taken back, since the lock was long in coming, and another thread of
     // this process may have done the work.
@@ -143,7 +146,7 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
         return true;
     }
     ArrayBase::Descriptor first = view.current();
-    first.generation = generationAfter(0, baseName, trustee);
+    first.generation = generationAfter(0, baseName, group);
     if (!view.isInitialised()) {
         view.setCurrent(first);
     }
@@ -179,9 +182,10 @@ void NamedStringArray::resizeContainer(SharedMemory& base, SharedMemory& contain
                         baseName, ">.");
         throw std::runtime_error("System Error: NamedStringArray: Too large a table");
     }
-    next.generation = generationAfter(now.generation, baseName, trustee);
+    const os::Group group(trustee);
+    next.generation = generationAfter(now.generation, baseName, group);
     view.setOther(next);
-    SharedMemory resized = makeContainer(next.generation, next.length, next.width);
+    SharedMemory resized = makeContainer(next.generation, next.length, next.width, group);
     rows.packInto(ArrayRows(resized.getPointer(), next.length, next.width), usage.widest);
     view.flip();
     // The old one goes before the descriptor that leads to it, so that a crash never leaves one
@@ -192,12 +196,12 @@ void NamedStringArray::resizeContainer(SharedMemory& base, SharedMemory& contain
 }
 
 SharedMemory NamedStringArray::makeContainer(unsigned long generation, unsigned long length,
-                                             unsigned long width) const {
+                                             unsigned long width, const os::Group& group) const {
     const std::string name = getContainerName(baseName, generation);
     // From an interrupted resize, or from an earlier table of this name.
-    removeContainer(name, trustee);
+    removeContainer(name, group);
     SharedMemory made =
-        SharedMemory::create(name, getContainerSize(length, width), trustee, implementation);
+        SharedMemory::create(name, getContainerSize(length, width), group, implementation, {});
     if (!made.isAttached()) {
         arrays::failInconsistent(baseName);
     }
@@ -209,9 +213,10 @@ void NamedStringArray::clearLeftoverContainer(SharedMemory& base, SharedMemory& 
     const ArrayBase view(base.getPointer());
     const unsigned long leftover = view.other().generation;
     const std::string name = getContainerName(baseName, leftover);
+    const os::Group group(trustee);
     if (leftover != 0 && leftover != view.current().generation &&
-        !arrays::belongsToOtherVersion(baseName, name, trustee)) {
-        removeContainer(name, trustee);
+        !arrays::belongsToOtherVersion(baseName, name, group)) {
+        removeContainer(name, group);
     }
     view.setOther({});
 }
@@ -221,11 +226,12 @@ std::pair<unsigned long, unsigned long> getNamedStringArrayDimensions(const std:
                                                                       const std::string& trustee) {
     const std::string baseName = NamedStringArray::getBaseName(name, version, trustee);
     for (;;) {
-        SharedMemory base = arrays::findAnyBase(baseName, trustee);
+        SharedMemory base = arrays::findAnyBase(baseName, os::Group(trustee));
         if (!base.isAttached() || !ArrayBase(base.getPointer()).isInitialised()) {
             return {0, 0};
         }
-        if (const auto locked = arrays::lockIfStillNamed(std::move(base))) {
+        const os::Group owner(base.getTrustee());
+        if (const auto locked = arrays::lockIfStillNamed(std::move(base), owner)) {
             const ArrayBase::Descriptor now = locked->view().current();
             return {now.length, now.width};
         }
@@ -236,18 +242,18 @@ void deleteNamedStringArray(const std::string& name, unsigned long version,
                             const std::string& trustee) {
     const std::string baseName = NamedStringArray::getBaseName(name, version, trustee);
     for (;;) {
-        SharedMemory base = arrays::findAnyBase(baseName, trustee);
+        SharedMemory base = arrays::findAnyBase(baseName, os::Group(trustee));
         if (!base.isAttached()) {
             getLogger().log(severity::warning, "NamedStringArray::deleteNamedStringArray(): "
                                                "Base shared memory could not be found.");
             return;
         }
+        const os::Group owner(base.getTrustee());
         // Under the lock, or an entry could be inserted between this look and the removal.
-        if (auto locked = arrays::lockIfStillNamed(std::move(base))) {
+        if (auto locked = arrays::lockIfStillNamed(std::move(base), owner)) {
             locked->segment.markForDeletion();
             if (locked->view().isInitialised()) {
                 locked->lock.markForDeletion();
-                const std::string owner = locked->segment.getTrustee();
                 arrays::findContainer(baseName, locked->view().current(), owner).markForDeletion();
             }
             return;

@@ -1,6 +1,5 @@
 #include "endpointregistry/detail/AbandonedFile.h"
 
-#include "endpointregistry/LockedFile.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 #include "foundation/os/FileIdentity.h"
@@ -19,8 +18,10 @@ namespace os = foundation::os;
 
 /// Not waiting without end, since a process that was stopped while it cleared up, or any other of
 /// the same user or group, may hold the lock for long.
-LockedDescriptor lockFolder(const os::FilePlace& place) {
+LockedDescriptor lockFolder(const OpenFolder& open) {
     constexpr int attempts = 10000;
+    // A file of its own, since others may look through the folder that is open.
+    const os::FilePlace place = open.placeOf(".");
     os::FileDescriptor folder(os::retryOnInterrupt([&] {
         return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }));
@@ -35,27 +36,16 @@ LockedDescriptor lockFolder(const os::FilePlace& place) {
 
 } // namespace
 
-AbandonedFile::AbandonedFile(const std::string& name, const std::string& parent,
-                             const std::string& trustee)
-    : path(LockedFile::getParentPath(parent, trustee, false) + name)
-    , place(path) {
-    examine();
-}
-
-AbandonedFile::AbandonedFile(const std::string& name, const JoinedFolder& folder)
-    : path(folder.path() + name)
+AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder)
+    : folder(folder)
     , place(folder.placeOf(name)) {
-    examine();
-}
-
-void AbandonedFile::examine() {
     for (;;) {
         LockingOpen opened = openAndShareLock(place);
         if (opened.error != 0) {
             found = opened.error == ENOENT ? Finding::nothingToClear : Finding::inUse;
             return;
         }
-        folderLock = lockFolder(place.parent());
+        folderLock = lockFolder(folder);
         if (!folderLock) {
             return;
         }
@@ -70,7 +60,7 @@ void AbandonedFile::examine() {
 }
 
 void AbandonedFile::remove() {
-    LockedFile::Impl::removeFile(place, path);
+    LockedFile::Impl::removeFile(place, folder.path() + place.name);
 }
 
 } // namespace agent::spf::endpointregistry

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "endpointregistry/detail/JoinedFolder.h"
 #include "endpointregistry/detail/LockedDescriptor.h"
+#include "endpointregistry/detail/OpenFolder.h"
 #include "foundation/os/FilePlace.h"
 
 #include <string>
@@ -27,11 +27,9 @@ public:
         abandoned,
     };
 
-    /// Examines the file; waits a moment for others that clear up.
-    AbandonedFile(const std::string& name, const std::string& parent, const std::string& trustee);
-
-    /// The same in the folder of a group, which outlives this object.
-    AbandonedFile(const std::string& name, const JoinedFolder& folder);
+    /// Examines a file in a folder that outlives this object; waits a moment for others that clear
+    /// up.
+    AbandonedFile(const std::string& name, const OpenFolder& folder);
 
     Finding finding() const { return found; }
 
@@ -40,9 +38,7 @@ public:
     void remove();
 
 private:
-    void examine();
-
-    std::string path;
+    const OpenFolder& folder;
     foundation::os::FilePlace place;
     Finding found = Finding::nothingToClear;
     LockedDescriptor folderLock;

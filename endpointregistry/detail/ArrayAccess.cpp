@@ -9,6 +9,8 @@
 
 namespace agent::spf::endpointregistry::arrays {
 
+namespace os = foundation::os;
+
 namespace {
 
 using foundation::log::severity;
@@ -20,38 +22,38 @@ constexpr unsigned long mostRows = 1024UL * 1024;
 
 } // namespace
 
-LockedFile lock(const std::string& trustee) {
+LockedFile lock(const os::Group& trustee) {
     return joined::getLock("baseLock", "qvNamedStringArray", trustee);
 }
 
-SharedMemory find(const std::string& name, std::size_t size, const std::string& trustee) {
+SharedMemory find(const std::string& name, std::size_t size, const os::Group& trustee) {
     SharedMemory segment = SharedMemory::find(name, size, trustee, implementation);
-    return segment.getTrustee() == trustee ? std::move(segment) : SharedMemory();
+    return segment.getTrustee() == trustee.name() ? std::move(segment) : SharedMemory();
 }
 
 bool isBase(const SharedMemory& segment) {
     return segment.getSize() == ArrayBase::size;
 }
 
-SharedMemory findBase(const std::string& baseName, const std::string& trustee) {
+SharedMemory findBase(const std::string& baseName, const os::Group& trustee) {
     SharedMemory base = find(baseName, ArrayBase::size, trustee);
     return isBase(base) ? std::move(base) : SharedMemory();
 }
 
-SharedMemory findAnyBase(const std::string& baseName, const std::string& trustee) {
+SharedMemory findAnyBase(const std::string& baseName, const os::Group& trustee) {
     SharedMemory base = findBase(baseName, trustee);
     if (base.isAttached()) {
         return base;
     }
-    if (!trustee.empty()) {
-        return findBase(baseName, {});
+    if (!trustee.isNone()) {
+        return findBase(baseName, os::Group({}));
     }
-    base = SharedMemory::find(baseName, ArrayBase::size, {}, implementation);
+    base = SharedMemory::find(baseName, ArrayBase::size, trustee, implementation);
     return isBase(base) ? std::move(base) : SharedMemory();
 }
 
-std::optional<LockedBase> lockIfStillNamed(SharedMemory base) {
-    LockedBase locked{lock(base.getTrustee()), std::move(base)};
+std::optional<LockedBase> lockIfStillNamed(SharedMemory base, const os::Group& trustee) {
+    LockedBase locked{lock(trustee), std::move(base)};
     if (!locked.segment.isStillNamed()) {
         return std::nullopt;
     }
@@ -59,7 +61,7 @@ std::optional<LockedBase> lockIfStillNamed(SharedMemory base) {
 }
 
 SharedMemory findContainer(const std::string& baseName, const ArrayBase::Descriptor& descriptor,
-                           const std::string& trustee) {
+                           const os::Group& trustee) {
     const std::string name = NamedStringArray::getContainerName(baseName, descriptor.generation);
     if (!isAcceptable(descriptor) || belongsToOtherVersion(baseName, name, trustee)) {
         return {};
@@ -69,7 +71,7 @@ SharedMemory findContainer(const std::string& baseName, const ArrayBase::Descrip
 }
 
 bool belongsToOtherVersion(const std::string& baseName, const std::string& containerName,
-                           const std::string& trustee) {
+                           const os::Group& trustee) {
     const std::size_t digits = baseName.rfind('v') + 1;
     for (std::size_t end = digits + 1; end <= containerName.size(); ++end) {
         const bool isOwn = end == baseName.size();

@@ -19,6 +19,28 @@ namespace {
 
 constexpr unsigned long formatVersion = 0;
 
+std::vector<std::string> partsOf(const std::string& groupTag) {
+    return {getGroupTagPrefix(groupTag)};
+}
+
+std::vector<std::string> partsOf(const std::string& groupTag, const std::string& selectedKey) {
+    return {getGroupTagPrefix(groupTag), getSelectedKeySubstring(selectedKey)};
+}
+
+std::set<std::string> synonymNames(const EntryFolder& folder, const Endpoint::DataPair& data,
+                                   const std::string& groupTag, const std::string& selectedKey) {
+    const std::string sameKey = getSelectedKeySubstring(selectedKey);
+    const std::string sameData = getExtendedPrefix(data, groupTag);
+    // The extended prefix begins with the group tag's, so one reading of the folder serves both.
+    std::set<std::string> synonyms;
+    for (std::string& name : folder.names(partsOf(groupTag))) {
+        if (name.find(sameKey) != std::string::npos || name.find(sameData) != std::string::npos) {
+            synonyms.insert(std::move(name));
+        }
+    }
+    return synonyms;
+}
+
 } // namespace
 
 const std::string Endpoint::Impl::LF_PARENT_PATH = "qvEndpointRegistry";
@@ -34,41 +56,33 @@ Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTag,
 std::set<std::string> Endpoint::Impl::getAllSynonymNames(const DataPair& data,
                                                          const std::string& groupTag,
                                                          const std::string& selectedKey) {
-    const std::string sameKey = getSelectedKeySubstring(selectedKey);
-    const std::string sameData = getExtendedPrefix(data, groupTag);
-    // The extended prefix begins with the group tag's, so one reading of the folder serves both.
-    std::set<std::string> synonyms;
-    for (std::string& name : filterNames(groupTag, {})) {
-        if (containsAll(name, {sameKey}) || containsAll(name, {sameData})) {
-            synonyms.insert(std::move(name));
-        }
-    }
-    return synonyms;
+    return synonymNames(EntryFolder({}), data, groupTag, selectedKey);
 }
 
 unsigned long Endpoint::Impl::countSynonymEndpoints(const DataPair& data,
                                                     const std::string& groupTag,
                                                     const std::string& selectedKey) {
-    const std::set<std::string> names = getAllSynonymNames(data, groupTag, selectedKey);
+    const EntryFolder folder({});
+    const std::set<std::string> names = synonymNames(folder, data, groupTag, selectedKey);
     return static_cast<unsigned long>(
-        std::count_if(names.begin(), names.end(), [](const std::string& name) {
-            return LockedFile::isLocked(name, LF_PARENT_PATH, {});
+        std::count_if(names.begin(), names.end(), [&folder](const std::string& name) {
+            return folder.publisherOf(name) != EntryFolder::Publisher::dead;
         }));
 }
 
 bool Endpoint::Impl::hasLivingSynonym(const DataPair& data, const std::string& groupTag,
                                       const std::string& selectedKey) {
+    using Publisher = EntryFolder::Publisher;
+    const EntryFolder folder({});
     // What vanished may have been replaced, so that is a reason to look again.
     for (bool hasVanished = true; hasVanished;) {
         hasVanished = false;
-        for (const std::string& name : getAllSynonymNames(data, groupTag, selectedKey)) {
-            if (!LockedFile::isLocked(name, LF_PARENT_PATH, {})) {
-                continue;
-            }
-            if (LockedFile::exists(name, LF_PARENT_PATH, {})) {
+        for (const std::string& name : synonymNames(folder, data, groupTag, selectedKey)) {
+            const Publisher publisher = folder.publisherOf(name);
+            if (publisher == Publisher::alive) {
                 return true;
             }
-            hasVanished = true;
+            hasVanished = hasVanished || publisher == Publisher::vanished;
         }
     }
     return false;
@@ -76,46 +90,67 @@ bool Endpoint::Impl::hasLivingSynonym(const DataPair& data, const std::string& g
 
 std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag,
                                                      const std::string& trustee) {
-    return joined::filterNames({getGroupTagPrefix(groupTag)}, LF_PARENT_PATH, trustee);
+    return EntryFolder(trustee).names(partsOf(groupTag));
 }
 
 std::vector<std::string> Endpoint::Impl::findNames(const std::string& groupTag,
                                                    const std::string& selectedKey,
                                                    const std::string& trustee) {
-    return joined::filterNames({getGroupTagPrefix(groupTag), getSelectedKeySubstring(selectedKey)},
-                               LF_PARENT_PATH, trustee);
+    return EntryFolder(trustee).names(partsOf(groupTag, selectedKey));
 }
 
 Endpoint::DataPair Endpoint::Impl::getDataPair(const std::string& name,
                                                const std::string& trustee) {
-    return trustee.empty() ? PosixImpl::getDataPair(name, trustee)
-                           : SysVImpl::getDataPair(name, trustee);
+    const std::vector<DataPair> data = getDataPairs({name}, EntryFolder(trustee), 1);
+    return data.empty() ? DataPair() : data.front();
+}
+
+std::optional<Endpoint::DataPair> Endpoint::Impl::findDataPair(const std::string& groupTag,
+                                                               const std::string& selectedKey,
+                                                               const std::string& trustee) {
+    const EntryFolder folder(trustee);
+    std::vector<DataPair> data =
+        getDataPairs(folder.names(partsOf(groupTag, selectedKey)), folder, 1);
+    return data.empty() ? std::nullopt : std::optional(std::move(data.front()));
+}
+
+std::vector<Endpoint::DataPair> Endpoint::Impl::filterDataPairs(const std::string& groupTag,
+                                                                const std::string& trustee) {
+    const EntryFolder folder(trustee);
+    const std::vector<std::string> names = folder.names(partsOf(groupTag));
+    return getDataPairs(names, folder, names.size());
 }
 
 std::vector<Endpoint::DataPair> Endpoint::Impl::getDataPairs(const std::vector<std::string>& names,
-                                                             const std::string& trustee) {
-    if (!trustee.empty()) {
-        return SysVImpl::getDataPairs(names, trustee);
+                                                             const EntryFolder& folder,
+                                                             std::size_t most) {
+    if (!folder.trustee().isNone()) {
+        return SysVImpl::getDataPairs(names, folder, most);
     }
     std::vector<DataPair> pairs;
-    pairs.reserve(names.size());
-    for (const std::string& name : names) {
-        pairs.push_back(PosixImpl::getDataPair(name, trustee));
+    for (auto name = names.begin(); name != names.end() && pairs.size() < most; ++name) {
+        if (DataPair data = PosixImpl::getDataPair(*name, folder); isReadable(data)) {
+            pairs.push_back(std::move(data));
+        }
     }
     return pairs;
 }
 
-LockedFile Endpoint::Impl::lockEntryFile(const std::function<void()>& clearLeftovers) const {
-    LockedFile file = joined::tryLock(name, LF_PARENT_PATH, trustee);
-    if (file.isLocked()) {
-        // New, or left by a dead publisher of this very name: an earlier program of this process,
-        // or one whose process id was given out again.
-        file.markForDeletion();
-        clearLeftovers();
-        return file;
+LockedFile Endpoint::Impl::lockEntryFile() const {
+    const foundation::os::Group group(trustee);
+    // Nearly always the name is new. If it is not, its holder may be dead, or may go between two
+    // attempts.
+    LockedFile file = joined::createAndTryLock(name, LF_PARENT_PATH, group);
+    if (!file.isLocked()) {
+        file = joined::tryLock(name, LF_PARENT_PATH, group);
+        if (file.isLocked()) {
+            // Left by a dead publisher: an earlier program of this process, or one whose process id
+            // was given out again.
+            file.markForDeletion();
+        } else {
+            file = joined::createAndTryLock(name, LF_PARENT_PATH, group);
+        }
     }
-    // The holder may have gone meanwhile.
-    file = joined::createAndTryLock(name, LF_PARENT_PATH, trustee);
     if (file.isLocked()) {
         return file;
     }

@@ -2,8 +2,10 @@
 
 #include "endpointregistry/Endpoint.h"
 #include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/EntryFolder.h"
 
-#include <functional>
+#include <cstddef>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -60,21 +62,32 @@ public:
     /// or unreadable. What a dead publisher left is removed.
     static DataPair getDataPair(const std::string& name, const std::string& trustee);
 
-    /// The same for several entries, in their order, at less cost than one by one.
-    static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
-                                              const std::string& trustee);
+    /// The data of the first entry with this group tag and this selected key that can be read.
+    static std::optional<DataPair> findDataPair(const std::string& groupTag,
+                                                const std::string& selectedKey,
+                                                const std::string& trustee);
+
+    /// The data of all entries with this group tag that can be read; of all, for the empty tag.
+    static std::vector<DataPair> filterDataPairs(const std::string& groupTag,
+                                                 const std::string& trustee);
 
 protected:
     /// Throws std::invalid_argument unless the trustee is one that this user may use.
     Impl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
          const std::string& trustee);
 
-    /// Makes and locks the entry's file, which goes with the lock. Where a dead publisher left one
-    /// of this very name, `clearLeftovers` is called to remove the rest of what it left.
+    /// Makes and locks the entry's file, which goes with the lock. It may be one that a dead
+    /// publisher of this very name has left, together with the data of its entry.
     ///
     /// Throws DuplicateEndpointError when a live process has the file, std::runtime_error when it
     /// cannot be made.
-    LockedFile lockEntryFile(const std::function<void()>& clearLeftovers) const;
+    LockedFile lockEntryFile() const;
+
+    /// Whether this can be the data of an entry; two empty strings stand for one that cannot be
+    /// read.
+    static bool isReadable(const DataPair& data) {
+        return !data.first.empty() || !data.second.empty();
+    }
 
     /// Whether the entry's name says that this version of the library can read it.
     static bool hasKnownVersion(const std::string& name);
@@ -87,6 +100,11 @@ protected:
     const std::string& trusteeName() const { return trustee; }
 
 private:
+    /// The data of those of the entries that can be read, in the order of their names, at most so
+    /// many.
+    static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
+                                              const EntryFolder& folder, std::size_t most);
+
     std::string trustee;
     std::string groupTag;
     std::string selectedKey;

@@ -1,7 +1,7 @@
 #include "endpointregistry/detail/EndpointPosixImpl.h"
 
 #include "endpointregistry/EntryName.h"
-#include "endpointregistry/detail/AbandonedFile.h"
+#include "endpointregistry/detail/EntryFolder.h"
 #include "endpointregistry/detail/EntrySegment.h"
 
 namespace agent::spf::endpointregistry {
@@ -18,7 +18,7 @@ Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag
                                const std::string& selectedKey, const std::string& trustee)
     : Impl(data, groupTag, selectedKey, trustee)
     , lockedFile(PosixImpl::createLockedFile())
-    , sharedMemory(createSharedMemory(data)) {
+    , sharedMemory(replaceSharedMemory(data)) {
 }
 
 Endpoint::PosixImpl::~PosixImpl() {
@@ -29,55 +29,62 @@ Endpoint::PosixImpl::~PosixImpl() {
 }
 
 LockedFile Endpoint::PosixImpl::createLockedFile() {
-    // A dead publisher's segment would be in the way of the new one.
-    return lockEntryFile([this] {
-        if (SharedMemory leftover = findSharedMemory(entryName(), trusteeName());
-            leftover.isAttached()) {
-            leftover.markForDeletion();
-        }
-    });
+    return lockEntryFile();
 }
 
 SharedMemory Endpoint::PosixImpl::createSharedMemory(const DataPair& data) const {
     const std::size_t size = entrysegment::sizeFor(getLengthFromName(entryName()));
-    SharedMemory segment = SharedMemory::create(entryName(), size, trusteeName(), implementation);
+    const auto fill = [&data](void* segment) { entrysegment::publish(segment, data); };
+    SharedMemory segment =
+        SharedMemory::create(entryName(), size, trusteeName(), implementation, fill);
     if (!segment.isAttached()) {
         throw DuplicateEndpointError(
             "A synonym endpoint was found while trying to setup the shared memory");
     }
-    entrysegment::publish(segment.getPointer(), data);
     return segment;
 }
 
-bool Endpoint::PosixImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
-                                                         const std::string& trustee) {
-    AbandonedFile file(name, LF_PARENT_PATH, trustee);
-    if (file.finding() == AbandonedFile::Finding::abandoned) {
-        if (SharedMemory segment = findSharedMemory(name, trustee); segment.isAttached()) {
-            segment.markForDeletion();
-        }
-        file.remove();
+SharedMemory Endpoint::PosixImpl::replaceSharedMemory(const DataPair& data) const {
+    try {
+        return createSharedMemory(data);
+    } catch (const DuplicateEndpointError&) {
+        // Looked for only when it is in the way, which it is next to never.
+        removeSharedMemory(entryName(), trusteeName());
+        return createSharedMemory(data);
     }
-    return file.finding() != AbandonedFile::Finding::inUse;
+}
+
+void Endpoint::PosixImpl::removeSharedMemory(const std::string& name, const std::string& trustee) {
+    if (SharedMemory segment = findSharedMemory(name, trustee); segment.isAttached()) {
+        segment.markForDeletion();
+    }
+}
+
+bool Endpoint::PosixImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
+                                                         const EntryFolder& folder) {
+    return folder.clearIfStale(name, [&] { removeSharedMemory(name, folder.trustee().name()); });
 }
 
 Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,
-                                                    const std::string& trustee) {
+                                                    const EntryFolder& folder) {
     if (!hasKnownVersion(name)) {
         return {};
     }
-    const SharedMemory segment = findSharedMemory(name, trustee);
-    if (!segment.isAttached()) {
+    const unsigned long length = getLengthFromName(name);
+    // Copied, since to map the segment for one reading costs more than all the rest of it.
+    const auto copy = SharedMemory::read(name, entrysegment::sizeFor(length),
+                                         folder.trustee().name(), implementation);
+    if (!copy) {
         // Not built yet, or what is left of a dead publisher.
         if (isPublisherGone(name)) {
-            staleEndpointFoundAndCleanedUp(name, trustee);
+            staleEndpointFoundAndCleanedUp(name, folder);
         }
         return {};
     }
-    if (staleEndpointFoundAndCleanedUp(name, trustee)) {
+    if (staleEndpointFoundAndCleanedUp(name, folder)) {
         return {};
     }
-    return entrysegment::read(segment.getPointer(), getLengthFromName(name));
+    return entrysegment::read(*copy, length);
 }
 
 SharedMemory Endpoint::PosixImpl::findSharedMemory(const std::string& name,

@@ -21,7 +21,7 @@ public:
 
     LockedFile createLockedFile() override;
 
-    /// Makes the segment and fills it; readers see the data all at once.
+    /// Makes the segment, which appears with the data in it.
     sharedmemory::SharedMemory createSharedMemory(const DataPair& data) const;
 
     /// The segment of an entry; not attached when there is none of the size that the name states.
@@ -29,11 +29,16 @@ public:
                                                        const std::string& trustee);
 
     /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
-    static bool staleEndpointFoundAndCleanedUp(const std::string& name, const std::string& trustee);
+    static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder);
 
-    static DataPair getDataPair(const std::string& name, const std::string& trustee);
+    static DataPair getDataPair(const std::string& name, const EntryFolder& folder);
 
 private:
+    /// For the holder of the entry's file: what has the segment's name is a dead publisher's.
+    sharedmemory::SharedMemory replaceSharedMemory(const DataPair& data) const;
+
+    static void removeSharedMemory(const std::string& name, const std::string& trustee);
+
     LockedFile lockedFile;
     sharedmemory::SharedMemory sharedMemory;
 };

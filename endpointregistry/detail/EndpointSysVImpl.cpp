@@ -1,12 +1,10 @@
 #include "endpointregistry/detail/EndpointSysVImpl.h"
 
-#include "endpointregistry/detail/AbandonedFile.h"
-#include "endpointregistry/detail/JoinedFolder.h"
+#include "endpointregistry/detail/EntryFolder.h"
 
 #include <algorithm>
 #include <climits>
 #include <iterator>
-#include <optional>
 #include <set>
 #include <string_view>
 #include <unistd.h>
@@ -29,34 +27,6 @@ void eraseRows(NamedStringArray& array, const std::string& name) {
         array.erase(row);
     }
 }
-
-/// Finds out about the publishers of a group's entries. The folder is joined once, when it is first
-/// needed.
-class LivenessProbe {
-public:
-    explicit LivenessProbe(std::string trustee)
-        : trustee(std::move(trustee)) {}
-
-    /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
-    bool clearIfStale(const std::string& name, NamedStringArray& array) {
-        if (!folder) {
-            folder = JoinedFolder::find(Endpoint::Impl::LF_PARENT_PATH, trustee);
-        }
-        if (!folder) {
-            return true;
-        }
-        AbandonedFile file(name, *folder);
-        if (file.finding() == AbandonedFile::Finding::abandoned) {
-            eraseRows(array, name);
-            file.remove();
-        }
-        return file.finding() != AbandonedFile::Finding::inUse;
-    }
-
-private:
-    std::string trustee;
-    std::optional<JoinedFolder> folder;
-};
 
 /// A row is what some member of the group has written there.
 Endpoint::DataPair dataOf(const Row& row) {
@@ -118,44 +88,44 @@ Endpoint::SysVImpl::~SysVImpl() {
 }
 
 LockedFile Endpoint::SysVImpl::createLockedFile() {
-    return lockEntryFile([this] {
-        NamedStringArray table = tableOf(trusteeName());
-        eraseRows(table, entryName());
-    });
+    LockedFile file = lockEntryFile();
+    // A dead publisher's, which readers would come upon first.
+    NamedStringArray table = tableOf(trusteeName());
+    eraseRows(table, entryName());
+    return file;
 }
 
 bool Endpoint::SysVImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
-                                                        const std::string& trustee,
+                                                        const EntryFolder& folder,
                                                         NamedStringArray& array) {
-    return LivenessProbe(trustee).clearIfStale(name, array);
-}
-
-Endpoint::DataPair Endpoint::SysVImpl::getDataPair(const std::string& name,
-                                                   const std::string& trustee) {
-    return getDataPairs({name}, trustee).front();
+    return folder.clearIfStale(name, [&] { eraseRows(array, name); });
 }
 
 std::vector<Endpoint::DataPair>
-Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names,
-                                 const std::string& trustee) {
-    std::vector<DataPair> pairs(names.size());
+Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names, const EntryFolder& folder,
+                                 std::size_t most) {
+    std::vector<DataPair> pairs;
     std::vector<std::string> readable;
     std::copy_if(names.begin(), names.end(), std::back_inserter(readable), hasKnownVersion);
     if (readable.empty()) {
         return pairs;
     }
-    NamedStringArray table = tableOf(trustee);
-    LivenessProbe probe(trustee);
-    const auto isStale = [&](const std::string& name) { return probe.clearIfStale(name, table); };
-    const std::vector<Row> rows = table.filter(commonParts(readable));
+    NamedStringArray table = tableOf(folder.trustee().name());
+    const auto isStale = [&](const std::string& name) {
+        return staleEndpointFoundAndCleanedUp(name, folder, table);
+    };
+    const std::vector<Row> rows = table.filter(commonParts(readable), folder.trustee());
     const auto rowOf = firstRowsContaining(rows, readable);
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        const std::string& name = names[i];
+    for (const std::string& name : readable) {
+        if (pairs.size() == most) {
+            break;
+        }
         if (const auto row = rowOf.find(name); row != rowOf.end()) {
-            if (!isStale(name)) {
-                pairs[i] = dataOf(*row->second);
+            DataPair data = dataOf(*row->second);
+            if (!isStale(name) && isReadable(data)) {
+                pairs.push_back(std::move(data));
             }
-        } else if (hasKnownVersion(name) && isPublisherGone(name)) {
+        } else if (isPublisherGone(name)) {
             isStale(name);
         }
     }

@@ -3,6 +3,7 @@
 #include "endpointregistry/NamedStringArray.h"
 #include "endpointregistry/detail/EndpointImpl.h"
 
+#include <cstddef>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -29,14 +30,12 @@ public:
     LockedFile createLockedFile() override;
 
     /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
-    static bool staleEndpointFoundAndCleanedUp(const std::string& name, const std::string& trustee,
+    static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder,
                                                NamedStringArray& array);
 
-    static DataPair getDataPair(const std::string& name, const std::string& trustee);
-
-    /// As getDataPair for each name, but the table is read once for all.
+    /// As `Impl::getDataPairs`; the table is read once for all.
     static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
-                                              const std::string& trustee);
+                                              const EntryFolder& folder, std::size_t most);
 
 private:
     pid_t publisher;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <string_view>
 
 namespace agent::spf::endpointregistry::entrysegment {
 
@@ -46,15 +47,14 @@ void withdraw(void* segment) {
     readyOf(segment).store(0);
 }
 
-std::pair<std::string, std::string> read(void* segment, unsigned long length) {
-    if ((readyOf(segment).load(std::memory_order_acquire) & readyBit) == 0) {
+std::pair<std::string, std::string> read(const std::string& copy, unsigned long length) {
+    if ((static_cast<unsigned char>(copy.at(0)) & readyBit) == 0) {
         return {};
     }
-    const char* const bytes = bytesOf(segment);
-    const std::string joined(bytes + dataOffset, length);
+    const std::string_view joined = std::string_view(copy).substr(dataOffset, length);
     std::uint64_t firstLength = 0;
-    std::memcpy(&firstLength, bytes + firstLengthOffset, sizeof firstLength);
-    return {joined.substr(0, firstLength), joined.substr(firstLength)};
+    std::memcpy(&firstLength, copy.data() + firstLengthOffset, sizeof firstLength);
+    return {std::string(joined.substr(0, firstLength)), std::string(joined.substr(firstLength))};
 }
 
 } // namespace agent::spf::endpointregistry::entrysegment

@@ -23,8 +23,12 @@ void publish(void* segment, const std::pair<std::string, std::string>& data);
 /// Marks the segment not ready, for readers that are attached.
 void withdraw(void* segment);
 
-/// The data of a segment for joined data of this length; two empty strings when it is not ready.
-/// Throws std::out_of_range when the first string is said to be longer than both.
-std::pair<std::string, std::string> read(void* segment, unsigned long length);
+/// The data in a copy of a segment for joined data of this length; two empty strings when it was
+/// not ready. Throws std::out_of_range when the first string is said to be longer than both.
+///
+/// A copy may be made in any order, so that its ready byte proves nothing about the bytes around
+/// it. It need not: a segment appears filled and ready, and all that ever changes is that it stops
+/// being ready.
+std::pair<std::string, std::string> read(const std::string& copy, unsigned long length);
 
 } // namespace agent::spf::endpointregistry::entrysegment

@@ -5,9 +5,9 @@
 #include "endpointregistry/LockedFile.h"
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/NameListing.h"
+#include "endpointregistry/detail/UsersFolder.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/AppearingFolder.h"
-#include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
@@ -34,17 +34,34 @@ constexpr mode_t groupOnly = S_IRWXU | S_IRWXG;
     throw std::runtime_error(inconsistency);
 }
 
-gid_t groupOf(const std::string& trustee) {
-    if (const auto group = os::findGroupId(trustee)) {
+gid_t groupOf(const os::Group& trustee) {
+    if (const auto group = trustee.id()) {
         return *group;
     }
     const int error = errno;
     getLogger().log(severity::error, "Utils::setTrustee(): Failed to find the specified group: <",
-                    trustee, ">. (Error ", error, ")");
+                    trustee.name(), ">. (Error ", error, ")");
     if (os::saysNoSuchEntry(error)) {
         throw std::invalid_argument(inconsistency);
     }
     throw std::runtime_error(inconsistency);
+}
+
+/// The levels below the shared folder.
+std::vector<std::string> levelsOf(const std::string& parent, const os::Group& trustee) {
+    return {"Corvantis", parent, hashString(trustee.name())};
+}
+
+std::string pathOf(const std::string& parent, const os::Group& trustee) {
+    std::string path = sharedFolderIn(usersFolder()) + "/";
+    for (const std::string& level : levelsOf(parent, trustee)) {
+        path += level + "/";
+    }
+    return path;
+}
+
+os::FileDescriptor openExisting(const std::string& parent, const os::Group& trustee) {
+    return os::openFolderBelow(sharedFolderIn(usersFolder()), levelsOf(parent, trustee));
 }
 
 /// The shared folder itself is the administrator's, who may have put a link there.
@@ -54,21 +71,17 @@ os::FileDescriptor openSharedFolder() {
         [&] { return ::open(shared.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
 }
 
-bool mayBeOwnedBy(uid_t owner, gid_t group, const std::string& path) {
-    constexpr uid_t root = 0;
-    if (owner == root) {
-        return true;
-    }
+bool mayBeOwnedBy(uid_t owner, const os::Group& trustee, const std::string& path) {
     // In a parent with the set-group-id bit, a stranger's folder has the group as well.
-    const auto isMember = os::isMember(owner, group);
-    if (!isMember) {
+    const auto isTrusted = trustee.trusts(owner);
+    if (!isTrusted) {
         fail("Utils::setTrustee(): Failed to ask for the members of the group of: <", path, errno);
     }
-    return *isMember;
+    return *isTrusted;
 }
 
 /// The folder in this place, made with this mode and group when it is missing.
-os::FileDescriptor obtainFolder(const os::FilePlace& place, mode_t mode, std::optional<gid_t> group,
+os::FileDescriptor obtainFolder(const os::FilePlace& place, mode_t mode, const os::Group* trustee,
                                 const std::string& path) {
     for (;;) {
         os::FileDescriptor folder = os::openFolder(place);
@@ -80,10 +93,11 @@ os::FileDescriptor obtainFolder(const os::FilePlace& place, mode_t mode, std::op
         }
         // A process may have the group's rights without its user being a member. Members would
         // not trust the folder, and could not make one of their own beside it.
-        if (group && !mayBeOwnedBy(::geteuid(), *group, path)) {
+        if (trustee != nullptr && !mayBeOwnedBy(::geteuid(), *trustee, path)) {
             fail("Utils::setTrustee(): The user is no member of the group of: <", path, EPERM);
         }
-        const int error = os::createAppearingFolder(place, mode, group);
+        const int error = os::createAppearingFolder(
+            place, mode, trustee != nullptr ? std::optional(groupOf(*trustee)) : std::nullopt);
         if (error != 0 && error != EEXIST) {
             fail("Utils::createFolder(): Failed to create the directory: <", path, error);
         }
@@ -92,7 +106,7 @@ os::FileDescriptor obtainFolder(const os::FilePlace& place, mode_t mode, std::op
 
 /// A level that everybody may pass through and add to.
 os::FileDescriptor obtainPublicFolder(const os::FilePlace& place, const std::string& path) {
-    os::FileDescriptor folder = obtainFolder(place, everybody, std::nullopt, path);
+    os::FileDescriptor folder = obtainFolder(place, everybody, nullptr, path);
     struct stat status {};
     if (::fstat(folder.get(), &status) != 0) {
         fail("Utils::makePublic(): Failed to stat the path: <", path, errno);
@@ -104,64 +118,72 @@ os::FileDescriptor obtainPublicFolder(const os::FilePlace& place, const std::str
     return folder;
 }
 
-bool belongsTo(int folder, gid_t group, const std::string& path) {
+bool belongsTo(const os::Group& trustee, const struct stat& status, const std::string& path) {
+    return status.st_gid == groupOf(trustee) && (status.st_mode & permissions) == groupOnly &&
+           (status.st_uid == ::geteuid() || mayBeOwnedBy(status.st_uid, trustee, path));
+}
+
+/// Which folder it is, provided that it belongs to the group.
+os::FileIdentity examine(int folder, const os::Group& trustee, const std::string& path) {
     struct stat status {};
     if (::fstat(folder, &status) != 0) {
         fail("Utils::setTrustee(): Failed to stat the path: <", path, errno);
     }
-    return status.st_gid == group && (status.st_mode & permissions) == groupOnly &&
-           (status.st_uid == ::geteuid() || mayBeOwnedBy(status.st_uid, group, path)) &&
-           !os::carriesAccessControlList(folder);
+    if (!belongsTo(trustee, status, path) || os::carriesAccessControlList(folder)) {
+        fail("Utils::setTrustee(): The directory does not belong to its group: <", path, EPERM);
+    }
+    return os::FileIdentity(status);
 }
 
 } // namespace
 
-JoinedFolder::JoinedFolder(os::FileDescriptor folder, std::string path, gid_t group)
-    : folder(std::move(folder))
-    , ownPath(std::move(path))
-    , ownGroup(group) {
-    if (!belongsTo(this->folder.get(), ownGroup, ownPath)) {
-        fail("Utils::setTrustee(): The directory does not belong to its group: <", ownPath, EPERM);
-    }
+JoinedFolder::JoinedFolder(os::FileDescriptor folder, std::string path, const os::Group& trustee)
+    : OpenFolder(std::move(folder), std::move(path))
+    , ownGroup(groupOf(trustee))
+    , identity(examine(descriptor(), trustee, this->path())) {
 }
 
 bool JoinedFolder::isStillNamed() const {
-    return os::identityAt(ownPath) == os::identityOf(folder.get());
+    return os::identityAt(path()) == identity;
 }
 
 std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
-                                               const std::string& trustee) {
-    std::string path = LockedFile::getParentPath(parent, trustee, false);
-    os::FileDescriptor folder = openSharedFolder();
-    for (const std::string& level : {std::string("Corvantis"), parent, hashString(trustee)}) {
-        if (folder) {
-            folder = os::openFolder({folder.get(), level});
-        }
-    }
+                                               const os::Group& trustee) {
+    os::FileDescriptor folder = openExisting(parent, trustee);
     if (!folder) {
-        if (errno == ENOENT) {
+        const int error = errno;
+        LockedFile::getParentPath(parent, trustee.name(), false); // Says what else is missing.
+        if (error == ENOENT) {
             return std::nullopt;
         }
-        failToReadFolder(errno);
+        failToReadFolder(error);
     }
-    return JoinedFolder(std::move(folder), std::move(path), groupOf(trustee));
+    return JoinedFolder(std::move(folder), pathOf(parent, trustee), trustee);
 }
 
-JoinedFolder JoinedFolder::obtain(const std::string& parent, const std::string& trustee) {
-    const gid_t group = groupOf(trustee);
-    std::string path = LockedFile::getParentPath(parent, trustee, false);
+JoinedFolder JoinedFolder::enter(const std::string& parent, const os::Group& trustee) {
+    if (os::FileDescriptor folder = openExisting(parent, trustee)) {
+        return {std::move(folder), pathOf(parent, trustee), trustee};
+    }
+    return obtain(parent, trustee);
+}
+
+JoinedFolder JoinedFolder::obtain(const std::string& parent, const os::Group& trustee) {
+    groupOf(trustee);                                         // Before anything is made.
+    LockedFile::getParentPath(parent, trustee.name(), false); // Says what is missing above.
     const os::FileDescriptor shared = openSharedFolder();
     if (!shared) {
         fail("Utils::createFolder(): Failed to open the directory: <", getSharedFolderPath(),
              errno);
     }
-    const std::string topPath = getSharedFolderPath() + "/Corvantis/";
+    const std::string topPath = sharedFolderIn(usersFolder()) + "/Corvantis/";
     const os::FileDescriptor top = obtainPublicFolder({shared.get(), "Corvantis"}, topPath);
     const os::FileDescriptor middle =
         obtainPublicFolder({top.get(), parent}, topPath + parent + "/");
+    std::string path = pathOf(parent, trustee);
     os::FileDescriptor folder =
-        obtainFolder({middle.get(), hashString(trustee)}, groupOnly, group, path);
-    return {std::move(folder), std::move(path), group};
+        obtainFolder({middle.get(), hashString(trustee.name())}, groupOnly, &trustee, path);
+    return {std::move(folder), std::move(path), trustee};
 }
 
 } // namespace agent::spf::endpointregistry

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "endpointregistry/detail/OpenFolder.h"
 #include "foundation/os/FileDescriptor.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/FileIdentity.h"
+#include "foundation/os/Group.h"
 
 #include <optional>
 #include <string>
@@ -19,25 +21,22 @@ namespace agent::spf::endpointregistry {
 ///
 /// The folders above are open to all, so anybody may put another folder under the same path. Hence
 /// the descriptor: what was examined is what is used.
-class JoinedFolder {
+class JoinedFolder : public OpenFolder {
 public:
-    // Both throw std::runtime_error when the folder cannot be opened or does not belong to the
+    // All throw std::runtime_error when the folder cannot be opened or does not belong to the
     // group, or when the shared folder of this machine is missing; std::invalid_argument when there
     // is no such group.
 
     /// The folder as it is; nothing when there is none, whatever the group.
-    static std::optional<JoinedFolder> find(const std::string& parent, const std::string& trustee);
+    static std::optional<JoinedFolder> find(const std::string& parent,
+                                            const foundation::os::Group& trustee);
 
-    /// The folder, made with all levels that are missing.
-    static JoinedFolder obtain(const std::string& parent, const std::string& trustee);
+    /// The folder as it is, made as `obtain` does when there is none.
+    static JoinedFolder enter(const std::string& parent, const foundation::os::Group& trustee);
 
-    /// A file in the folder; valid for as long as this object lives.
-    foundation::os::FilePlace placeOf(const std::string& name) const {
-        return {folder.get(), name};
-    }
-
-    /// Where the folder was found, with a trailing "/".
-    const std::string& path() const { return ownPath; }
+    /// The folder, made with all levels that are missing; those that this user has made are opened
+    /// to everybody again.
+    static JoinedFolder obtain(const std::string& parent, const foundation::os::Group& trustee);
 
     gid_t group() const { return ownGroup; }
 
@@ -46,11 +45,11 @@ public:
     bool isStillNamed() const;
 
 private:
-    JoinedFolder(foundation::os::FileDescriptor folder, std::string path, gid_t group);
+    JoinedFolder(foundation::os::FileDescriptor folder, std::string path,
+                 const foundation::os::Group& trustee);
 
-    foundation::os::FileDescriptor folder;
-    std::string ownPath;
     gid_t ownGroup;
+    foundation::os::FileIdentity identity;
 };
 
 } // namespace agent::spf::endpointregistry

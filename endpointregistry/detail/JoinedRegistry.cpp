@@ -2,24 +2,28 @@
 
 #include "endpointregistry/detail/JoinedFolder.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
-#include "endpointregistry/detail/NameListing.h"
 
 #include <memory>
-#include <optional>
 #include <utility>
 
 namespace agent::spf::endpointregistry::joined {
 
+namespace os = foundation::os;
+
 namespace {
 
-LockedFile lock(const std::string& name, const std::string& parent, const std::string& trustee,
-                bool isExclusive, bool waitForLock) {
-    if (trustee.empty() || parent.empty()) { // The latter is refused there.
-        return {name, parent, trustee, isExclusive, waitForLock};
+enum class Levels { asTheyAre, openedToEverybody };
+
+LockedFile lock(const std::string& name, const std::string& parent, const os::Group& trustee,
+                bool isExclusive, bool waitForLock, Levels levels) {
+    if (trustee.isNone() || parent.empty()) { // The latter is refused there.
+        return {name, parent, trustee.name(), isExclusive, waitForLock};
     }
     for (;;) {
-        auto impl = std::make_unique<LockedFile::Impl>(name, JoinedFolder::obtain(parent, trustee),
-                                                       trustee, isExclusive, waitForLock);
+        JoinedFolder folder = levels == Levels::asTheyAre ? JoinedFolder::enter(parent, trustee)
+                                                          : JoinedFolder::obtain(parent, trustee);
+        auto impl = std::make_unique<LockedFile::Impl>(name, std::move(folder), trustee.name(),
+                                                       isExclusive, waitForLock);
         // A lock in a folder that was put elsewhere keeps nobody out.
         if (impl->isFolderStillNamed()) {
             return LockedFile::Impl::wrap(std::move(impl));
@@ -30,25 +34,20 @@ LockedFile lock(const std::string& name, const std::string& parent, const std::s
 } // namespace
 
 LockedFile createAndTryLock(const std::string& name, const std::string& parent,
-                            const std::string& trustee) {
-    return lock(name, parent, trustee, true, false);
+                            const os::Group& trustee) {
+    return lock(name, parent, trustee, true, false, Levels::openedToEverybody);
 }
 
-LockedFile getLock(const std::string& name, const std::string& parent, const std::string& trustee) {
-    return lock(name, parent, trustee, false, true);
+LockedFile getLock(const std::string& name, const std::string& parent, const os::Group& trustee) {
+    return lock(name, parent, trustee, false, true, Levels::asTheyAre);
 }
 
-LockedFile tryLock(const std::string& name, const std::string& parent, const std::string& trustee) {
-    return lock(name, parent, trustee, false, false);
+LockedFile tryLock(const std::string& name, const std::string& parent, const os::Group& trustee) {
+    return lock(name, parent, trustee, false, false, Levels::openedToEverybody);
 }
 
-std::vector<std::string> filterNames(const std::vector<std::string>& nameParts,
-                                     const std::string& parent, const std::string& trustee) {
-    if (trustee.empty()) {
-        return LockedFile::filterNames(nameParts, parent, trustee);
-    }
-    const auto folder = JoinedFolder::find(parent, trustee);
-    return folder ? listNames(folder->placeOf("."), nameParts) : std::vector<std::string>();
+std::optional<OpenFolder> findFolder(const std::string& parent, const os::Group& trustee) {
+    return trustee.isNone() ? OpenFolder::findPrivate(parent) : JoinedFolder::find(parent, trustee);
 }
 
 } // namespace agent::spf::endpointregistry::joined

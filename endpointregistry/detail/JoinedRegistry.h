@@ -1,9 +1,11 @@
 #pragma once
 
 #include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/OpenFolder.h"
+#include "foundation/os/Group.h"
 
+#include <optional>
 #include <string>
-#include <vector>
 
 /// The locked files of records and arrays.
 ///
@@ -14,11 +16,14 @@
 namespace agent::spf::endpointregistry::joined {
 
 LockedFile createAndTryLock(const std::string& name, const std::string& parent,
-                            const std::string& trustee);
-LockedFile getLock(const std::string& name, const std::string& parent, const std::string& trustee);
-LockedFile tryLock(const std::string& name, const std::string& parent, const std::string& trustee);
+                            const foundation::os::Group& trustee);
+LockedFile getLock(const std::string& name, const std::string& parent,
+                   const foundation::os::Group& trustee);
+LockedFile tryLock(const std::string& name, const std::string& parent,
+                   const foundation::os::Group& trustee);
 
-std::vector<std::string> filterNames(const std::vector<std::string>& nameParts,
-                                     const std::string& parent, const std::string& trustee);
+/// The folder of a trustee that the files are in; nothing when there is none.
+std::optional<OpenFolder> findFolder(const std::string& parent,
+                                     const foundation::os::Group& trustee);
 
 } // namespace agent::spf::endpointregistry::joined

@@ -1,5 +1,6 @@
 #include "endpointregistry/detail/LockedFileImpl.h"
 
+#include "endpointregistry/Folders.h"
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/LockingOpen.h"
 #include "endpointregistry/detail/TrusteeHandover.h"
@@ -82,7 +83,23 @@ std::string LockedFile::Impl::createParentFolder(const std::string& parent) cons
                         "LockedFile::createParentFolder(): Parent name cannot be empty.");
         throw std::invalid_argument("LockedFile parent name cannot be empty");
     }
-    return getParentPath(parent, trustee, true);
+    // A private folder is nearly always there, so it is made only when it turns out to be missing;
+    // or at once where no file will be looked for.
+    return getParentPath(parent, trustee, !trustee.empty() || name.empty());
+}
+
+LockingOpen LockedFile::Impl::openInFolder() const {
+    const auto open = [this] {
+        return openAndLock(place(), isExclusive ? Existing::refused : Existing::accepted,
+                           waitForLock ? Waiting::forLock : Waiting::never,
+                           folder ? std::optional(folder->group()) : std::nullopt);
+    };
+    LockingOpen opened = open();
+    if (opened.error == ENOENT && trustee.empty()) {
+        createFolder(parentPath);
+        opened = open();
+    }
+    return opened;
 }
 
 LockedDescriptor LockedFile::Impl::lockFile() {
@@ -91,9 +108,7 @@ LockedDescriptor LockedFile::Impl::lockFile() {
         throw std::invalid_argument("LockedFile name cannot be empty");
     }
     const std::string path = parentPath + name;
-    LockingOpen opened = openAndLock(place(), isExclusive ? Existing::refused : Existing::accepted,
-                                     waitForLock ? Waiting::forLock : Waiting::never,
-                                     folder ? std::optional(folder->group()) : std::nullopt);
+    LockingOpen opened = openInFolder();
     if (opened.error != 0) {
         if (waitForLock && opened.error != EWOULDBLOCK && opened.error != EEXIST) {
             getLogger().log(severity::error, "LockedFile::lockFile(): Failed to create file: <",

@@ -3,6 +3,7 @@
 #include "endpointregistry/LockedFile.h"
 #include "endpointregistry/detail/JoinedFolder.h"
 #include "endpointregistry/detail/LockedDescriptor.h"
+#include "endpointregistry/detail/LockingOpen.h"
 #include "foundation/os/FilePlace.h"
 
 #include <memory>
@@ -43,6 +44,7 @@ public:
 
 private:
     std::string createParentFolder(const std::string& parent) const;
+    LockingOpen openInFolder() const;
     LockedDescriptor lockFile();
     void examineJoined(int descriptor) const;
     foundation::os::FilePlace place() const;

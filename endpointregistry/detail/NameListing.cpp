@@ -1,16 +1,18 @@
 #include "endpointregistry/detail/NameListing.h"
 
-#include "endpointregistry/Groups.h"
 #include "endpointregistry/Loggers.h"
-#include "foundation/os/DirectoryStream.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
-#include <utility>
 
 namespace agent::spf::endpointregistry {
 
-namespace os = foundation::os;
+bool containsEvery(std::string_view text, const std::vector<std::string>& parts) {
+    return std::all_of(parts.begin(), parts.end(), [text](const std::string& part) {
+        return text.find(part) != std::string_view::npos;
+    });
+}
 
 void failToReadFolder(int error) {
     getLogger().log(foundation::log::severity::error,
@@ -18,10 +20,9 @@ void failToReadFolder(int error) {
     throw std::runtime_error("System Error: File system inconsistency");
 }
 
-std::vector<std::string> listNames(const os::FilePlace& folder,
+std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
                                    const std::vector<std::string>& nameParts) {
     std::vector<std::string> names;
-    os::DirectoryStream entries(folder);
     if (!entries) {
         if (errno == ENOENT) {
             return names;
@@ -29,9 +30,9 @@ std::vector<std::string> listNames(const os::FilePlace& folder,
         failToReadFolder(errno);
     }
     while (const char* entry = entries.next()) {
-        std::string name = entry;
-        if (containsAll(name, nameParts)) {
-            names.push_back(std::move(name));
+        const std::string_view name = entry;
+        if (containsEvery(name, nameParts)) {
+            names.emplace_back(name);
         }
     }
     if (errno != 0) {

@@ -1,15 +1,19 @@
 #pragma once
 
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/DirectoryStream.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace agent::spf::endpointregistry {
 
-/// The names in a folder that contain every one of `nameParts`, in the order in which the folder
-/// lists them; none when there is no such folder. Throws std::runtime_error when it cannot be read.
-std::vector<std::string> listNames(const foundation::os::FilePlace& folder,
+/// As `containsAll`, without copies: it is asked of every name in a folder.
+bool containsEvery(std::string_view text, const std::vector<std::string>& parts);
+
+/// The names of a listing that contain every one of `nameParts`, in its order; none when the folder
+/// could not be opened because it is not there. Throws std::runtime_error when it cannot be read.
+std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
                                    const std::vector<std::string>& nameParts);
 
 /// Reports a folder of entries that cannot be opened or read: logs, and throws std::runtime_error.

@@ -17,17 +17,17 @@ void fail(const std::string& what, const std::string& segment, int error) {
     throw std::runtime_error("Shared memory error: " + what);
 }
 
-std::optional<gid_t> groupOf(const std::string& trustee) {
-    if (trustee.empty()) {
+std::optional<gid_t> groupOf(const os::Group& trustee) {
+    if (trustee.isNone()) {
         return std::nullopt;
     }
-    if (const auto group = os::findGroupId(trustee)) {
+    if (const auto group = trustee.id()) {
         return group;
     }
     if (!os::saysNoSuchEntry(errno)) {
-        fail("cannot look up the trustee", trustee, errno);
+        fail("cannot look up the trustee", trustee.name(), errno);
     }
-    throw std::invalid_argument("Shared memory trustee is not a group: " + trustee);
+    throw std::invalid_argument("Shared memory trustee is not a group: " + trustee.name());
 }
 
 } // namespace agent::spf::sharedmemory

@@ -1,19 +1,27 @@
 #pragma once
 
+#include "foundation/os/Group.h"
 #include "sharedmemory/SegmentLookup.h"
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace agent::spf::sharedmemory {
 
-/// Makes and attaches to a new POSIX segment; null when there is one already.
+/// Makes and attaches to a new POSIX segment, filled before it can be found; null when there is one
+/// already.
 std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
-                                                          const std::string& trustee);
+                                                          const foundation::os::Group& trustee,
+                                                          const SharedMemory::Fill& fill);
 
 /// Attaches to an existing POSIX segment.
 SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
-                               const std::string& trustee);
+                               const foundation::os::Group& trustee);
+
+/// Copies the first bytes of an existing POSIX segment; nothing where none could be attached.
+std::optional<std::string> readPosixSegment(const std::string& name, std::size_t size,
+                                            const foundation::os::Group& trustee);
 
 } // namespace agent::spf::sharedmemory

@@ -26,9 +26,9 @@ namespace os = foundation::os;
 
 /// One identity: where its segment is, and who may have made it.
 struct Place {
-    Place(const std::string& name, const std::string& trustee)
+    Place(const std::string& name, const os::Group& trustee)
         : user(::geteuid())
-        , segmentName(segmentNameOf(name, trustee, user))
+        , segmentName(segmentNameOf(name, trustee.name(), user))
         , path("/dev/shm/" + segmentName.platformName)
         , group(groupOf(trustee)) {}
 
@@ -92,6 +92,11 @@ struct ExistingFile {
     bool isTrusted() const { return static_cast<bool>(descriptor); }
 };
 
+/// How many bytes of a trusted file are the caller's.
+std::size_t callersSize(const ExistingFile& file, const Place& place) {
+    return static_cast<std::size_t>(file.status.st_size) - place.segmentName.proof.size();
+}
+
 bool carriesProof(const ExistingFile& file, const std::string& proof) {
     const auto proofSize = static_cast<off_t>(proof.size());
     if (proof.empty() || file.status.st_size < proofSize) {
@@ -105,11 +110,11 @@ bool carriesProof(const ExistingFile& file, const std::string& proof) {
     return count == static_cast<ssize_t>(proof.size()) && there == proof;
 }
 
-ExistingFile openExisting(const Place& place) {
+ExistingFile openExisting(const Place& place, int access) {
     ExistingFile file;
     // Not blocking, not followed: the name may have been given to a pipe or a link on purpose.
     file.descriptor = os::FileDescriptor(os::retryOnInterrupt(
-        [&] { return ::open(place.path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+        [&] { return ::open(place.path.c_str(), access | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
     if (!file.descriptor) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) {
             fail("cannot open the segment", place.path, errno);
@@ -158,7 +163,8 @@ int furnish(int descriptor, std::size_t size, const Place& place) {
 } // namespace
 
 std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
-                                                          const std::string& trustee) {
+                                                          const os::Group& trustee,
+                                                          const SharedMemory::Fill& fill) {
     const Place place(name, trustee);
     std::unique_ptr<PosixSegment> segment;
     const os::AppearingFile file =
@@ -174,13 +180,16 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
             if (!identity || !mapping) {
                 return errno;
             }
-            segment = std::make_unique<PosixSegment>(trustee, place.path, *identity, size,
+            if (fill) {
+                fill(mapping.get());
+            }
+            segment = std::make_unique<PosixSegment>(trustee.name(), place.path, *identity, size,
                                                      std::move(mapping));
             return 0;
         });
     if (file.error != 0) {
         // Whatever kept this one from being made, one that exists is what there is to tell.
-        const ExistingFile existing = openExisting(place);
+        const ExistingFile existing = openExisting(place, O_RDWR);
         const bool hasGone = file.error == EEXIST && !existing.isTaken;
         if (!existing.isTrusted() && !hasGone) {
             fail("cannot make the segment", place.path, file.error);
@@ -192,14 +201,13 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
 }
 
 SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
-                               const std::string& trustee) {
+                               const os::Group& trustee) {
     const Place place(name, trustee);
-    const ExistingFile file = openExisting(place);
+    const ExistingFile file = openExisting(place, O_RDWR);
     if (!file.isTrusted()) {
         return {nullptr, file.isTaken};
     }
-    const std::size_t available =
-        static_cast<std::size_t>(file.status.st_size) - place.segmentName.proof.size();
+    const std::size_t available = callersSize(file, place);
     if (available < size) {
         return {nullptr, true};
     }
@@ -207,9 +215,35 @@ SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
     if (!mapping) {
         fail("cannot map the segment", place.path, errno);
     }
-    return {std::make_unique<PosixSegment>(trustee, place.path, os::FileIdentity(file.status),
-                                           available, std::move(mapping)),
+    return {std::make_unique<PosixSegment>(trustee.name(), place.path,
+                                           os::FileIdentity(file.status), available,
+                                           std::move(mapping)),
             true};
+}
+
+std::optional<std::string> readPosixSegment(const std::string& name, std::size_t size,
+                                            const os::Group& trustee) {
+    const Place place(name, trustee);
+    const ExistingFile file = openExisting(place, O_RDONLY);
+    if (!file.isTrusted() || callersSize(file, place) < size) {
+        return std::nullopt;
+    }
+    std::string bytes(size, '\0');
+    std::size_t filled = 0;
+    while (filled < size) {
+        const ssize_t count = os::retryOnInterrupt([&] {
+            return ::pread(file.descriptor.get(), bytes.data() + filled, size - filled,
+                           static_cast<off_t>(filled));
+        });
+        if (count == -1) {
+            fail("cannot read the segment", place.path, errno);
+        }
+        if (count == 0) {
+            return std::nullopt; // Its owner has cut it short meanwhile.
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    return bytes;
 }
 
 } // namespace agent::spf::sharedmemory

@@ -14,9 +14,10 @@ namespace {
 
 /// Neither "@" nor "~", which the two forms of a file name are told apart by.
 bool isPlain(std::string_view text) {
-    constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                       "0123456789_-.";
-    return text.find_first_not_of(plain) == std::string_view::npos;
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '_' || c == '-' || c == '.';
+    });
 }
 
 boost::uuids::uuid uuidOf(const std::string& identity) {

@@ -1,10 +1,10 @@
 #include "sharedmemory/SharedMemory.h"
 
 #include "foundation/os/Accounts.h"
+#include "foundation/os/Group.h"
 #include "sharedmemory/Failure.h"
 #include "sharedmemory/PosixSegment.h"
 #include "sharedmemory/Segment.h"
-#include "sharedmemory/SysVLeftovers.h"
 #include "sharedmemory/SysVSegment.h"
 
 #include <cerrno>
@@ -16,6 +16,7 @@ namespace agent::spf::sharedmemory {
 
 namespace {
 
+namespace os = foundation::os;
 using Segments = SharedMemory::ImplementationSpecifications;
 
 /// What one implementation does.
@@ -32,15 +33,13 @@ Backend enter(std::size_t size, Segments implementation) {
     case Segments::Posix:
         return {createPosixSegment, findPosixSegment};
     case Segments::SysV:
-        // Once for each call of the service, whatever it goes on to do.
-        removeSysVLeftovers();
         return {createSysVSegment, findSysVSegment};
     }
     throw std::invalid_argument("Shared memory implementation is not available");
 }
 
 std::set<std::string> getOwnGroupNames() {
-    auto names = foundation::os::findOwnGroupNames();
+    auto names = os::findOwnGroupNames();
     if (!names) {
         fail("cannot ask for the caller's groups", {}, errno);
     }
@@ -49,8 +48,8 @@ std::set<std::string> getOwnGroupNames() {
 
 /// What a caller takes for its private POSIX segment must never come from a group. Users of System
 /// V segments are told to ask which it is.
-bool looksInGroups(const std::string& trustee, Segments implementation) {
-    return trustee.empty() && implementation == Segments::SysV;
+bool looksInGroups(const os::Group& trustee, Segments implementation) {
+    return trustee.isNone() && implementation == Segments::SysV;
 }
 
 } // namespace
@@ -58,17 +57,34 @@ bool looksInGroups(const std::string& trustee, Segments implementation) {
 SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
                                   const std::string& trustee,
                                   ImplementationSpecifications implementation) {
-    return SharedMemory(enter(size, implementation).create(name, size, trustee));
+    return create(name, size, trustee, implementation, {});
+}
+
+SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
+                                  const std::string& trustee,
+                                  ImplementationSpecifications implementation, const Fill& fill) {
+    return create(name, size, os::Group(trustee), implementation, fill);
+}
+
+SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
+                                  const os::Group& trustee,
+                                  ImplementationSpecifications implementation, const Fill& fill) {
+    return SharedMemory(enter(size, implementation).create(name, size, trustee, fill));
 }
 
 SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
                                 const std::string& trustee,
                                 ImplementationSpecifications implementation) {
+    return find(name, size, os::Group(trustee), implementation);
+}
+
+SharedMemory SharedMemory::find(const std::string& name, std::size_t size, const os::Group& trustee,
+                                ImplementationSpecifications implementation) {
     const Backend backend = enter(size, implementation);
     SegmentLookup found = backend.find(name, size, trustee);
     if (!found.isTaken && looksInGroups(trustee, implementation)) {
         for (const std::string& group : getOwnGroupNames()) {
-            found = backend.find(name, size, group);
+            found = backend.find(name, size, os::Group(group));
             if (found.isTaken) {
                 break;
             }
@@ -80,6 +96,12 @@ SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
 SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
                                         const std::string& trustee,
                                         ImplementationSpecifications implementation) {
+    return createOrFind(name, size, os::Group(trustee), implementation);
+}
+
+SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
+                                        const os::Group& trustee,
+                                        ImplementationSpecifications implementation) {
     const Backend backend = enter(size, implementation);
     for (;;) {
         SegmentLookup found = backend.find(name, size, trustee);
@@ -90,10 +112,23 @@ SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t siz
             fail("the segment there cannot be used", name, EEXIST);
         }
         // Another process may be first, and may even remove its segment before the next look.
-        if (auto created = backend.create(name, size, trustee)) {
+        if (auto created = backend.create(name, size, trustee, {})) {
             return SharedMemory(std::move(created));
         }
     }
+}
+
+std::optional<std::string> SharedMemory::read(const std::string& name, std::size_t size,
+                                              const std::string& trustee,
+                                              ImplementationSpecifications implementation) {
+    if (implementation == Segments::Posix && size != 0) {
+        return readPosixSegment(name, size, os::Group(trustee));
+    }
+    const SharedMemory segment = find(name, size, trustee, implementation);
+    if (!segment.isAttached()) {
+        return std::nullopt;
+    }
+    return std::string(static_cast<const char*>(segment.getPointer()), size);
 }
 
 SharedMemory::SharedMemory(std::unique_ptr<Segment> segment) noexcept

@@ -2,8 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+
+namespace foundation::os {
+class Group;
+} // namespace foundation::os
 
 #pragma GCC visibility push(default)
 
@@ -30,9 +36,12 @@ public:
         Posix = 0,
         /// Segments of System V shared memory. Since only their owner may remove them from the
         /// kernel, one that another member of the trustee group removes is found no more, and goes
-        /// for good when its owner next opens any segment of this kind.
+        /// for good when its owner next makes any segment of this kind.
         SysV = 1,
     };
+
+    /// Writes the first contents of a new segment, whose address it gets.
+    using Fill = std::function<void(void* segment)>;
 
     // The openers. `size` is in bytes and at least 1. All throw std::invalid_argument when the
     // size is 0, the trustee is no group or the implementation is unknown, and std::runtime_error
@@ -45,6 +54,12 @@ public:
     static SharedMemory create(const std::string& name, std::size_t size,
                                const std::string& trustee,
                                ImplementationSpecifications implementation);
+
+    /// The same for a segment that appears with its contents. What `fill` throws passes through,
+    /// and no segment appears then.
+    static SharedMemory create(const std::string& name, std::size_t size,
+                               const std::string& trustee,
+                               ImplementationSpecifications implementation, const Fill& fill);
 
     /// Attaches to the first `size` bytes of a segment. Not attached when there is none, or when
     /// the one there is smaller or is not to be trusted.
@@ -59,6 +74,27 @@ public:
     /// std::runtime_error also when the one there cannot be attached to.
     static SharedMemory createOrFind(const std::string& name, std::size_t size,
                                      const std::string& trustee,
+                                     ImplementationSpecifications implementation);
+
+    /// A copy of the first `size` bytes of the segment that `find` would attach to; nothing where
+    /// it would not be attached. A segment that is read but once is read cheaper so.
+    ///
+    /// The bytes are copied in no particular order and not at one moment: of what others write
+    /// meanwhile, any part may be missing.
+    static std::optional<std::string> read(const std::string& name, std::size_t size,
+                                           const std::string& trustee,
+                                           ImplementationSpecifications implementation);
+
+    // For the libraries of this project alone: the same for operations that open several segments
+    // and have their trustee looked up once.
+    static SharedMemory create(const std::string& name, std::size_t size,
+                               const foundation::os::Group& trustee,
+                               ImplementationSpecifications implementation, const Fill& fill);
+    static SharedMemory find(const std::string& name, std::size_t size,
+                             const foundation::os::Group& trustee,
+                             ImplementationSpecifications implementation);
+    static SharedMemory createOrFind(const std::string& name, std::size_t size,
+                                     const foundation::os::Group& trustee,
                                      ImplementationSpecifications implementation);
 
     /// A handle that is not attached.

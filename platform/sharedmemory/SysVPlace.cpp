@@ -1,6 +1,5 @@
 #include "sharedmemory/SysVPlace.h"
 
-#include "foundation/os/Accounts.h"
 #include "foundation/os/Process.h"
 #include "sharedmemory/Failure.h"
 #include "sharedmemory/SysVProof.h"
@@ -23,11 +22,12 @@ bool makerLives(const sysv::Status& status) {
     return isAtIt && (status.maker == unknown || os::processLives(status.maker));
 }
 
-SysVPlace::SysVPlace(const std::string& name, const std::string& trustee)
+SysVPlace::SysVPlace(const std::string& name, const os::Group& trustee)
     : ownName(name)
+    , trustee(trustee)
     , user(::geteuid())
     , ownGroup(groupOf(trustee))
-    , ownIdentity(segmentIdentityOf(name, trustee, user))
+    , ownIdentity(segmentIdentityOf(name, trustee.name(), user))
     , ownKeys(segmentKeysOf(ownIdentity)) {
 }
 
@@ -37,19 +37,15 @@ mode_t SysVPlace::mode() const {
 
 /// The owner of a segment may set any group, so only the creator tells whom it comes from.
 bool SysVPlace::trustsCreator(uid_t creator) const {
-    constexpr uid_t root = 0;
     if (!ownGroup) {
         return creator == user;
     }
-    if (creator == root) {
-        return true;
-    }
-    const auto isMember = os::isMember(creator, *ownGroup);
-    if (!isMember) {
+    const auto isTrusted = trustee.trusts(creator);
+    if (!isTrusted) {
         // "Not known" must not read as "no": a table would be made a second time.
         fail("cannot ask for the members of the trustee", ownName, errno);
     }
-    return *isMember;
+    return *isTrusted;
 }
 
 bool SysVPlace::isFinished(const sysv::Status& status) const {

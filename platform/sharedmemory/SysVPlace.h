@@ -1,5 +1,6 @@
 #pragma once
 
+#include "foundation/os/Group.h"
 #include "sharedmemory/SegmentName.h"
 #include "sharedmemory/SysVKernel.h"
 
@@ -22,14 +23,14 @@ inline constexpr mode_t modeForGroup = 0660;
 /// Whether the process that is making such a segment is still at it.
 bool makerLives(const sysv::Status& status);
 
-/// Where the System V segment of one name and trustee is looked for.
+/// Where the System V segment of one name and trustee, which outlives this object, is looked for.
 ///
 /// A key has 32 bits, so other names and other programs may have taken it: each identity has a
 /// row of keys, which everybody tries in the same order.
 class SysVPlace {
 public:
     /// Throws as `groupOf` does.
-    SysVPlace(const std::string& name, const std::string& trustee);
+    SysVPlace(const std::string& name, const foundation::os::Group& trustee);
 
     enum class Standing {
         /// Nothing has the key.
@@ -74,6 +75,7 @@ private:
     bool isFinished(const sysv::Status& status) const;
 
     std::string ownName;
+    const foundation::os::Group& trustee;
     uid_t user;
     std::optional<gid_t> ownGroup;
     std::string ownIdentity;

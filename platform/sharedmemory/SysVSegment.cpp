@@ -1,6 +1,7 @@
 #include "sharedmemory/SysVSegment.h"
 
 #include "sharedmemory/Failure.h"
+#include "sharedmemory/SysVLeftovers.h"
 #include "sharedmemory/SysVPlace.h"
 #include "sharedmemory/SysVProof.h"
 
@@ -14,6 +15,7 @@ namespace agent::spf::sharedmemory {
 
 namespace {
 
+namespace os = foundation::os;
 using Standing = SysVPlace::Standing;
 
 class SysVSegment : public SharedMemory::Segment {
@@ -142,7 +144,7 @@ bool prevails(const SysVPlace& place, std::size_t own) {
 
 /// Makes the segment under one key; null when somebody else came first, at least to the key.
 std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, std::size_t size,
-                                     const std::string& trustee) {
+                                     const std::string& trustee, const SharedMemory::Fill& fill) {
     const std::size_t wholeSize = size + sysvproof::sizeFor(place.identity());
     const key_t key = place.keys().at(index);
     const auto id = sysv::makeSegment(key, wholeSize, modeWhileMade);
@@ -161,6 +163,9 @@ std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, 
         return nullptr; // Removed by somebody who took this process for dead.
     }
     sysvproof::write(attachment.get(), wholeSize, place.identity());
+    if (fill) {
+        fill(attachment.get());
+    }
     auto segment =
         std::make_unique<SysVSegment>(trustee, key, *id, wholeSize, size, std::move(attachment));
     if (!prevails(place, index)) {
@@ -185,7 +190,10 @@ std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, 
 } // namespace
 
 std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name, std::size_t size,
-                                                         const std::string& trustee) {
+                                                         const os::Group& trustee,
+                                                         const SharedMemory::Fill& fill) {
+    // Not at every look: nothing accumulates but by what is made.
+    removeSysVLeftovers();
     const SysVPlace place(name, trustee);
     if (!place.admitsCaller()) {
         fail("cannot make a segment for others", name, EPERM);
@@ -202,14 +210,13 @@ std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name
         if (!found.room) {
             fail("every key of the segment is taken", name, EEXIST);
         }
-        if (auto segment = attempt(place, *found.room, size, trustee)) {
+        if (auto segment = attempt(place, *found.room, size, trustee.name(), fill)) {
             return segment;
         }
     }
 }
 
-SegmentLookup findSysVSegment(const std::string& name, std::size_t size,
-                              const std::string& trustee) {
+SegmentLookup findSysVSegment(const std::string& name, std::size_t size, const os::Group& trustee) {
     const SysVPlace place(name, trustee);
     for (const key_t key : place.keys()) {
         SysVPlace::Finding found = place.examine(key);
@@ -222,7 +229,7 @@ SegmentLookup findSysVSegment(const std::string& name, std::size_t size,
         if (found.callersSize < size) {
             return {nullptr, true};
         }
-        return {std::make_unique<SysVSegment>(trustee, key, found.id, found.status.size,
+        return {std::make_unique<SysVSegment>(trustee.name(), key, found.id, found.status.size,
                                               found.callersSize, std::move(found.attachment)),
                 true};
     }

@@ -2,6 +2,7 @@
 
 #include "endpointregistry/Endpoint.h"
 #include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/EntryFolder.h"
 #include "tests/endpointregistry/EndpointFolderWatch.h"
 #include "tests/endpointregistry/EndpointTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
@@ -26,11 +27,24 @@ using Finding = AbandonedFile::Finding;
 const std::string parent = "qvEndpointRegistry";
 const std::string name = "entry";
 
-class AbandonedFiles : public tests::RegistryTest {};
-
 Finding findingOf(const std::string& file) {
-    return AbandonedFile(file, parent, "").finding();
+    const auto folder = OpenFolder::findPrivate(parent);
+    return AbandonedFile(file, folder.value()).finding();
 }
+
+class AbandonedFiles : public tests::RegistryTest {
+protected:
+    /// The folder of entries, which must be there when it is first asked for.
+    const OpenFolder& folder() {
+        if (!found) {
+            found = OpenFolder::findPrivate(parent);
+        }
+        return found.value();
+    }
+
+private:
+    std::optional<OpenFolder> found;
+};
 
 } // namespace
 
@@ -55,7 +69,8 @@ TEST_F(AbandonedFiles, AreNotThoseThatAreGone) {
 }
 
 TEST_F(AbandonedFiles, NeedNoFolderToBeGone) {
-    EXPECT_EQ(findingOf(name), Finding::nothingToClear);
+    const EntryFolder none("");
+    EXPECT_TRUE(none.clearIfStale(name, [] { ADD_FAILURE() << "there is no data"; }));
     EXPECT_FALSE(fs::exists(tests::entryFolder()));
 }
 
@@ -66,7 +81,7 @@ TEST_F(AbandonedFiles, AreNotWhatIsNoFile) {
     fs::create_symlink("nowhere", tests::entryPath("dangling link"));
     fs::create_symlink("pipe", tests::entryPath("link"));
     for (const std::string& planted : tests::entryFiles()) {
-        AbandonedFile file(planted, parent, "");
+        AbandonedFile file(planted, folder());
         EXPECT_EQ(file.finding(), Finding::inUse) << planted;
         EXPECT_TRUE(fs::is_directory(tests::entryFolder())) << planted;
     }
@@ -76,9 +91,9 @@ TEST_F(AbandonedFiles, AreNotWhatIsNoFile) {
 
 TEST_F(AbandonedFiles, StayUntilTheyAreRemoved) {
     const PlantedEntry entry(name, "");
-    { const AbandonedFile examined(name, parent, ""); }
+    { const AbandonedFile examined(name, folder()); }
     EXPECT_TRUE(entry.hasFile());
-    AbandonedFile file(name, parent, "");
+    AbandonedFile file(name, folder());
     ASSERT_EQ(file.finding(), Finding::abandoned);
     file.remove();
     EXPECT_FALSE(entry.hasFile());
@@ -86,14 +101,14 @@ TEST_F(AbandonedFiles, StayUntilTheyAreRemoved) {
 
 TEST_F(AbandonedFiles, LookDeadToAllWhileTheyAreCleared) {
     const PlantedEntry entry(name, "");
-    const AbandonedFile file(name, parent, "");
+    const AbandonedFile file(name, folder());
     ASSERT_EQ(file.finding(), Finding::abandoned);
     EXPECT_FALSE(LockedFile::isLocked(name, parent, ""));
 }
 
 TEST_F(AbandonedFiles, CannotBeTakenOverWhileTheyAreCleared) {
     const PlantedEntry entry(name, "");
-    const AbandonedFile file(name, parent, "");
+    const AbandonedFile file(name, folder());
     ASSERT_EQ(file.finding(), Finding::abandoned);
     const LockedFile taken = LockedFile::tryLock(name, parent, "");
     EXPECT_FALSE(taken.isLocked());
@@ -108,7 +123,7 @@ TEST_F(AbandonedFiles, CanBeTakenOverOnceExamined) {
 
 TEST_F(AbandonedFiles, LeaveARecentPublishersFileAlone) {
     const PlantedEntry entry(name, "");
-    std::optional<AbandonedFile> file(std::in_place, name, parent, "");
+    std::optional<AbandonedFile> file(std::in_place, name, folder());
     ASSERT_EQ(file->finding(), Finding::abandoned);
     file->remove();
     file.reset();
@@ -121,7 +136,7 @@ TEST_F(AbandonedFiles, LeaveARecentPublishersFileAlone) {
 TEST_F(AbandonedFiles, AreClearedByOneAtATime) {
     const PlantedEntry entry(name, "");
     const PlantedEntry other("other entry", "");
-    const AbandonedFile file(name, parent, "");
+    const AbandonedFile file(name, folder());
     ASSERT_EQ(file.finding(), Finding::abandoned);
     EXPECT_EQ(findingOf(name), Finding::nothingToClear);
     EXPECT_EQ(findingOf(other.name()), Finding::nothingToClear);
@@ -135,7 +150,7 @@ TEST_F(AbandonedFiles, HoldUpNobodyWhoLooksThemUpWhileTheyAreCleared) {
                              tests::segmentBytes(data));
     const Endpoint living(data, "tag", "living key");
     {
-        const AbandonedFile stopped(entry.name(), parent, "");
+        const AbandonedFile stopped(entry.name(), folder());
         ASSERT_EQ(stopped.finding(), Finding::abandoned);
         EXPECT_EQ(Endpoint::find("tag", "key"), std::nullopt);
         EXPECT_EQ(Endpoint::list(), tests::DataPairs{data});
@@ -149,7 +164,7 @@ TEST_F(AbandonedFiles, HoldUpNobodyWhoLooksThemUpWhileTheyAreCleared) {
 TEST_F(AbandonedFiles, AreClearedByAnotherWhoComesInTime) {
     for (int round = 0; round < 100; ++round) {
         const PlantedEntry entry(name, "");
-        std::optional<AbandonedFile> file(std::in_place, name, parent, "");
+        std::optional<AbandonedFile> file(std::in_place, name, folder());
         ASSERT_EQ(file->finding(), Finding::abandoned);
         Finding second = Finding::inUse;
         std::thread other([&second] { second = findingOf(name); });

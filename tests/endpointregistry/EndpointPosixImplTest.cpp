@@ -60,7 +60,7 @@ protected:
 TEST_F(PosixRecord, IsRefusedWhileOneOfTheSameNameLives) {
     const auto first = publish();
     expectDuplicate([this] { publish(); }, foundInFile);
-    EXPECT_EQ(Record::getDataPair(name, ""), data);
+    EXPECT_EQ(Record::getDataPair(name, EntryFolder("")), data);
     EXPECT_TRUE(tests::isHeld(tests::entryPath(name)));
 }
 
@@ -68,7 +68,7 @@ TEST_F(PosixRecord, IsRefusedWhileSomebodyHoldsTheFileOfItsName) {
     PlantedEntry entry(name, tests::segmentBytes({"old", ""}));
     entry.hold();
     expectDuplicate([this] { publish(); }, foundInFile);
-    EXPECT_EQ(Record::getDataPair(name, ""), DataPair("old", ""));
+    EXPECT_EQ(Record::getDataPair(name, EntryFolder("")), DataPair("old", ""));
 }
 
 TEST_F(PosixRecord, GetsNoSecondFile) {
@@ -155,6 +155,6 @@ TEST_F(PosixRecord, IsRefusedWhereItsNameIsNoFiles) {
 TEST_F(PosixRecord, CanBePublishedAgainOnceWithdrawn) {
     for (int i = 0; i < 10; ++i) {
         const auto record = publish();
-        EXPECT_EQ(Record::getDataPair(name, ""), data);
+        EXPECT_EQ(Record::getDataPair(name, EntryFolder("")), data);
     }
 }

@@ -28,7 +28,7 @@ std::string nameBy(pid_t publisher) {
 }
 
 DataPair read(const PlantedEntry& entry) {
-    return Record::getDataPair(entry.name(), "");
+    return Record::getDataPair(entry.name(), EntryFolder(""));
 }
 
 class ReadingAnEntry : public tests::RegistryTest {};
@@ -95,9 +95,9 @@ TEST_F(ReadingAnEntry, ClearsAwayAFileWithoutASegmentWhoseProcessIsGone) {
 }
 
 TEST_F(ReadingAnEntry, GivesNothingWhereThereIsNone) {
-    EXPECT_EQ(Record::getDataPair(nameBy(noProcess), ""), nothing);
-    EXPECT_EQ(Record::getDataPair(nameBy(::getpid()), ""), nothing);
-    EXPECT_EQ(Record::getDataPair("qvER", ""), nothing);
+    EXPECT_EQ(Record::getDataPair(nameBy(noProcess), EntryFolder("")), nothing);
+    EXPECT_EQ(Record::getDataPair(nameBy(::getpid()), EntryFolder("")), nothing);
+    EXPECT_EQ(Record::getDataPair("qvER", EntryFolder("")), nothing);
     EXPECT_FALSE(fs::exists(tests::entryFolder()));
 }
 

@@ -21,7 +21,7 @@ const tests::DataPair data("ab", "c");
 const std::string name = tests::entryName(data, "tag", "key", tests::noProcess);
 
 bool isStale() {
-    return Endpoint::PosixImpl::staleEndpointFoundAndCleanedUp(name, "");
+    return Endpoint::PosixImpl::staleEndpointFoundAndCleanedUp(name, EntryFolder(""));
 }
 
 class StaleEntry : public tests::RegistryTest {};

@@ -235,7 +235,7 @@ TEST_F(EndpointSysVImpl, ReadsAsTheFirstOfSeveralRowsOfItsName) {
         const SharedTrace living(ownName(), {ownName(), "first", "second", "third"});
         table().insert({ownName(), "later", "row"});
         EXPECT_EQ(Record::getDataPair(ownName(), friends), data);
-        EXPECT_EQ(Record::getDataPairs({ownName(), ownName()}, friends),
+        EXPECT_EQ(Record::getDataPairs({ownName(), ownName()}, EntryFolder(friends), 2),
                   (tests::DataPairs{data, data}));
     });
 }
@@ -267,13 +267,13 @@ TEST_F(EndpointSysVImpl, IsToldFromAStaleOne) {
     asAnna([] {
         NamedStringArray rows = table();
         SharedTrace entry(ownName(), {ownName(), "first", "second"});
-        EXPECT_FALSE(Record::staleEndpointFoundAndCleanedUp(ownName(), friends, rows));
+        EXPECT_FALSE(Record::staleEndpointFoundAndCleanedUp(ownName(), EntryFolder(friends), rows));
         EXPECT_TRUE(entry.isThere());
         EXPECT_EQ(tests::rowsOf(friends).size(), 1U);
         entry.die();
-        EXPECT_TRUE(Record::staleEndpointFoundAndCleanedUp(ownName(), friends, rows));
+        EXPECT_TRUE(Record::staleEndpointFoundAndCleanedUp(ownName(), EntryFolder(friends), rows));
         tests::expectNothingShared(friends);
-        EXPECT_TRUE(Record::staleEndpointFoundAndCleanedUp(ownName(), friends, rows));
+        EXPECT_TRUE(Record::staleEndpointFoundAndCleanedUp(ownName(), EntryFolder(friends), rows));
         tests::expectNothingShared(friends);
     });
 }
@@ -297,11 +297,12 @@ TEST_F(EndpointSysVImpl, ReadsSeveralEntriesAsItReadsEachOfThem) {
         dead.die();
         const std::string bareName = tests::entryName({"bare", ""}, tag, "bare", ::getpid());
         const SharedTrace bare(bareName, {});
-        EXPECT_EQ(Record::getDataPairs({bareName, ownName(), deadName, "qvERv1"}, friends),
-                  (tests::DataPairs{nothing, data, nothing, nothing}));
+        const EntryFolder folder(friends);
+        const Names names{bareName, ownName(), deadName, "qvERv1"};
+        EXPECT_EQ(Record::getDataPairs(names, folder, names.size()), tests::DataPairs{data});
         EXPECT_FALSE(dead.isThere());
         EXPECT_TRUE(bare.isThere());
         EXPECT_EQ(tests::rowsOf(friends).size(), 1U);
-        EXPECT_EQ(Record::getDataPairs({}, friends), tests::DataPairs());
+        EXPECT_EQ(Record::getDataPairs({}, folder, 1), tests::DataPairs());
     });
 }

@@ -88,22 +88,25 @@ TEST(EntrySegment, GivesBackWhatWasPublished) {
           DataPair("a\0b"s, "\xff\0"s), DataPair("", ""), DataPair(std::string(2000, 'x'), "y")}) {
         const Page page('\x5a');
         entrysegment::publish(page.get(), data);
-        EXPECT_EQ(entrysegment::read(page.get(), data.first.size() + data.second.size()), data);
+        EXPECT_EQ(
+            entrysegment::read(page.content(capacity), data.first.size() + data.second.size()),
+            data);
     }
 }
 
 TEST(EntrySegment, SplitsTheDataWhereTheFirstStringEnds) {
-    EXPECT_EQ(entrysegment::read(segment(1, 0, "abc").get(), 3), DataPair("", "abc"));
-    EXPECT_EQ(entrysegment::read(segment(1, 1, "abc").get(), 3), DataPair("a", "bc"));
-    EXPECT_EQ(entrysegment::read(segment(1, 3, "abc").get(), 3), DataPair("abc", ""));
+    EXPECT_EQ(entrysegment::read(segment(1, 0, "abc").content(capacity), 3), DataPair("", "abc"));
+    EXPECT_EQ(entrysegment::read(segment(1, 1, "abc").content(capacity), 3), DataPair("a", "bc"));
+    EXPECT_EQ(entrysegment::read(segment(1, 3, "abc").content(capacity), 3), DataPair("abc", ""));
 }
 
 TEST(EntrySegment, GivesNothingUnlessTheLowestBitOfReadyIsSet) {
     for (const char ready : {'\0', '\2', '\xfe'}) {
-        EXPECT_EQ(entrysegment::read(segment(ready, 1, "abc").get(), 3), DataPair());
+        EXPECT_EQ(entrysegment::read(segment(ready, 1, "abc").content(capacity), 3), DataPair());
     }
     for (const char ready : {'\1', '\3', '\xff'}) {
-        EXPECT_EQ(entrysegment::read(segment(ready, 1, "abc").get(), 3), DataPair("a", "bc"));
+        EXPECT_EQ(entrysegment::read(segment(ready, 1, "abc").content(capacity), 3),
+                  DataPair("a", "bc"));
     }
 }
 
@@ -111,17 +114,17 @@ TEST(EntrySegment, GivesNothingOnceWithdrawn) {
     const Page page('\0');
     entrysegment::publish(page.get(), {"ab", "c"});
     entrysegment::withdraw(page.get());
-    EXPECT_EQ(entrysegment::read(page.get(), 3), DataPair());
+    EXPECT_EQ(entrysegment::read(page.content(capacity), 3), DataPair());
 }
 
 TEST(EntrySegment, RefusesAFirstStringThatIsLongerThanBoth) {
     const std::uint64_t endless = std::numeric_limits<std::uint64_t>::max();
     for (const std::uint64_t firstLength : {std::uint64_t{4}, endless / 2 + 1, endless}) {
-        EXPECT_THROW(entrysegment::read(segment(1, firstLength, "abc").get(), 3),
+        EXPECT_THROW(entrysegment::read(segment(1, firstLength, "abc").content(capacity), 3),
                      std::out_of_range);
     }
 }
 
 TEST(EntrySegment, IsNotReadBeforeItIsReadyHoweverWrongItIs) {
-    EXPECT_EQ(entrysegment::read(segment(0, 4, "abc").get(), 3), DataPair());
+    EXPECT_EQ(entrysegment::read(segment(0, 4, "abc").content(capacity), 3), DataPair());
 }

@@ -99,7 +99,7 @@ TEST_F(JoinedRegistryRefusal, MakesNothingForStrangers) {
         for (const auto factory : {joined::createAndTryLock, joined::tryLock, joined::getLock}) {
             EXPECT_THROW(factory(name, parent, friends), std::runtime_error);
         }
-        EXPECT_THROW(joined::filterNames({}, parent, friends), std::runtime_error);
+        EXPECT_THROW(joined::findFolder(parent, friends), std::runtime_error);
     });
     EXPECT_EQ(tests::namesIn(folder), Names{name});
     expectStanding(folder, anna, friends, 0770);
@@ -107,8 +107,8 @@ TEST_F(JoinedRegistryRefusal, MakesNothingForStrangers) {
 
 TEST_F(JoinedRegistryRefusal, KnowsNoUnknownGroup) {
     as(anna, [] {
-        EXPECT_THROW(joined::tryLock(name, parent, "no group"), std::invalid_argument);
-        EXPECT_THROW(JoinedFolder::obtain(parent, "no group"), std::invalid_argument);
+        EXPECT_THROW(joined::tryLock(name, parent, std::string("no group")), std::invalid_argument);
+        EXPECT_THROW(JoinedFolder::obtain(parent, std::string("no group")), std::invalid_argument);
     });
 }
 

@@ -85,7 +85,7 @@ TEST_F(JoinedRegistry, UsesWhatAnotherMemberMadeWithoutChangingIt) {
         const LockedFile taken = joined::createAndTryLock(name, parent, friends);
         EXPECT_FALSE(taken.isLocked());
         EXPECT_EQ(taken.getLockError(), EEXIST);
-        EXPECT_EQ(joined::filterNames({"f"}, parent, friends), Names{name});
+        EXPECT_EQ(joined::findFolder(parent, friends)->names({"f"}), Names{name});
     });
     EXPECT_EQ(standingOf(places), before);
 }
@@ -162,7 +162,7 @@ TEST_F(JoinedRegistry, LeavesStickyFoldersAsTheyAre) {
 TEST_F(JoinedRegistry, FindsNoFolderWhereThereIsNoneAndMakesNone) {
     as(anna, [] {
         EXPECT_FALSE(JoinedFolder::find(parent, friends).has_value());
-        EXPECT_EQ(joined::filterNames({}, parent, friends), Names());
+        EXPECT_FALSE(joined::findFolder(parent, friends).has_value());
         EXPECT_TRUE(fs::is_empty("/home/Shared"));
         const JoinedFolder made = JoinedFolder::obtain(parent, friends);
         EXPECT_EQ(made.path(), folder);
@@ -175,7 +175,7 @@ TEST_F(JoinedRegistry, FindsNoFolderWhereThereIsNoneAndMakesNone) {
 
 TEST_F(JoinedRegistry, IsThePrivateOneWithoutATrustee) {
     as(anna, [] {
-        const LockedFile file = joined::createAndTryLock(name, parent, "");
+        const LockedFile file = joined::createAndTryLock(name, parent, std::string());
         EXPECT_TRUE(file.isLocked());
         EXPECT_EQ(tests::modeOf(tests::privateFolder(parent) + name), 0400U);
         EXPECT_TRUE(LockedFile::isLocked(name, parent, ""));

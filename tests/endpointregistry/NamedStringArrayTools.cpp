@@ -194,7 +194,7 @@ void forgetAllSegments() {
 }
 
 void useSharedMemory() {
-    EXPECT_FALSE(SharedMemory::find("something else", 1, "", sysv).isAttached());
+    EXPECT_TRUE(SharedMemory::create("something else", 1, "", sysv).isCreator());
 }
 
 void expectMessages(const std::function<void()>& call, const std::vector<Message>& messages) {

@@ -256,7 +256,10 @@ TEST_F(SysVCrash, OfAnOwnerThatCleansUpLeavesTheRestToItsNextUse) {
             });
             prepare();
         });
-    as(accounts::anna, [] { findForFriends("kept").markForDeletion(); });
+    as(accounts::anna, [] {
+        findForFriends("kept").markForDeletion();
+        useTheService();
+    });
     EXPECT_EQ(sysv::segments().size(), 0U);
 }
 

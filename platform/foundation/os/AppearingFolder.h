@@ -4,7 +4,9 @@
 #include "foundation/os/FilePlace.h"
 
 #include <optional>
+#include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace foundation::os {
 
@@ -23,6 +25,10 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
 /// Opens the folder in a place, and no link to one; empty, with errno set, when it cannot be
 /// opened.
 FileDescriptor openFolder(const FilePlace& place);
+
+/// Opens a folder some levels below another, through no link on the way down; empty, with errno
+/// set, when it cannot be opened. The upper folder itself may be reached through links.
+FileDescriptor openFolderBelow(const FilePlace& top, const std::vector<std::string>& levels);
 
 /// Whether an open file carries an access control list beyond its mode. One that cannot be asked
 /// about counts as carrying one.

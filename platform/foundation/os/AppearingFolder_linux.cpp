@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -22,6 +24,8 @@ namespace {
 /// What the kernel keeps access control lists as.
 constexpr std::array<const char*, 2> accessLists{"system.posix_acl_access",
                                                  "system.posix_acl_default"};
+
+constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
 
 bool isOwn(int folder) {
     struct stat status {};
@@ -76,10 +80,33 @@ int furnish(int folder, mode_t mode, std::optional<gid_t> group) {
 } // namespace
 
 FileDescriptor openFolder(const FilePlace& place) {
-    return FileDescriptor(retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(),
-                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    return FileDescriptor(
+        retryOnInterrupt([&] { return ::openat(place.folder, place.name.c_str(), folderFlags); }));
+}
+
+FileDescriptor openFolderBelow(const FilePlace& top, const std::vector<std::string>& levels) {
+    std::string path = top.name;
+    for (const std::string& level : levels) {
+        path += '/' + level;
+    }
+    open_how how{};
+    how.flags = folderFlags;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    FileDescriptor folder(retryOnInterrupt([&] {
+        const long opened = ::syscall(SYS_openat2, top.folder, path.c_str(), &how, sizeof how);
+        return static_cast<int>(opened);
     }));
+    // A link on the way to the topmost folder is its administrator's. Kernels before 5.6, and
+    // filters that do not know the call, refuse it.
+    if (folder || (errno != ELOOP && errno != ENOSYS && errno != EPERM)) {
+        return folder;
+    }
+    folder = FileDescriptor(retryOnInterrupt(
+        [&] { return ::openat(top.folder, top.name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+    for (auto level = levels.begin(); folder && level != levels.end(); ++level) {
+        folder = openFolder({folder.get(), *level});
+    }
+    return folder;
 }
 
 int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid_t> group) {
@@ -125,6 +152,10 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
 }
 
 bool carriesAccessControlList(int descriptor) {
+    // Most files carry no attribute at all, and one call tells.
+    if (::flistxattr(descriptor, nullptr, 0) == 0) {
+        return false;
+    }
     return std::any_of(accessLists.begin(), accessLists.end(), [descriptor](const char* list) {
         return ::fgetxattr(descriptor, list, nullptr, 0) >= 0 ||
                (errno != ENODATA && errno != EOPNOTSUPP);

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "endpointregistry/detail/OpenFolder.h"
+#include "foundation/os/Group.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace agent::spf::endpointregistry {
+
+/// The entry files of one trustee, as one lookup sees them: their folder is opened once and its
+/// group looked up once, when they are first needed. What needs the folder throws as
+/// `joined::findFolder` does.
+class EntryFolder {
+public:
+    explicit EntryFolder(const std::string& trustee)
+        : group(trustee) {}
+
+    const foundation::os::Group& trustee() const { return group; }
+
+    /// The names of the entries that contain every one of these parts.
+    std::vector<std::string> names(const std::vector<std::string>& nameParts) const;
+
+    enum class Publisher { alive, dead, vanished };
+
+    /// What the entry's file says about its publisher; `vanished` when the file is gone. Throws
+    /// std::runtime_error when there is no descriptor or memory left to ask.
+    Publisher publisherOf(const std::string& name) const;
+
+    /// Whether no publisher holds the entry. What a dead one left is removed then: its data, by
+    /// `removeData`, before its file.
+    bool clearIfStale(const std::string& name, const std::function<void()>& removeData) const;
+
+private:
+    /// Nothing when there is no folder.
+    const OpenFolder* folder() const;
+
+    foundation::os::Group group;
+    mutable bool isFolderKnown = false;
+    mutable std::optional<OpenFolder> found;
+};
+
+} // namespace agent::spf::endpointregistry

@@ -1,0 +1,32 @@
+#include "endpointregistry/detail/OpenFolder.h"
+
+#include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/NameListing.h"
+#include "foundation/os/RetryOnInterrupt.h"
+
+#include <cerrno>
+#include <fcntl.h>
+
+namespace agent::spf::endpointregistry {
+
+namespace os = foundation::os;
+
+std::optional<OpenFolder> OpenFolder::findPrivate(const std::string& parent) {
+    std::string path = LockedFile::getParentPath(parent, {}, false);
+    os::FileDescriptor folder(os::retryOnInterrupt(
+        [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!folder) {
+        if (errno == ENOENT) {
+            return std::nullopt;
+        }
+        failToReadFolder(errno);
+    }
+    return OpenFolder(std::move(folder), std::move(path));
+}
+
+std::vector<std::string> OpenFolder::names(const std::vector<std::string>& nameParts) const {
+    os::DirectoryStream entries(folder.get());
+    return listNames(entries, nameParts);
+}
+
+} // namespace agent::spf::endpointregistry

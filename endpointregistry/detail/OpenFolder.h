@@ -1,0 +1,45 @@
+#pragma once
+
+#include "foundation/os/FileDescriptor.h"
+#include "foundation/os/FilePlace.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace agent::spf::endpointregistry {
+
+/// A folder of the registry, held open: a listing and all that follows from it see one folder, and
+/// its path is walked once.
+class OpenFolder {
+public:
+    OpenFolder(foundation::os::FileDescriptor folder, std::string path)
+        : folder(std::move(folder))
+        , ownPath(std::move(path)) {}
+
+    /// The caller's private folder of this name; nothing when there is none. Throws
+    /// std::runtime_error when it cannot be opened or the private base is not to be trusted.
+    static std::optional<OpenFolder> findPrivate(const std::string& parent);
+
+    /// The names in it that contain every one of `nameParts`, in the order in which the folder
+    /// lists them. Throws std::runtime_error when it cannot be read.
+    std::vector<std::string> names(const std::vector<std::string>& nameParts) const;
+
+    /// A file in the folder; valid for as long as this object lives.
+    foundation::os::FilePlace placeOf(const std::string& name) const {
+        return {folder.get(), name};
+    }
+
+    /// Where the folder was found, with a trailing "/".
+    const std::string& path() const { return ownPath; }
+
+protected:
+    int descriptor() const { return folder.get(); }
+
+private:
+    foundation::os::FileDescriptor folder;
+    std::string ownPath;
+};
+
+} // namespace agent::spf::endpointregistry
