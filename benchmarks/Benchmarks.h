@@ -5,5 +5,10 @@ namespace benchmarks {
 // Each registers the benchmarks of one subject, those of the library beside those of the floor.
 void registerPublication();
 void registerLookups();
+void registerGroups();
+void registerArrays();
+void registerConcurrency();
+void registerStartUp();
+void registerCost();
 
 } // namespace benchmarks

@@ -175,11 +175,20 @@ std::size_t countSynonyms(int folder, const Entry& entry) {
     return count;
 }
 
+/// Gives an unnamed file its name.
+void link(int file, int folder, const char* name) {
+    if (::linkat(file, "", folder, name, AT_EMPTY_PATH) == -1) {
+        // Before Linux 6.10 that takes a capability, which an ordinary user has not.
+        const std::string path = "/proc/self/fd/" + std::to_string(file);
+        check(::linkat(AT_FDCWD, path.c_str(), folder, name, AT_SYMLINK_FOLLOW), "linkat");
+    }
+}
+
 int makeLockedFile(int folder, const std::string& name) {
     const int file =
         check(::openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR), "openat");
     check(::flock(file, LOCK_EX | LOCK_NB), "flock");
-    check(::linkat(file, "", folder, name.c_str(), AT_EMPTY_PATH), "linkat");
+    link(file, folder, name.c_str());
     return file;
 }
 
@@ -199,7 +208,7 @@ void makeSegment(const std::string& path, const DataPair& data) {
         ::open(segmentFolder, O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR), segmentFolder);
     ::posix_fallocate(segment, 0, static_cast<off_t>(size));
     check(static_cast<int>(::pwrite(segment, bytes.data(), size, 0)), "pwrite");
-    check(::linkat(segment, "", AT_FDCWD, path.c_str(), AT_EMPTY_PATH), "linkat");
+    link(segment, AT_FDCWD, path.c_str());
     ::close(segment);
 }
 

@@ -5,6 +5,7 @@
 #include "benchmarks/Measuring.h"
 #include "benchmarks/Publishers.h"
 #include "endpointregistry/Endpoint.h"
+#include "endpointregistry/EntryName.h"
 
 #include <benchmark/benchmark.h>
 #include <string>
@@ -13,7 +14,8 @@ namespace benchmarks {
 
 namespace {
 
-using agent::spf::endpointregistry::Endpoint;
+namespace registry = agent::spf::endpointregistry;
+using registry::Endpoint;
 
 void find(benchmark::State& state, std::size_t entries) {
     const std::string key = keyOf(0);
@@ -38,9 +40,9 @@ void list(benchmark::State& state, std::size_t entries) {
     reportPerEntry(state, entries);
 }
 
-void listOnFloor(benchmark::State& state, std::size_t entries) {
+void listOnFloor(benchmark::State& state, std::size_t entries, const std::string& part) {
     const floor::Folder folder;
-    measure(state, {.entries = entries}, [&] { return folder.list("qvER").size() == entries; });
+    measure(state, {.entries = entries}, [&] { return folder.list(part).size() == entries; });
     reportPerEntry(state, entries);
 }
 
@@ -53,8 +55,13 @@ void registerLookups() {
     }
     for (const std::size_t entries : entryCounts) {
         add("registry/filter", entries, filter);
+        add("floor/filter", entries, [](auto& state, std::size_t count) {
+            listOnFloor(state, count, registry::getGroupTagPrefix(groupTag));
+        });
         add("registry/list", entries, list);
-        add("floor/list", entries, listOnFloor);
+        add("floor/list", entries, [](auto& state, std::size_t count) {
+            listOnFloor(state, count, registry::getGroupTagPrefix({}));
+        });
     }
 }
 

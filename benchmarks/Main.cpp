@@ -8,6 +8,11 @@
 int main(int argc, char** argv) {
     benchmarks::registerPublication();
     benchmarks::registerLookups();
+    benchmarks::registerGroups();
+    benchmarks::registerArrays();
+    benchmarks::registerConcurrency();
+    benchmarks::registerStartUp();
+    benchmarks::registerCost();
 
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

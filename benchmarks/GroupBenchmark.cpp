@@ -1,0 +1,69 @@
+// Sharing one entry with a group, and looking up what another process shares with it.
+
+#include "benchmarks/Benchmarks.h"
+#include "benchmarks/Measuring.h"
+#include "benchmarks/Publishers.h"
+#include "endpointregistry/Endpoint.h"
+
+#include <benchmark/benchmark.h>
+#include <functional>
+#include <string>
+
+namespace benchmarks {
+
+namespace {
+
+using agent::spf::endpointregistry::Endpoint;
+
+/// Measures beside so many entries that are shared with `group`.
+void measureShared(benchmark::State& state, std::size_t entries, const std::string& group,
+                   const Body& body) {
+    if (group.empty()) {
+        state.SkipWithError("this process is in no group that has a name");
+        return;
+    }
+    measure(state, {.entries = entries, .trustee = group}, body);
+}
+
+void findShared(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    const std::string key = keyOf(0);
+    measureShared(state, entries, group,
+                  [&] { return Endpoint::find(groupTag, key, {group}).has_value(); });
+}
+
+void filterShared(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    measureShared(state, entries, group,
+                  [&] { return Endpoint::filter(groupTag, {group}).size() == entries; });
+    reportPerEntry(state, entries);
+}
+
+void listShared(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    measureShared(state, entries, group, [&] { return Endpoint::list({group}).size() == entries; });
+    reportPerEntry(state, entries);
+}
+
+void shareAndUnshare(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    Endpoint endpoint({"unix", "/run/own-service"}, groupTag, "own key");
+    measureShared(state, entries, group, [&] {
+        endpoint.addTrustees({group});
+        endpoint.removeTrustees({group});
+        return true;
+    });
+}
+
+} // namespace
+
+void registerGroups() {
+    for (const std::size_t entries : {1UL, 10UL, 50UL, 100UL, 1000UL, 2000UL, 10000UL}) {
+        add("registry/findShared", entries, findShared);
+        add("registry/filterShared", entries, filterShared);
+        add("registry/listShared", entries, listShared);
+        add("registry/shareAndUnshare", entries, shareAndUnshare);
+    }
+}
+
+} // namespace benchmarks
