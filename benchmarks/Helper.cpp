@@ -23,6 +23,7 @@ namespace os = foundation::os;
 
 struct Helper::Parent::Shared {
     std::atomic<bool> hasEnded{false};
+    std::atomic<bool> hasFailed{false};
     // Beside nothing else that anybody reads while the work runs.
     alignas(64) std::atomic<std::uint64_t> count{0};
 };
@@ -83,6 +84,7 @@ Helper::Helper(const std::function<void(Parent&)>& work) {
         try {
             work(ends);
         } catch (const std::exception& error) {
+            ends.shared->hasFailed = true;
             std::cerr << "a helper failed: " << error.what() << '\n';
         }
         ::_exit(0);
@@ -103,6 +105,10 @@ Helper::~Helper() {
 
 std::uint64_t Helper::count() const {
     return ends.shared->count.load(std::memory_order_relaxed);
+}
+
+bool Helper::hasFailed() const {
+    return ends.shared->hasFailed;
 }
 
 } // namespace benchmarks

@@ -43,6 +43,9 @@ public:
     /// What the work has counted.
     std::uint64_t count() const;
 
+    /// Whether the work has ended with an exception.
+    bool hasFailed() const;
+
 private:
     Parent ends;
     foundation::os::FileDescriptor connection;

@@ -3,7 +3,9 @@
 #include "benchmarks/Helper.h"
 #include "benchmarks/Publishers.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <list>
 #include <optional>
@@ -55,7 +57,7 @@ void measure(benchmark::State& state, const Surroundings& surroundings, const Bo
         if (surroundings.churn) {
             publisher.emplace(publishAndWithdraw);
         }
-        std::list<Helper> helpers;
+        std::list<Helper> helpers; // The others that do the same.
         for (int i = 1; i < surroundings.processes; ++i) {
             helpers.emplace_back([&body](Helper::Parent& parent) { repeat(parent, body); });
         }
@@ -72,6 +74,10 @@ void measure(benchmark::State& state, const Surroundings& surroundings, const Bo
         state.counters["items_per_second"] = (static_cast<double>(state.iterations()) +
                                               static_cast<double>(sumOf(helpers) - before)) /
                                              elapsed.count();
+        const auto hasFailed = [](const Helper& helper) { return helper.hasFailed(); };
+        if ((publisher && publisher->hasFailed()) || std::ranges::any_of(helpers, hasFailed)) {
+            state.SkipWithError("a process beside the measured one has failed");
+        }
     } catch (const std::exception& error) {
         state.SkipWithError(error.what());
     }
