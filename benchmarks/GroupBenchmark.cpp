@@ -6,7 +6,6 @@
 #include "endpointregistry/Endpoint.h"
 
 #include <benchmark/benchmark.h>
-#include <functional>
 #include <string>
 
 namespace benchmarks {
@@ -15,40 +14,32 @@ namespace {
 
 using agent::spf::endpointregistry::Endpoint;
 
-/// Measures beside so many entries that are shared with `group`.
-void measureShared(benchmark::State& state, std::size_t entries, const std::string& group,
-                   const Body& body) {
-    if (group.empty()) {
-        state.SkipWithError("this process is in no group that has a name");
-        return;
-    }
-    measure(state, {.entries = entries, .trustee = group}, body);
-}
-
 void findShared(benchmark::State& state, std::size_t entries) {
     const std::string group = ownGroup();
     const std::string key = keyOf(0);
-    measureShared(state, entries, group,
-                  [&] { return Endpoint::find(groupTag, key, {group}).has_value(); });
+    measure(state, {.entries = entries, .trustee = group},
+            [&] { return Endpoint::find(groupTag, key, {group}).has_value(); });
 }
 
 void filterShared(benchmark::State& state, std::size_t entries) {
     const std::string group = ownGroup();
-    measureShared(state, entries, group,
-                  [&] { return Endpoint::filter(groupTag, {group}).size() == entries; });
+    measure(state, {.entries = entries, .trustee = group},
+            [&] { return Endpoint::filter(groupTag, {group}).size() == entries; });
     reportPerEntry(state, entries);
 }
 
 void listShared(benchmark::State& state, std::size_t entries) {
     const std::string group = ownGroup();
-    measureShared(state, entries, group, [&] { return Endpoint::list({group}).size() == entries; });
+    measure(state, {.entries = entries, .trustee = group},
+            [&] { return Endpoint::list({group}).size() == entries; });
     reportPerEntry(state, entries);
 }
 
 void shareAndUnshare(benchmark::State& state, std::size_t entries) {
     const std::string group = ownGroup();
+    provideOthers(entries, group); // Which would inherit the endpoint.
     Endpoint endpoint({"unix", "/run/own-service"}, groupTag, "own key");
-    measureShared(state, entries, group, [&] {
+    measure(state, {.entries = entries, .trustee = group}, [&] {
         endpoint.addTrustees({group});
         endpoint.removeTrustees({group});
         return true;

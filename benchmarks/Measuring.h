@@ -24,17 +24,18 @@ struct Surroundings {
     bool churn = false;
 };
 
-/// Measures the body for as long as the benchmark runs. Skips the benchmark, with a message, where
-/// the surroundings cannot be made or the body fails.
+/// Measures the body for as long as the benchmark runs. Skips the benchmark, with a message, when
+/// the body fails; throws when the surroundings cannot be made.
 void measure(benchmark::State& state, const Surroundings& surroundings, const Body& body);
 
 /// Also has the time per entry reported.
 void reportPerEntry(benchmark::State& state, std::size_t entries);
 
-/// Registers a benchmark of the name `<name>/<entries>`.
-template<typename Function>
-void add(const std::string& name, std::size_t entries, Function function) {
-    benchmark::RegisterBenchmark((name + "/" + std::to_string(entries)).c_str(), function, entries);
-}
+/// Registers a benchmark, which is skipped with a message when it throws.
+void add(const std::string& name, const std::function<void(benchmark::State&)>& function);
+
+/// The same under the name `<name>/<entries>`, for a function that is told the number.
+void add(const std::string& name, std::size_t entries,
+         const std::function<void(benchmark::State&, std::size_t)>& function);
 
 } // namespace benchmarks

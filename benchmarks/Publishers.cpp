@@ -86,7 +86,10 @@ floor::DataPair dataOf(std::size_t number) {
 
 std::string ownGroup() {
     const auto groups = registry::getCurrentUserGroups();
-    return groups.empty() ? std::string() : *groups.begin();
+    if (groups.empty()) {
+        throw std::runtime_error("this process is in no group that has a name");
+    }
+    return *groups.begin();
 }
 
 void raiseDescriptorLimit() {

@@ -14,7 +14,7 @@ inline const std::string groupTag = "benchmark";
 std::string keyOf(std::size_t number);
 floor::DataPair dataOf(std::size_t number);
 
-/// A group of this process that entries may be shared with; empty when it has none.
+/// A group of this process. Throws std::runtime_error when it has none that has a name.
 std::string ownGroup();
 
 /// Raises the number of descriptors that this process may have as far as it may.

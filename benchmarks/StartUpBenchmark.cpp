@@ -1,6 +1,7 @@
 // Starting a process that is linked to the library and does not use it.
 
 #include "benchmarks/Benchmarks.h"
+#include "benchmarks/Measuring.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <benchmark/benchmark.h>
@@ -39,8 +40,8 @@ void startUp(benchmark::State& state, const std::string& name) {
 } // namespace
 
 void registerStartUp() {
-    benchmark::RegisterBenchmark("registry/startUp", startUp, "idle_with_registry");
-    benchmark::RegisterBenchmark("floor/startUp", startUp, "idle_without_registry");
+    add("registry/startUp", [](auto& state) { startUp(state, "idle_with_registry"); });
+    add("floor/startUp", [](auto& state) { startUp(state, "idle_without_registry"); });
 }
 
 } // namespace benchmarks
