@@ -21,7 +21,7 @@ identity=() groups=(setpriv --groups root)
 exec unshare "${identity[@]}" --mount --ipc --propagation private bash -c '
     mount -t tmpfs -o mode=1777 tmpfs /dev/shm
     mount -t tmpfs -o mode=0755 tmpfs /mnt
-    cp build/bench/benchmarks/registry_benchmark build/bench/*/lib*.so* /mnt/
+    cp build/bench/benchmarks/{registry_benchmark,idle_*} build/bench/*/lib*.so* /mnt/
     mount -t tmpfs -o mode=0755 tmpfs /home && mkdir -m 1777 /home/Shared
     LD_LIBRARY_PATH=/mnt exec "$@"
 ' bench "${groups[@]}" /mnt/registry_benchmark "$@"

@@ -1,31 +1,60 @@
-// Lookups among what is shared with a group, which another process publishes.
+// Sharing one entry with a group, and looking up what another process shares with it.
 
+#include "benchmarks/Benchmarks.h"
+#include "benchmarks/Measuring.h"
 #include "benchmarks/Publishers.h"
 #include "endpointregistry/Endpoint.h"
 
 #include <benchmark/benchmark.h>
 #include <string>
 
-using agent::spf::endpointregistry::Endpoint;
+namespace benchmarks {
 
 namespace {
 
-void findShared(benchmark::State& state) {
-    const std::string group = benchmarks::ownGroup();
-    benchmarks::measureLookup(state, group, [&group] {
-        return Endpoint::find(benchmarks::groupTag, benchmarks::firstKey, {group}).has_value();
+using agent::spf::endpointregistry::Endpoint;
+
+void findShared(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    const std::string key = keyOf(0);
+    measure(state, {.entries = entries, .trustee = group},
+            [&] { return Endpoint::find(groupTag, key, {group}).has_value(); });
+}
+
+void filterShared(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    measure(state, {.entries = entries, .trustee = group},
+            [&] { return Endpoint::filter(groupTag, {group}).size() == entries; });
+    reportPerEntry(state, entries);
+}
+
+void listShared(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    measure(state, {.entries = entries, .trustee = group},
+            [&] { return Endpoint::list({group}).size() == entries; });
+    reportPerEntry(state, entries);
+}
+
+void shareAndUnshare(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    provideOthers(entries, group); // Which would inherit the endpoint.
+    Endpoint endpoint({"unix", "/run/own-service"}, groupTag, "own key");
+    measure(state, {.entries = entries, .trustee = group}, [&] {
+        endpoint.addTrustees({group});
+        endpoint.removeTrustees({group});
+        return true;
     });
 }
-BENCHMARK(findShared)->Arg(1)->Arg(50)->Arg(1000);
-
-/// The time per entry must not grow with their number: the group's table is read once.
-void listShared(benchmark::State& state) {
-    const auto count = static_cast<std::size_t>(state.range(0));
-    const std::string group = benchmarks::ownGroup();
-    benchmarks::measureLookup(state, group,
-                              [&] { return Endpoint::list({group}).size() == count; });
-    benchmarks::reportPerEntry(state);
-}
-BENCHMARK(listShared)->Arg(50)->Arg(500)->Arg(2000);
 
 } // namespace
+
+void registerGroups() {
+    for (const std::size_t entries : {1UL, 10UL, 50UL, 100UL, 1000UL, 2000UL, 10000UL}) {
+        add("registry/findShared", entries, findShared);
+        add("registry/filterShared", entries, filterShared);
+        add("registry/listShared", entries, listShared);
+        add("registry/shareAndUnshare", entries, shareAndUnshare);
+    }
+}
+
+} // namespace benchmarks

@@ -1,20 +1,14 @@
 #include "benchmarks/Publishers.h"
 
-#include "endpointregistry/Endpoint.h"
+#include "benchmarks/Helper.h"
+#include "endpointregistry/EntryName.h"
 #include "endpointregistry/Groups.h"
-#include "foundation/os/RetryOnInterrupt.h"
+#include "endpointregistry/LockedFile.h"
+#include "endpointregistry/NamedStringArray.h"
 
-#include <array>
-#include <cerrno>
-#include <cstdlib>
-#include <exception>
-#include <iostream>
-#include <set>
+#include <memory>
 #include <stdexcept>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -22,97 +16,113 @@ namespace benchmarks {
 
 namespace {
 
-namespace os = foundation::os;
-using agent::spf::endpointregistry::Endpoint;
+namespace registry = agent::spf::endpointregistry;
+using registry::LockedFile;
+using registry::NamedStringArray;
 
-void raiseDescriptorLimit() {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+struct Others {
+    std::size_t count;
+    std::string trustee;
+    Helper publisher;
+};
+
+std::unique_ptr<Others>& provided() {
+    static std::unique_ptr<Others> others;
+    return others;
 }
 
-std::vector<Endpoint> publish(std::size_t count, const std::string& trustee) {
-    raiseDescriptorLimit();
-    std::vector<Endpoint> endpoints;
+std::vector<floor::Publication> publishOwn(std::size_t count) {
+    const floor::Folder folder;
+    std::vector<floor::Publication> entries;
+    entries.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
-        const std::string number = std::to_string(i);
-        endpoints.emplace_back(Endpoint::DataPair("unix", "/run/service-" + number), groupTag,
-                               "key " + number);
-        endpoints.back().setTrustees({trustee});
+        entries.emplace_back(folder, floor::Entry(dataOf(i), groupTag, keyOf(i)),
+                             floor::Publication::Synonyms::areNotSought);
     }
-    return endpoints;
+    return entries;
 }
 
-bool receive(int connection) {
-    char byte = 0;
-    return os::retryOnInterrupt([&] { return ::read(connection, &byte, 1); }) == 1;
-}
-
-[[noreturn]] void runChild(int connection, std::size_t count, const std::string& trustee) {
-    try {
-        const std::vector<Endpoint> endpoints = publish(count, trustee);
-        if (::write(connection, "", 1) == 1) {
-            receive(connection); // Until the parent goes.
+/// Locks and rows are what sharing an endpoint makes.
+std::vector<LockedFile> publishShared(std::size_t count, const std::string& trustee) {
+    NamedStringArray rows("qvEndpointRegistrySysV", 0, trustee);
+    std::vector<LockedFile> entries;
+    entries.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto data = dataOf(i);
+        const std::string name = registry::getName(data, groupTag, keyOf(i), 0, trustee);
+        entries.push_back(LockedFile::createAndTryLock(name, "qvEndpointRegistry", trustee));
+        if (!entries.back().isLocked()) {
+            throw std::runtime_error("cannot make the file of an entry");
         }
-    } catch (const std::exception& error) {
-        std::cerr << "cannot publish: " << error.what() << '\n';
+        rows.insert({name, data.first, data.second});
     }
-    ::_exit(0);
+    return entries;
+}
+
+void publish(Helper::Parent& parent, std::size_t count, const std::string& trustee) {
+    if (trustee.empty()) {
+        const auto entries = publishOwn(count);
+        parent.tellReady();
+        parent.waitForEnd();
+    } else {
+        {
+            const auto entries = publishShared(count, trustee);
+            parent.tellReady();
+            parent.waitForEnd();
+        }
+        registry::deleteNamedStringArray("qvEndpointRegistrySysV", 0, trustee);
+    }
 }
 
 } // namespace
 
+std::string keyOf(std::size_t number) {
+    return "key " + std::to_string(number);
+}
+
+floor::DataPair dataOf(std::size_t number) {
+    return {"unix", "/run/service-" + std::to_string(number)};
+}
+
 std::string ownGroup() {
-    const auto groups = agent::spf::endpointregistry::getCurrentUserGroups();
-    return groups.empty() ? std::string() : *groups.begin();
+    const auto groups = registry::getCurrentUserGroups();
+    if (groups.empty()) {
+        throw std::runtime_error("this process is in no group that has a name");
+    }
+    return *groups.begin();
 }
 
-Publishers::Publishers(std::size_t count, const std::string& trustee) {
-    std::array<int, 2> ends{};
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-        throw std::system_error(errno, std::generic_category(), "socketpair");
-    }
-    connection.reset(ends[0]);
-    os::FileDescriptor childsEnd(ends[1]);
-    child = ::fork();
-    if (child == -1) {
-        throw std::system_error(errno, std::generic_category(), "fork");
-    }
-    if (child == 0) {
-        connection.reset();
-        runChild(childsEnd.get(), count, trustee);
-    }
-    childsEnd.reset();
-    if (!receive(connection.get())) {
-        throw std::runtime_error("the publishers did not start");
-    }
-}
-
-Publishers::~Publishers() {
-    connection.reset();
-    os::retryOnInterrupt([&] { return ::waitpid(child, nullptr, 0); });
-}
-
-void measureLookup(benchmark::State& state, const std::string& trustee,
-                   const std::function<bool()>& body) {
-    try {
-        const Publishers publishers(static_cast<std::size_t>(state.range(0)), trustee);
-        for (auto _ : state) {
-            if (!body()) {
-                state.SkipWithError("not everything that is published was found");
-                return;
-            }
+void raiseDescriptorLimit() {
+    constexpr rlim_t wanted = 65536;
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < wanted) {
+        const rlimit higher{wanted, wanted};
+        if (::setrlimit(RLIMIT_NOFILE, &higher) == 0) {
+            return;
         }
-    } catch (const std::exception& error) {
-        state.SkipWithError(error.what());
     }
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void reportPerEntry(benchmark::State& state) {
-    using benchmark::Counter;
-    state.counters["per_entry"] = Counter(static_cast<double>(state.range(0)),
-                                          Counter::kIsIterationInvariantRate | Counter::kInvert);
+void provideOthers(std::size_t count, const std::string& trustee) {
+    std::unique_ptr<Others>& others = provided();
+    if (others && others->count == count && others->trustee == trustee) {
+        return;
+    }
+    others.reset(); // Before the next, so that the two never stand side by side.
+    rlimit limit{};
+    constexpr std::size_t spare = 100;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < count + spare) {
+        throw std::runtime_error("too few descriptors: each entry holds one");
+    }
+    others.reset(new Others{
+        count, trustee, Helper([&](Helper::Parent& parent) { publish(parent, count, trustee); })});
+}
+
+void withdrawOthers() {
+    provided().reset();
 }
 
 } // namespace benchmarks

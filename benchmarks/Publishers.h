@@ -1,44 +1,34 @@
 #pragma once
 
-#include "foundation/os/FileDescriptor.h"
+#include "benchmarks/Floor.h"
 
-#include <benchmark/benchmark.h>
 #include <cstddef>
-#include <functional>
 #include <string>
-#include <sys/types.h>
 
 namespace benchmarks {
 
-/// The group tag of every entry, and the selected key of the first.
+/// The group tag of every entry.
 inline const std::string groupTag = "benchmark";
-inline const std::string firstKey = "key 0";
 
-/// A group of this process that entries may be shared with; empty when it has none.
+/// The selected key and the data of the entry of a number.
+std::string keyOf(std::size_t number);
+floor::DataPair dataOf(std::size_t number);
+
+/// A group of this process. Throws std::runtime_error when it has none that has a name.
 std::string ownGroup();
 
-/// Another process that publishes so many entries for as long as the object lives, and shares them
-/// with the trustee unless that is empty.
-class Publishers {
-public:
-    explicit Publishers(std::size_t count, const std::string& trustee = {});
-    ~Publishers();
+/// Raises the number of descriptors that this process may have as far as it may.
+void raiseDescriptorLimit();
 
-    Publishers(const Publishers&) = delete;
-    Publishers& operator=(const Publishers&) = delete;
+/// From now on another process publishes exactly so many entries: this user's own where the trustee
+/// is empty, else those that it shares with that group. Those before are gone, unless they were the
+/// same. Throws std::runtime_error when they cannot be published.
+///
+/// They are put up without a look for synonyms, which would take a time that grows with the square
+/// of their number, and without the private entries that sharing begins with.
+void provideOthers(std::size_t count, const std::string& trustee = {});
 
-private:
-    foundation::os::FileDescriptor connection;
-    pid_t child = -1;
-};
-
-/// Measures `body`, which says whether it found what it had to, for as long as the benchmark runs
-/// while another process publishes as many entries as the benchmark's argument says. Skips the
-/// benchmark where that process cannot publish.
-void measureLookup(benchmark::State& state, const std::string& trustee,
-                   const std::function<bool()>& body);
-
-/// Also has the time per entry reported.
-void reportPerEntry(benchmark::State& state);
+/// Ends what is provided.
+void withdrawOthers();
 
 } // namespace benchmarks

@@ -1,0 +1,14 @@
+#pragma once
+
+namespace benchmarks {
+
+// Each registers the benchmarks of one subject, those of the library beside those of the floor.
+void registerPublication();
+void registerLookups();
+void registerGroups();
+void registerArrays();
+void registerConcurrency();
+void registerStartUp();
+void registerCost();
+
+} // namespace benchmarks

@@ -1,0 +1,153 @@
+#include "benchmarks/Floor.h"
+
+#include "benchmarks/FloorCalls.h"
+#include "endpointregistry/EntryName.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace benchmarks::floor {
+
+namespace {
+
+namespace registry = agent::spf::endpointregistry;
+
+unsigned long numberAfter(char marker, std::string_view name) {
+    const std::string_view digits = name.substr(name.rfind(marker) + 1);
+    unsigned long number = 0;
+    std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return number;
+}
+
+/// Where segments are looked for: the folder, unless it is held open, and what their names end
+/// with.
+struct Segments {
+    int folder = AT_FDCWD;
+    std::string_view prefix;
+    std::string_view suffix;
+};
+
+/// Opens an entry's segment; one whose name is too long is left to the library.
+int openSegment(const Segments& segments, std::string_view name) {
+    std::array<char, 512> path; // NOLINT(*-member-init): filled at once
+    if (segments.prefix.size() + name.size() + segments.suffix.size() >= path.size()) {
+        return -1;
+    }
+    char* end = path.data();
+    for (const std::string_view part : {segments.prefix, name, segments.suffix}) {
+        end = std::copy(part.begin(), part.end(), end);
+    }
+    *end = '\0';
+    return ::openat(segments.folder, path.data(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+}
+
+/// The data of an open segment. More than the buffer holds is left to the library.
+DataPair readSegment(int segment, std::size_t length, uid_t user) {
+    std::array<char, 4096> bytes; // NOLINT(*-member-init): filled by pread
+    const std::size_t size = length + overhead;
+    struct stat status; // NOLINT(*-member-init): filled by fstat
+    if (size > bytes.size() || ::fstat(segment, &status) != 0 || status.st_uid != user ||
+        ::pread(segment, bytes.data(), size, 0) != static_cast<ssize_t>(size)) {
+        return {};
+    }
+    std::uint64_t firstLength = 0;
+    std::memcpy(&firstLength, bytes.data() + firstLengthOffset, sizeof firstLength);
+    if (bytes[0] != 1 || firstLength > length) {
+        return {};
+    }
+    const char* const data = bytes.data() + dataOffset;
+    return {std::string(data, firstLength), std::string(data + firstLength, length - firstLength)};
+}
+
+/// The data of an entry whose publisher lives, or two empty strings.
+DataPair readEntry(int folder, const char* entryName, const Segments& segments, uid_t user) {
+    const std::string_view name = entryName;
+    const auto process = static_cast<pid_t>(numberAfter('p', name));
+    if (::getpgid(process) == -1 && !isLocked(folder, entryName)) {
+        return {};
+    }
+    const int segment = openSegment(segments, name);
+    if (segment == -1) {
+        return {};
+    }
+    DataPair data;
+    if (isLocked(folder, entryName)) {
+        data = readSegment(segment, numberAfter('l', name), user);
+    }
+    ::close(segment);
+    return data;
+}
+
+bool isEntry(const DataPair& data) {
+    return !data.first.empty() || !data.second.empty();
+}
+
+std::string makeFolders(uid_t user) {
+    std::string path = "/dev/shm/Corvantis-" + std::to_string(user);
+    ::mkdir(path.c_str(), S_IRWXU);
+    path += "/qvEndpointRegistry/";
+    ::mkdir(path.c_str(), S_IRWXU);
+    return path;
+}
+
+} // namespace
+
+Entry::Entry(DataPair data, const std::string& groupTag, const std::string& selectedKey)
+    : data(std::move(data))
+    , name(registry::getName(this->data, groupTag, selectedKey, 0, {}))
+    , groupPart(registry::getGroupTagPrefix(groupTag))
+    , extendedPart(registry::getExtendedPrefix(this->data, groupTag))
+    , keyPart(registry::getSelectedKeySubstring(selectedKey)) {
+}
+
+Folder::Folder()
+    : path(makeFolders(::geteuid()))
+    , user(::geteuid())
+    , segmentSuffix("@u" + std::to_string(user)) {
+}
+
+std::string Folder::segmentPathOf(const Entry& entry) const {
+    return segmentFolder + entry.name + segmentSuffix;
+}
+
+std::optional<DataPair> Folder::find(std::string_view groupPart, std::string_view keyPart) const {
+    std::optional<DataPair> found;
+    const Segments segments{AT_FDCWD, segmentFolder, segmentSuffix};
+    const int entries = openFolder(path.c_str());
+    forEachName(entries, [&](const char* name) {
+        if (containsAsRule(name, groupPart) && contains(name, keyPart) && !found) {
+            if (DataPair data = readEntry(entries, name, segments, user); isEntry(data)) {
+                found = std::move(data);
+            }
+        }
+    });
+    ::close(entries);
+    return found;
+}
+
+std::vector<DataPair> Folder::list(std::string_view groupPart) const {
+    std::vector<DataPair> found;
+    // With many entries it pays to walk the folder's path once.
+    const Segments segments{openFolder(segmentFolder), {}, segmentSuffix};
+    const int entries = openFolder(path.c_str());
+    forEachName(entries, [&](const char* name) {
+        if (containsAsRule(name, groupPart)) {
+            if (DataPair data = readEntry(entries, name, segments, user); isEntry(data)) {
+                found.push_back(std::move(data));
+            }
+        }
+    });
+    ::close(entries);
+    ::close(segments.folder);
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
+}
+
+} // namespace benchmarks::floor
