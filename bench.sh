@@ -3,26 +3,26 @@
 #
 #     ./bench.sh [--json] [--quick] [--filter REGEX]
 #
-# The registry, the floor of bare system calls and the peers that people might use instead are
-# measured in one run, repeatedly and in random order, so that whatever else the machine does hits
-# all of them alike. --json prints the table as one JSON document, --quick measures less, --filter
+# The registry is measured beside the floor of bare system calls in several passes; in each, the two
+# follow each other at once, so that whatever else the machine does meanwhile hits both, and their
+# ratio is that of one moment. The peers that people might use instead follow, repeatedly and in
+# random order. --json prints the table as one JSON document, --quick measures less, --filter
 # only the benchmarks whose names match (subject/operation/entries, as in registry/find/100).
 # scripts/bench-table.py says what the table means.
 set -euo pipefail
 cd "$(dirname "$0")"
 
-table=(scripts/bench-table.py) flags=(--benchmark_enable_random_interleaving=true)
-repetitions=5 time=0.05
+table=(scripts/bench-table.py) flags=() passes=5 time=0.05
 while [ $# -gt 0 ]; do
     case $1 in
         --json) table+=(--json) ;;
-        --quick) repetitions=3 time=0.01 ;;
+        --quick) passes=3 time=0.01 ;;
         --filter) flags+=("--benchmark_filter=${2:?--filter needs an expression}") && shift ;;
         *) echo "usage: $0 [--json] [--quick] [--filter REGEX]" >&2 && exit 2 ;;
     esac
     shift
 done
-flags+=("--benchmark_repetitions=$repetitions" "--benchmark_min_time=$time")
+flags+=("--benchmark_min_time=$time")
 
 scripts/install-packages.sh build benchmarks peers
 results=$(mktemp -d)
@@ -48,13 +48,18 @@ isolated=(unshare "${identity[@]}" --mount --ipc --propagation private bash -c '
     TMPDIR=/mnt/tmp LD_LIBRARY_PATH=/mnt exec "$@"
 ' bench "${groups[@]}")
 
+# measure RESULT PROGRAM ARGUMENT...
 measure() {
-    echo "Running $1 ..." >&2
-    "${isolated[@]}" "/mnt/$1" "${flags[@]}" --benchmark_format=json \
-        >"$results/$1.json" 2>"$results/$1.log" ||
-        { cat "$results/$1.log" && echo "$1 has failed"; } >&2
+    local result=$results/$1.json log=$results/$1.log
+    "${isolated[@]}" "/mnt/$2" "${flags[@]}" --benchmark_format=json "${@:3}" \
+        >"$result" 2>"$log" || { cat "$log" && echo "$2 has failed"; } >&2
 }
 
-measure registry_benchmark
-measure peers_benchmark
-"${table[@]}" "$results"/*.json
+for ((pass = 1; pass <= passes; pass++)); do
+    echo "Pass $pass of $passes" >&2
+    measure "registry-$pass" registry_benchmark
+done
+echo "Peers" >&2
+measure peers peers_benchmark \
+    "--benchmark_repetitions=$passes" --benchmark_enable_random_interleaving=true
+"${table[@]}" "$results"/registry-*.json "$results"/peers.json

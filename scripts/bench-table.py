@@ -8,9 +8,10 @@ subject/operation/entries[/variant...]: the subject is who did it (the registry,
 the entries are those of other processes that were there meanwhile.
 
 The table has a row for each operation and number of entries, and a column for each subject: the
-median of the repetitions' times in microseconds. The ratio is the registry's time over the floor's:
-the median of the ratios of their repetitions. Below it stands what the registry is to reach, what it
-has reached, and how long each subject shows the record of a publisher that was killed.
+median of its times in microseconds. The ratio is the registry's time over the floor's: the median of
+the ratios of each pass, in which the two followed each other. Below it stands what the registry is
+to reach, what it has reached, and how long each subject shows the record of a publisher that was
+killed.
 """
 
 import argparse
@@ -24,14 +25,15 @@ SUBJECTS = ["registry", "floor", "redis", "dbus", "sqlite", "lmdb", "etcd"]
 MICROSECONDS = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
 
 # What Google Benchmark adds to names by itself.
-HOW_IT_WAS_RUN = re.compile(r"/(real_time|process_time|manual_time|(iterations|repeats|min_time):[^/]+)")
+HOW_IT_WAS_RUN = re.compile(r"/(real_time|process_time|manual_time"
+                            r"|(iterations|repeats|min_time):[^/]+)")
 
 # Operations that are reported elsewhere than in the table.
 NOT_TIMES = ["cost", "costShared", "killed"]
 
 
 class Results:
-    """The repetitions of each benchmark, by its name."""
+    """What was measured of each benchmark, in the order of the passes, by its name."""
 
     def __init__(self, documents):
         self.runs = {}
@@ -47,8 +49,8 @@ class Results:
             self.runs.setdefault(name, []).append(run)
 
     def values(self, name, counter=None):
-        """One value for each repetition: the time in microseconds, or a counter."""
-        runs = sorted(self.runs.get(name, []), key=lambda run: run.get("repetition_index", 0))
+        """One value for each pass: the time in microseconds, or a counter."""
+        runs = self.runs.get(name, [])
         if counter is None:
             return [run["real_time"] * MICROSECONDS[run["time_unit"]] for run in runs]
         return [run[counter] for run in runs if counter in run]
@@ -58,6 +60,7 @@ class Results:
         return statistics.median(values) if values else None
 
     def ratio(self, name, other, counter=None):
+        """Of benchmarks that every pass has."""
         pairs = zip(self.values(name, counter), self.values(other, counter))
         ratios = [value / base for value, base in pairs if base]
         return statistics.median(ratios) if ratios else None
@@ -68,14 +71,15 @@ class Results:
 
 def rows(results):
     """(operation, entries, variant) of all that was timed, in the order of the operations."""
-    found = []
-    for name in results.runs:
-        _, operation, entries, *variant = (name + "/0").split("/") if name.count("/") == 1 else name.split("/")
-        row = (operation, int(entries), "/".join(variant))
-        if row not in found and operation not in NOT_TIMES:
-            found.append(row)
+    found = dict.fromkeys(map(row_of, results.runs))
     operations = list(dict.fromkeys(operation for operation, _, _ in found))
-    return sorted(found, key=lambda row: (operations.index(row[0]), row[2], row[1]))
+    timed = [row for row in found if row[0] not in NOT_TIMES]
+    return sorted(timed, key=lambda row: (operations.index(row[0]), row[2], row[1]))
+
+
+def row_of(name):
+    _, operation, entries, *variant = [*name.split("/"), "0"][:max(3, name.count("/") + 1)]
+    return operation, int(entries), "/".join(variant)
 
 
 def benchmark_name(subject, row):
@@ -109,14 +113,17 @@ def goals(results):
         return results.ratio(f"registry/{row}", f"floor/{row}")
 
     def peer_ratio(row, peer):
-        return results.ratio(f"registry/{row}", f"{peer}/{row}")
+        own, others = (results.median(f"{subject}/{row}") for subject in ("registry", peer))
+        return own / others if own and others else None
 
     two = results.ratio("registry/find/100/processes:2", "registry/find/100/processes:1",
                         "items_per_second")
     cost = "registry/cost/100"
     return [
-        ("publish and withdraw, 1 entry, over the floor", "<=", 1.3, floor_ratio("publishAndWithdraw/1")),
-        ("publish and withdraw, 1000 entries, over the floor", "<=", 1.15, floor_ratio("publishAndWithdraw/1000")),
+        ("publish and withdraw, 1 entry, over the floor", "<=", 1.3,
+         floor_ratio("publishAndWithdraw/1")),
+        ("publish and withdraw, 1000 entries, over the floor", "<=", 1.15,
+         floor_ratio("publishAndWithdraw/1000")),
         ("find, 1 entry, over the floor", "<=", 1.3, floor_ratio("find/1")),
         ("find, 1000 entries, over the floor", "<=", 1.15, floor_ratio("find/1000")),
         ("list, 1000 entries, over the floor", "<=", 1.3, floor_ratio("list/1000")),
@@ -132,7 +139,8 @@ def goals(results):
         ("descriptors of an endpoint", "<=", 1, results.median(cost, "descriptors")),
         ("mapped pages of an endpoint", "<=", 1, results.median(cost, "mapped_pages")),
         ("heap of an endpoint, in bytes", "<=", 1024, results.median(cost, "heap_bytes")),
-        ("start-up with the library linked, over Boost.Log alone", "<=", 1.05, floor_ratio("startUp")),
+        ("start-up with the library linked, over Boost.Log alone", "<=", 1.05,
+         floor_ratio("startUp")),
     ]
 
 
@@ -213,7 +221,8 @@ def print_errors(errors):
 def machine(documents):
     context = documents[0]["context"] if documents else {}
     return {"date": context.get("date"), "cores": context.get("num_cpus"),
-            "mhz": context.get("mhz_per_cpu"), "system": f"{platform.system()} {platform.release()}"}
+            "mhz": context.get("mhz_per_cpu"),
+            "system": f"{platform.system()} {platform.release()}"}
 
 
 def read(path):

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages of the named groups that are missing: build, tests, benchmarks, peers,
-# checks. Starts no service.
+# Installs the Debian packages of the named groups that are missing: build, tests, benchmarks,
+# peers, checks. Starts no service.
 # Where nothing is missing, an ordinary user may run it.
 set -euo pipefail
 

@@ -127,20 +127,25 @@ steady_clock::duration watchTrace(Connection& connection, const std::string& key
 
 /// How long the record of a killed publisher is visible.
 void killed(benchmark::State& state, const Kind& kind, World& world, std::size_t count) {
-    const std::string key = numberedEntry(count).key;
+    const std::size_t number = count + 1; // Others use the one before.
+    const std::string key = numberedEntry(number).key;
     const auto limit = kind.missesOwners ? longestTrace : shortestEternity;
     for (auto _ : state) {
-        Owner publisher(world.getPeer(), count, 1);
+        Owner publisher(world.getPeer(), number, 1);
         if (!world.getConnection().find(key)) {
             throw std::runtime_error("what is published was not found");
         }
         publisher.kill();
         const auto visible = watchTrace(world.getConnection(), key, limit);
-        if (kind.missesOwners && visible >= limit) {
+        const bool isForEver = visible >= limit;
+        if (isForEver) {
+            world.getConnection().withdraw(key);
+        }
+        if (isForEver && kind.missesOwners) {
             throw std::runtime_error("what should go stays");
         }
         state.counters["visible_s"] = seconds(visible);
-        state.counters["for_ever"] = visible >= limit ? 1 : 0;
+        state.counters["for_ever"] = isForEver ? 1 : 0;
     }
 }
 
