@@ -21,7 +21,7 @@ using nlohmann::json;
 using std::chrono::steady_clock;
 
 /// Shorter ones would not survive a machine that is busy for a while.
-constexpr int leaseSeconds = 5;
+constexpr std::chrono::seconds leaseTime{5};
 constexpr std::chrono::seconds renewalInterval{1};
 
 class Http {
@@ -118,12 +118,13 @@ private:
         return found;
     }
 
-    /// Gets a lease first of all, and renews it from time to time.
+    /// Keeps the lease as an owner's timer would. One that was not needed for a while has run out.
     void renewLease() {
         const auto now = steady_clock::now();
-        if (lease.empty()) {
-            lease = http.post("/v3/lease/grant", {{"TTL", leaseSeconds}})["ID"];
-        } else if (now - renewed >= renewalInterval) {
+        const auto age = now - renewed;
+        if (lease.empty() || age >= leaseTime / 2) {
+            lease = http.post("/v3/lease/grant", {{"TTL", leaseTime.count()}})["ID"];
+        } else if (age >= renewalInterval) {
             http.post("/v3/lease/keepalive", {{"ID", lease}});
         } else {
             return;
