@@ -100,7 +100,7 @@ public:
         constexpr auto interval = std::chrono::milliseconds(renewalInterval).count();
         pollfd ended{end, POLLIN, 0};
         while (::poll(&ended, 1, static_cast<int>(interval)) <= 0) {
-            renewLease();
+            keepLease();
         }
     }
 
@@ -118,18 +118,22 @@ private:
         return found;
     }
 
-    /// Keeps the lease as an owner's timer would. One that was not needed for a while has run out.
+    /// Keeps the lease, as an owner's timer would; gets one first of all, and when it has run out
+    /// while there was nothing to publish.
     void renewLease() {
         const auto now = steady_clock::now();
-        const auto age = now - renewed;
-        if (lease.empty() || age >= leaseTime / 2) {
-            lease = http.post("/v3/lease/grant", {{"TTL", leaseTime.count()}})["ID"];
-        } else if (age >= renewalInterval) {
-            http.post("/v3/lease/keepalive", {{"ID", lease}});
-        } else {
+        if (!lease.empty() && now - renewed < renewalInterval) {
             return;
         }
         renewed = now;
+        if (lease.empty() || !keepLease()) {
+            lease = http.post("/v3/lease/grant", {{"TTL", leaseTime.count()}})["ID"];
+        }
+    }
+
+    bool keepLease() {
+        const json answer = http.post("/v3/lease/keepalive", {{"ID", lease}});
+        return answer.at("result").contains("TTL");
     }
 
     Http http;
