@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -99,9 +98,12 @@ bool Server::hasEnded() {
 }
 
 void Server::fail(const std::string& why) const {
-    std::ostringstream text;
-    text << name << ' ' << why << ": " << std::ifstream(log).rdbuf();
-    throw std::runtime_error(text.str());
+    std::string lastLine;
+    std::ifstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        lastLine = line;
+    }
+    throw std::runtime_error(name + ' ' + why + ": " + lastLine);
 }
 
 } // namespace benchmarks::peers

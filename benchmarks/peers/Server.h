@@ -35,8 +35,8 @@ public:
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Waits until `answers` says true. Throws std::runtime_error with what the server said when it
-    /// ends before that, or takes unreasonably long.
+    /// Waits until `answers` says true. Throws std::runtime_error with what the server said last
+    /// when it ends before that, or takes unreasonably long.
     void waitUntil(const std::function<bool()>& answers);
 
 private:
