@@ -8,9 +8,9 @@ subject/operation/entries[/variant...]: the subject is who did it (the registry,
 the entries are those of other processes that were there meanwhile.
 
 The table has a row for each operation and number of entries, and a column for each subject: the
-median of its times in microseconds. The ratio is the registry's time over the floor's: the median of
-the ratios of each pass, in which the two followed each other. Below it stands what the registry is
-to reach, what it has reached, and how long each subject shows the record of a publisher that was
+median of its times in microseconds. The ratio is the registry's time over the floor's: the median
+of the ratios of each pass, in which the two followed each other. Below it stands what the registry
+is to reach, what it has reached, and how long each subject shows the record of a publisher that was
 killed.
 """
 
@@ -219,16 +219,18 @@ def print_errors(errors):
 
 
 def machine(documents):
-    context = documents[0]["context"] if documents else {}
+    context = documents[0]["context"]
     return {"date": context.get("date"), "cores": context.get("num_cpus"),
             "mhz": context.get("mhz_per_cpu"),
             "system": f"{platform.system()} {platform.release()}"}
 
 
 def read(path):
+    """What one program has measured; None where it had nothing to measure, or failed."""
+    with open(path, encoding="utf-8") as file:
+        text = file.read()
     try:
-        with open(path, encoding="utf-8") as file:
-            return json.load(file)
+        return json.loads(text) if text else None
     except ValueError:
         print(f"{path}: the benchmarks did not come to their end", file=sys.stderr)
         return None
@@ -241,6 +243,8 @@ def main():
     arguments = parser.parse_args()
 
     documents = [document for document in map(read, arguments.results) if document]
+    if not documents:
+        sys.exit("nothing was measured")
     results = Results(documents)
     report = {"machine": machine(documents), "table": table(results),
               "goals": judged_goals(results), "killed_publisher_seen_s": staleness(results),
