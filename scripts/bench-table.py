@@ -208,7 +208,8 @@ def print_goals(judged):
 
 
 def print_staleness(seconds):
-    print("\nA killed publisher's record is still seen for")
+    if seconds:
+        print("\nA killed publisher's record is still seen for")
     for subject, value in seconds.items():
         print(f"  {subject:<8}  {value if isinstance(value, str) else f'{value:.3g} s'}")
 

@@ -9,8 +9,10 @@
 #include <chrono>
 #include <exception>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <memory>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -204,6 +206,19 @@ void registerPeer(Worlds& worlds, const Kind& kind) {
     registration.addKilled();
 }
 
+/// Has this process and all that it starts share a core. They wait for each other anyway, and
+/// waking a core that sleeps would take longer than what most of them do. Whether it comes to that
+/// would otherwise be up to where the scheduler has put them.
+void stayOnOneCore() {
+    const int core = ::sched_getcpu();
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    CPU_SET(static_cast<std::size_t>(core), &cores);
+    if (core == -1 || ::sched_setaffinity(0, sizeof(cores), &cores) != 0) {
+        std::cerr << "not on one core: the times of servers will vary\n";
+    }
+}
+
 } // namespace
 
 } // namespace benchmarks::peers
@@ -215,6 +230,7 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
+    stayOnOneCore();
     Worlds worlds;
     const Kind registry = {"registry", startRegistry, true};
     Registration(worlds, registry).addKilled();
