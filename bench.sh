@@ -7,7 +7,8 @@
 # follow each other at once, so that whatever else the machine does meanwhile hits both, and their
 # ratio is that of one moment. The peers that people might use instead follow, repeatedly and in
 # random order. --json prints the table as one JSON document, --quick measures less, --filter
-# only the benchmarks whose names match (subject/operation/entries, as in registry/find/100).
+# only the benchmarks whose names match (subject/operation/entries, as in registry/find/100; those of
+# peers go on with /real_time).
 # scripts/bench-table.py says what the table means.
 set -euo pipefail
 cd "$(dirname "$0")"
