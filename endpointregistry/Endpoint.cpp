@@ -60,14 +60,15 @@ Endpoint::Endpoint() noexcept = default;
 Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
                    const std::string& selectedKey) {
     checkArguments(data, groupTag, selectedKey);
+    const EntryFolder folder("");
     // No lock is taken over this: of publishers that race, each sees the others' entries in its
     // second count, and all but the last one alive withdraw.
     for (;;) {
-        if (Impl::hasLivingSynonym(data, groupTag, selectedKey)) {
+        if (Impl::hasLivingSynonym(data, groupTag, selectedKey, folder)) {
             throw DuplicateEndpointError("A synonym endpoint has been found during construction");
         }
-        primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, std::string());
-        if (Impl::countSynonymEndpoints(data, groupTag, selectedKey) == 1) {
+        primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, folder);
+        if (primary->isTheOnlySynonym(data, folder)) {
             return;
         }
         primary.reset();

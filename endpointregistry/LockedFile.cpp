@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <stdexcept>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -138,7 +139,8 @@ std::vector<std::string> LockedFile::filterNames(std::vector<std::string> namePa
                                                  const std::string& parent,
                                                  const std::string& trustee) {
     foundation::os::DirectoryStream entries(getParentPath(parent, trustee, false));
-    return listNames(entries, nameParts);
+    return listNames(entries,
+                     [&](std::string_view name) { return containsEvery(name, nameParts); });
 }
 
 } // namespace agent::spf::endpointregistry

@@ -196,7 +196,8 @@ std::vector<NamedStringArray::Entry> NamedStringArray::filter(const Entry& subst
         if (!base.isAttached() || !ArrayBase(base.getPointer()).isInitialised()) {
             return {};
         }
-        if (const auto locked = arrays::lockIfStillNamed(std::move(base), group)) {
+        if (const auto locked =
+                arrays::lockIfStillNamed(std::move(base), group, arrays::lockToRead)) {
             return filterLocked(locked->segment, substrings, group);
         }
     }

@@ -201,7 +201,7 @@ SharedMemory NamedStringArray::makeContainer(unsigned long generation, unsigned 
     // From an interrupted resize, or from an earlier table of this name.
     removeContainer(name, group);
     SharedMemory made =
-        SharedMemory::create(name, getContainerSize(length, width), group, implementation, {});
+        SharedMemory::create(name, getContainerSize(length, width), group, implementation);
     if (!made.isAttached()) {
         arrays::failInconsistent(baseName);
     }

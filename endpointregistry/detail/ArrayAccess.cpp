@@ -16,6 +16,9 @@ namespace {
 using foundation::log::severity;
 using sharedmemory::SharedMemory;
 
+const std::string lockName = "baseLock";
+const std::string lockParent = "qvNamedStringArray";
+
 // A descriptor may state anything, and what it states is read from end to end.
 constexpr unsigned long largestContainer = 64UL * 1024 * 1024;
 constexpr unsigned long mostRows = 1024UL * 1024;
@@ -23,7 +26,11 @@ constexpr unsigned long mostRows = 1024UL * 1024;
 } // namespace
 
 LockedFile lock(const os::Group& trustee) {
-    return joined::getLock("baseLock", "qvNamedStringArray", trustee);
+    return joined::getLock(lockName, lockParent, trustee);
+}
+
+LockedFile lockToRead(const os::Group& trustee) {
+    return joined::getLockOnly(lockName, lockParent, trustee);
 }
 
 SharedMemory find(const std::string& name, std::size_t size, const os::Group& trustee) {
@@ -52,8 +59,9 @@ SharedMemory findAnyBase(const std::string& baseName, const os::Group& trustee) 
     return isBase(base) ? std::move(base) : SharedMemory();
 }
 
-std::optional<LockedBase> lockIfStillNamed(SharedMemory base, const os::Group& trustee) {
-    LockedBase locked{lock(trustee), std::move(base)};
+std::optional<LockedBase> lockIfStillNamed(SharedMemory base, const os::Group& trustee,
+                                           LockedFile (*takeLock)(const os::Group&)) {
+    LockedBase locked{takeLock(trustee), std::move(base)};
     if (!locked.segment.isStillNamed()) {
         return std::nullopt;
     }

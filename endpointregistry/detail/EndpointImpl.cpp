@@ -5,12 +5,12 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
 #include "endpointregistry/detail/EndpointSysVImpl.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
 #include "foundation/os/Process.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <stdexcept>
+#include <string_view>
 #include <unistd.h>
 
 namespace agent::spf::endpointregistry {
@@ -19,26 +19,43 @@ namespace {
 
 constexpr unsigned long formatVersion = 0;
 
-std::vector<std::string> partsOf(const std::string& groupTag) {
-    return {getGroupTagPrefix(groupTag)};
+bool contains(std::string_view name, const std::string& part) {
+    return name.find(part) != std::string_view::npos;
 }
 
-std::vector<std::string> partsOf(const std::string& groupTag, const std::string& selectedKey) {
-    return {getGroupTagPrefix(groupTag), getSelectedKeySubstring(selectedKey)};
+std::vector<std::string> namesIn(const EntryFolder& folder, const std::string& groupTag) {
+    const std::string sameTag = getGroupTagPrefix(groupTag);
+    return folder.names([&](std::string_view name) { return contains(name, sameTag); });
+}
+
+std::vector<std::string> namesIn(const EntryFolder& folder, const std::string& groupTag,
+                                 const std::string& selectedKey) {
+    const std::string sameTag = getGroupTagPrefix(groupTag);
+    const std::string sameKey = getSelectedKeySubstring(selectedKey);
+    // The key first, which fewer names have.
+    return folder.names(
+        [&](std::string_view name) { return contains(name, sameKey) && contains(name, sameTag); });
 }
 
 std::set<std::string> synonymNames(const EntryFolder& folder, const Endpoint::DataPair& data,
                                    const std::string& groupTag, const std::string& selectedKey) {
+    const std::string sameTag = getGroupTagPrefix(groupTag);
     const std::string sameKey = getSelectedKeySubstring(selectedKey);
     const std::string sameData = getExtendedPrefix(data, groupTag);
-    // The extended prefix begins with the group tag's, so one reading of the folder serves both.
-    std::set<std::string> synonyms;
-    for (std::string& name : folder.names(partsOf(groupTag))) {
-        if (name.find(sameKey) != std::string::npos || name.find(sameData) != std::string::npos) {
-            synonyms.insert(std::move(name));
-        }
-    }
-    return synonyms;
+    const std::vector<std::string> names = folder.names([&](std::string_view name) {
+        return contains(name, sameData) || (contains(name, sameKey) && contains(name, sameTag));
+    });
+    return {names.begin(), names.end()};
+}
+
+/// How many of the entries count as alive: the one of the name that is known to, and those whose
+/// publishers are not dead.
+unsigned long countLiving(const std::set<std::string>& names, const EntryFolder& folder,
+                          const std::string& knownToLive) {
+    return static_cast<unsigned long>(
+        std::count_if(names.begin(), names.end(), [&](const std::string& name) {
+            return name == knownToLive || folder.publisherOf(name) != EntryFolder::Publisher::dead;
+        }));
 }
 
 } // namespace
@@ -63,17 +80,16 @@ unsigned long Endpoint::Impl::countSynonymEndpoints(const DataPair& data,
                                                     const std::string& groupTag,
                                                     const std::string& selectedKey) {
     const EntryFolder folder({});
-    const std::set<std::string> names = synonymNames(folder, data, groupTag, selectedKey);
-    return static_cast<unsigned long>(
-        std::count_if(names.begin(), names.end(), [&folder](const std::string& name) {
-            return folder.publisherOf(name) != EntryFolder::Publisher::dead;
-        }));
+    return countLiving(synonymNames(folder, data, groupTag, selectedKey), folder, {});
+}
+
+bool Endpoint::Impl::isTheOnlySynonym(const DataPair& data, const EntryFolder& folder) const {
+    return countLiving(synonymNames(folder, data, groupTag, selectedKey), folder, name) == 1;
 }
 
 bool Endpoint::Impl::hasLivingSynonym(const DataPair& data, const std::string& groupTag,
-                                      const std::string& selectedKey) {
+                                      const std::string& selectedKey, const EntryFolder& folder) {
     using Publisher = EntryFolder::Publisher;
-    const EntryFolder folder({});
     // What vanished may have been replaced, so that is a reason to look again.
     for (bool hasVanished = true; hasVanished;) {
         hasVanished = false;
@@ -90,13 +106,13 @@ bool Endpoint::Impl::hasLivingSynonym(const DataPair& data, const std::string& g
 
 std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag,
                                                      const std::string& trustee) {
-    return EntryFolder(trustee).names(partsOf(groupTag));
+    return namesIn(EntryFolder(trustee), groupTag);
 }
 
 std::vector<std::string> Endpoint::Impl::findNames(const std::string& groupTag,
                                                    const std::string& selectedKey,
                                                    const std::string& trustee) {
-    return EntryFolder(trustee).names(partsOf(groupTag, selectedKey));
+    return namesIn(EntryFolder(trustee), groupTag, selectedKey);
 }
 
 Endpoint::DataPair Endpoint::Impl::getDataPair(const std::string& name,
@@ -109,15 +125,14 @@ std::optional<Endpoint::DataPair> Endpoint::Impl::findDataPair(const std::string
                                                                const std::string& selectedKey,
                                                                const std::string& trustee) {
     const EntryFolder folder(trustee);
-    std::vector<DataPair> data =
-        getDataPairs(folder.names(partsOf(groupTag, selectedKey)), folder, 1);
+    std::vector<DataPair> data = getDataPairs(namesIn(folder, groupTag, selectedKey), folder, 1);
     return data.empty() ? std::nullopt : std::optional(std::move(data.front()));
 }
 
 std::vector<Endpoint::DataPair> Endpoint::Impl::filterDataPairs(const std::string& groupTag,
                                                                 const std::string& trustee) {
     const EntryFolder folder(trustee);
-    const std::vector<std::string> names = folder.names(partsOf(groupTag));
+    const std::vector<std::string> names = namesIn(folder, groupTag);
     return getDataPairs(names, folder, names.size());
 }
 
@@ -136,19 +151,18 @@ std::vector<Endpoint::DataPair> Endpoint::Impl::getDataPairs(const std::vector<s
     return pairs;
 }
 
-LockedFile Endpoint::Impl::lockEntryFile() const {
-    const foundation::os::Group group(trustee);
+LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder) const {
     // Nearly always the name is new. If it is not, its holder may be dead, or may go between two
     // attempts.
-    LockedFile file = joined::createAndTryLock(name, LF_PARENT_PATH, group);
+    LockedFile file = folder.lock(name, true);
     if (!file.isLocked()) {
-        file = joined::tryLock(name, LF_PARENT_PATH, group);
+        file = folder.lock(name, false);
         if (file.isLocked()) {
             // Left by a dead publisher: an earlier program of this process, or one whose process id
             // was given out again.
             file.markForDeletion();
         } else {
-            file = joined::createAndTryLock(name, LF_PARENT_PATH, group);
+            file = folder.lock(name, true);
         }
     }
     if (file.isLocked()) {

@@ -45,9 +45,12 @@ public:
                                                const std::string& selectedKey);
 
     /// Whether any of them is alive and still there. A dead one that a reader clears away after it
-    /// was listed is no reason to refuse a publisher.
+    /// was listed is no reason to refuse a publisher. `folder` is that of the private entries.
     static bool hasLivingSynonym(const DataPair& data, const std::string& groupTag,
-                                 const std::string& selectedKey);
+                                 const std::string& selectedKey, const EntryFolder& folder);
+
+    /// Whether exactly one of the synonyms counts as alive, given that this entry does.
+    bool isTheOnlySynonym(const DataPair& data, const EntryFolder& folder) const;
 
     /// The names of a trustee's entries with this group tag; of all, for the empty tag.
     static std::vector<std::string> filterNames(const std::string& groupTag,
@@ -81,7 +84,7 @@ protected:
     ///
     /// Throws DuplicateEndpointError when a live process has the file, std::runtime_error when it
     /// cannot be made.
-    LockedFile lockEntryFile() const;
+    LockedFile lockEntryFile(const EntryFolder& folder) const;
 
     /// Whether this can be the data of an entry; two empty strings stand for one that cannot be
     /// read.

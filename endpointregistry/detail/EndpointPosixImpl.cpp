@@ -16,27 +16,30 @@ constexpr auto implementation = SharedMemory::ImplementationSpecifications::Posi
 
 Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag,
                                const std::string& selectedKey, const std::string& trustee)
-    : Impl(data, groupTag, selectedKey, trustee)
-    , lockedFile(PosixImpl::createLockedFile())
+    : PosixImpl(data, groupTag, selectedKey, EntryFolder(trustee)) {
+}
+
+Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag,
+                               const std::string& selectedKey, const EntryFolder& folder)
+    : Impl(data, groupTag, selectedKey, folder.trustee().name())
+    , lockedFile(lockEntryFile(folder))
     , sharedMemory(replaceSharedMemory(data)) {
 }
 
 Endpoint::PosixImpl::~PosixImpl() {
     // A forked child's copy is not the creator: its parent's entry stays.
     if (sharedMemory.isCreator()) {
-        entrysegment::withdraw(sharedMemory.getPointer());
+        sharedMemory.overwrite(0, entrysegment::notReady);
     }
 }
 
 LockedFile Endpoint::PosixImpl::createLockedFile() {
-    return lockEntryFile();
+    return lockEntryFile(EntryFolder(trusteeName()));
 }
 
 SharedMemory Endpoint::PosixImpl::createSharedMemory(const DataPair& data) const {
-    const std::size_t size = entrysegment::sizeFor(getLengthFromName(entryName()));
-    const auto fill = [&data](void* segment) { entrysegment::publish(segment, data); };
-    SharedMemory segment =
-        SharedMemory::create(entryName(), size, trusteeName(), implementation, fill);
+    SharedMemory segment = SharedMemory::createFilled(entryName(), entrysegment::contentsOf(data),
+                                                      trusteeName(), implementation);
     if (!segment.isAttached()) {
         throw DuplicateEndpointError(
             "A synonym endpoint was found while trying to setup the shared memory");

@@ -16,6 +16,10 @@ public:
     PosixImpl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
               const std::string& trustee);
 
+    /// The same by way of a folder that is open, that of the trustee.
+    PosixImpl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
+              const EntryFolder& folder);
+
     /// Withdraws it.
     ~PosixImpl() override;
 

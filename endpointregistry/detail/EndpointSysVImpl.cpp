@@ -88,7 +88,7 @@ Endpoint::SysVImpl::~SysVImpl() {
 }
 
 LockedFile Endpoint::SysVImpl::createLockedFile() {
-    LockedFile file = lockEntryFile();
+    LockedFile file = lockEntryFile(EntryFolder(trusteeName()));
     // A dead publisher's, which readers would come upon first.
     NamedStringArray table = tableOf(trusteeName());
     eraseRows(table, entryName());

@@ -4,24 +4,27 @@
 #include "endpointregistry/detail/AbandonedFile.h"
 #include "endpointregistry/detail/EndpointImpl.h"
 #include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 
 #include <cerrno>
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
 const OpenFolder* EntryFolder::folder() const {
-    if (!isFolderKnown) {
+    // That there was none is not remembered: the first entry makes it.
+    if (!found) {
         found = joined::findFolder(Endpoint::Impl::LF_PARENT_PATH, group);
-        isFolderKnown = true;
     }
     return found ? &*found : nullptr;
 }
 
-std::vector<std::string> EntryFolder::names(const std::vector<std::string>& nameParts) const {
+std::vector<std::string> EntryFolder::names(const NameTest& isWanted) const {
     const OpenFolder* const open = folder();
-    return open != nullptr ? open->names(nameParts) : std::vector<std::string>();
+    return open != nullptr ? open->names(isWanted) : std::vector<std::string>();
 }
 
 EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
@@ -43,6 +46,19 @@ EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
     default:
         return Publisher::dead;
     }
+}
+
+LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
+    if (const OpenFolder* const open = group.isNone() ? folder() : nullptr) {
+        auto impl = std::make_unique<LockedFile::Impl>(name, *open, isNew);
+        // Somebody may have removed the folder since it was opened.
+        if (impl->getLockError() != ENOENT) {
+            return LockedFile::Impl::wrap(std::move(impl));
+        }
+    }
+    const std::string& parent = Endpoint::Impl::LF_PARENT_PATH;
+    return isNew ? joined::createAndTryLock(name, parent, group)
+                 : joined::tryLock(name, parent, group);
 }
 
 bool EntryFolder::clearIfStale(const std::string& name,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "endpointregistry/LockedFile.h"
 #include "endpointregistry/detail/OpenFolder.h"
 #include "foundation/os/Group.h"
 
@@ -20,14 +21,18 @@ public:
 
     const foundation::os::Group& trustee() const { return group; }
 
-    /// The names of the entries that contain every one of these parts.
-    std::vector<std::string> names(const std::vector<std::string>& nameParts) const;
+    /// The names of the entries that pass the test.
+    std::vector<std::string> names(const NameTest& isWanted) const;
 
     enum class Publisher { alive, dead, vanished };
 
     /// What the entry's file says about its publisher; `vanished` when the file is gone. Throws
     /// std::runtime_error when there is no descriptor or memory left to ask.
     Publisher publisherOf(const std::string& name) const;
+
+    /// Makes and locks the entry's file, which goes with the object, and with `isNew` fails where
+    /// there is one. Not locked when it cannot be had.
+    LockedFile lock(const std::string& name, bool isNew) const;
 
     /// Whether no publisher holds the entry. What a dead one left is removed then: its data, by
     /// `removeData`, before its file.
@@ -38,7 +43,6 @@ private:
     const OpenFolder* folder() const;
 
     foundation::os::Group group;
-    mutable bool isFolderKnown = false;
     mutable std::optional<OpenFolder> found;
 };
 

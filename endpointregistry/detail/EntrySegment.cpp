@@ -1,11 +1,9 @@
 #include "endpointregistry/detail/EntrySegment.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <string_view>
 
 namespace agent::spf::endpointregistry::entrysegment {
 
@@ -14,18 +12,7 @@ namespace {
 constexpr std::size_t firstLengthOffset = 8;
 constexpr std::size_t dataOffset = 16;
 constexpr std::size_t overhead = 17;
-constexpr std::uint8_t readyBit = 1;
-
-using Ready = std::atomic_ref<std::uint8_t>;
-static_assert(Ready::is_always_lock_free, "a lock would be known to one process only");
-
-char* bytesOf(void* segment) {
-    return static_cast<char*>(segment);
-}
-
-Ready readyOf(void* segment) {
-    return Ready(*static_cast<std::uint8_t*>(segment));
-}
+constexpr unsigned char readyBit = 1;
 
 } // namespace
 
@@ -34,17 +21,15 @@ std::size_t sizeFor(unsigned long length) {
     return length > largest - overhead ? largest : length + overhead;
 }
 
-void publish(void* segment, const std::pair<std::string, std::string>& data) {
+std::string contentsOf(const std::pair<std::string, std::string>& data) {
     const std::uint64_t firstLength = data.first.size();
-    char* const bytes = bytesOf(segment);
-    data.first.copy(bytes + dataOffset, data.first.size());
-    data.second.copy(bytes + dataOffset + firstLength, data.second.size());
-    std::memcpy(bytes + firstLengthOffset, &firstLength, sizeof firstLength);
-    readyOf(segment).store(readyBit);
-}
-
-void withdraw(void* segment) {
-    readyOf(segment).store(0);
+    std::string bytes(dataOffset, '\0');
+    bytes.front() = static_cast<char>(readyBit);
+    std::memcpy(bytes.data() + firstLengthOffset, &firstLength, sizeof firstLength);
+    bytes += data.first;
+    bytes += data.second;
+    bytes += '\0'; // The byte that is never used.
+    return bytes;
 }
 
 std::pair<std::string, std::string> read(const std::string& copy, unsigned long length) {

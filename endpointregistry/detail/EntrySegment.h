@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 /// The bytes of an entry's data segment, which publishers and readers of all builds share:
@@ -17,11 +18,12 @@ namespace agent::spf::endpointregistry::entrysegment {
 /// can hold, it is the largest size there is, which no segment has.
 std::size_t sizeFor(unsigned long length);
 
-/// Writes the data into a new segment and marks it ready.
-void publish(void* segment, const std::pair<std::string, std::string>& data);
+/// The bytes of a segment of this data, ready.
+std::string contentsOf(const std::pair<std::string, std::string>& data);
 
-/// Marks the segment not ready, for readers that are attached.
-void withdraw(void* segment);
+/// What is written over a segment's first byte when its entry is withdrawn, for readers that have
+/// opened it by then.
+inline constexpr std::string_view notReady("\0", 1);
 
 /// The data in a copy of a segment for joined data of this length; two empty strings when it was
 /// not ready. Throws std::out_of_range when the first string is said to be longer than both.

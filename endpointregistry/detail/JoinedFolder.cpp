@@ -52,14 +52,6 @@ std::vector<std::string> levelsOf(const std::string& parent, const os::Group& tr
     return {"Corvantis", parent, hashString(trustee.name())};
 }
 
-std::string pathOf(const std::string& parent, const os::Group& trustee) {
-    std::string path = sharedFolderIn(usersFolder()) + "/";
-    for (const std::string& level : levelsOf(parent, trustee)) {
-        path += level + "/";
-    }
-    return path;
-}
-
 os::FileDescriptor openExisting(const std::string& parent, const os::Group& trustee) {
     return os::openFolderBelow(sharedFolderIn(usersFolder()), levelsOf(parent, trustee));
 }
@@ -141,6 +133,14 @@ JoinedFolder::JoinedFolder(os::FileDescriptor folder, std::string path, const os
     : OpenFolder(std::move(folder), std::move(path))
     , ownGroup(groupOf(trustee))
     , identity(examine(descriptor(), trustee, this->path())) {
+}
+
+std::string JoinedFolder::pathOf(const std::string& parent, const os::Group& trustee) {
+    std::string path = sharedFolderIn(usersFolder()) + "/";
+    for (const std::string& level : levelsOf(parent, trustee)) {
+        path += level + "/";
+    }
+    return path;
 }
 
 bool JoinedFolder::isStillNamed() const {

@@ -48,6 +48,26 @@ LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string truste
     , lock(lockFile()) {
 }
 
+LockedFile::Impl::Impl(std::string name, std::string trustee, std::string folderPath,
+                       LockedDescriptor lock)
+    : isExclusive(false)
+    , deleteOnDestruction(false)
+    , waitForLock(false)
+    , name(std::move(name))
+    , trustee(std::move(trustee))
+    , parentPath(std::move(folderPath))
+    , lock(std::move(lock)) {
+}
+
+LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isExclusive)
+    : isExclusive(isExclusive)
+    , deleteOnDestruction(isExclusive)
+    , waitForLock(false)
+    , name(std::move(name))
+    , parentPath(openFolder.path())
+    , lock(keep(openAt(openFolder.placeOf(this->name)))) {
+}
+
 os::FilePlace LockedFile::Impl::place() const {
     return folder ? folder->placeOf(name) : os::FilePlace(parentPath + name);
 }
@@ -56,14 +76,18 @@ bool LockedFile::Impl::isOursToRemove() const {
     if (!lock) {
         return true;
     }
-    // If ours was removed by somebody, a file that stands there now is another holder's.
-    const os::FilePlace file = place();
-    struct stat status {};
-    const bool isReplaced =
-        ::fstatat(file.folder, file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        S_ISREG(status.st_mode) && os::FileIdentity(status) != os::identityOf(lock.get());
     // The file of a forked child's copy is its parent's.
-    return !isReplaced && !lock.isInherited();
+    return !lock.isInherited() && !isReplaced();
+}
+
+bool LockedFile::Impl::isReplaced() const {
+    // If ours was removed by somebody, a file that stands there now is another holder's.
+    struct stat status {};
+    const bool hasName = ::fstat(lock.get(), &status) == 0 && status.st_nlink != 0;
+    const os::FilePlace file = place();
+    return !hasName &&
+           ::fstatat(file.folder, file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(status.st_mode);
 }
 
 LockedFile::Impl::~Impl() {
@@ -88,16 +112,17 @@ std::string LockedFile::Impl::createParentFolder(const std::string& parent) cons
     return getParentPath(parent, trustee, !trustee.empty() || name.empty());
 }
 
-LockingOpen LockedFile::Impl::openInFolder() const {
-    const auto open = [this] {
-        return openAndLock(place(), isExclusive ? Existing::refused : Existing::accepted,
-                           waitForLock ? Waiting::forLock : Waiting::never,
-                           folder ? std::optional(folder->group()) : std::nullopt);
-    };
-    LockingOpen opened = open();
+LockingOpen LockedFile::Impl::openAt(const os::FilePlace& place) const {
+    return openAndLock(place, isExclusive ? Existing::refused : Existing::accepted,
+                       waitForLock ? Waiting::forLock : Waiting::never,
+                       folder ? std::optional(folder->group()) : std::nullopt);
+}
+
+LockingOpen LockedFile::Impl::openByPath() const {
+    LockingOpen opened = openAt(place());
     if (opened.error == ENOENT && trustee.empty()) {
         createFolder(parentPath);
-        opened = open();
+        opened = openAt(place());
     }
     return opened;
 }
@@ -107,12 +132,14 @@ LockedDescriptor LockedFile::Impl::lockFile() {
         getLogger().log(severity::error, "LockedFile::lockFile(): Name cannot be empty.");
         throw std::invalid_argument("LockedFile name cannot be empty");
     }
-    const std::string path = parentPath + name;
-    LockingOpen opened = openInFolder();
+    return keep(openByPath());
+}
+
+LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
     if (opened.error != 0) {
         if (waitForLock && opened.error != EWOULDBLOCK && opened.error != EEXIST) {
             getLogger().log(severity::error, "LockedFile::lockFile(): Failed to create file: <",
-                            path, ">. (Error ", opened.error, ")");
+                            parentPath, name, ">. (Error ", opened.error, ")");
             throw std::runtime_error(inconsistency);
         }
         // The file, if there is one, is another holder's: it must survive this object.
@@ -126,6 +153,7 @@ LockedDescriptor LockedFile::Impl::lockFile() {
             examineJoined(opened.lock.get());
         }
     } else if (!trustee.empty()) {
+        const std::string path = parentPath + name;
         try {
             setTrusteeOfOpenFile(opened.lock.get(), path, trustee);
         } catch (...) {
@@ -140,10 +168,9 @@ LockedDescriptor LockedFile::Impl::lockFile() {
 
 void LockedFile::Impl::examineJoined(int descriptor) const {
     constexpr mode_t permissions = S_IRWXU | S_IRWXG | S_IRWXO;
-    constexpr mode_t groupMode = S_IRUSR | S_IRWXG;
     struct stat status {};
     const int error = ::fstat(descriptor, &status) == 0 ? EPERM : errno;
-    if (status.st_gid != folder->group() || (status.st_mode & permissions) != groupMode) {
+    if (status.st_gid != folder->group() || (status.st_mode & permissions) != groupFileMode) {
         getLogger().log(severity::error,
                         "LockedFile::lockFile(): The file does not belong to the group: <",
                         parentPath, name, ">. (Error ", error, ")");

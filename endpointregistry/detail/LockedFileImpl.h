@@ -23,6 +23,13 @@ public:
     /// and one that does not belong to the group is an error, std::runtime_error.
     Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
          bool waitForLock);
+
+    /// In a private folder that is open at the moment, without waiting. The file's path is what the
+    /// folder's was.
+    Impl(std::string name, const OpenFolder& openFolder, bool isExclusive);
+
+    /// Of a file that is locked already.
+    Impl(std::string name, std::string trustee, std::string folderPath, LockedDescriptor lock);
     ~Impl();
 
     Impl(const Impl&) = delete;
@@ -44,11 +51,14 @@ public:
 
 private:
     std::string createParentFolder(const std::string& parent) const;
-    LockingOpen openInFolder() const;
+    LockingOpen openAt(const foundation::os::FilePlace& place) const;
+    LockingOpen openByPath() const;
     LockedDescriptor lockFile();
+    LockedDescriptor keep(LockingOpen opened);
     void examineJoined(int descriptor) const;
     foundation::os::FilePlace place() const;
     bool isOursToRemove() const;
+    bool isReplaced() const;
     void unlockAndCloseFile() noexcept;
 
     bool isExclusive;

@@ -4,6 +4,7 @@
 #include "foundation/os/FilePlace.h"
 
 #include <optional>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace agent::spf::endpointregistry {
@@ -17,14 +18,18 @@ struct LockingOpen {
     bool isNew = false;
 };
 
+/// The mode of a file that a group shares. The owner may only read what the group may do anything
+/// with; so the files have always been.
+inline constexpr mode_t groupFileMode = S_IRUSR | S_IRWXG;
+
 enum class Existing { accepted, refused };
 enum class Waiting { forLock, never };
 
 /// Opens and exclusively locks the regular file in this place, making it when it is missing: with
-/// mode 0400, or with 0470 for a group. A new file appears already locked, with its final group and
-/// mode, and the lock is on the file that stands there when the call returns: a file that was
-/// removed meanwhile is not what its name means. `Existing::refused` yields EEXIST when there is
-/// anything under the name.
+/// mode 0400, or with `groupFileMode` for a group. A new file appears already locked, with its
+/// final group and mode, and the lock is on the file that stands there when the call returns: a
+/// file that was removed meanwhile is not what its name means. `Existing::refused` yields EEXIST
+/// when there is anything under the name.
 LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existing, Waiting waiting,
                         std::optional<gid_t> group = std::nullopt);
 

@@ -85,8 +85,7 @@ LockingOpen lockExisting(const os::FilePlace& place, TakeLock takeLock) {
 }
 
 LockingOpen makeLocked(const os::FilePlace& place, std::optional<gid_t> group) {
-    // The owner may only read what the group may do anything with; so the files have always been.
-    const mode_t mode = group ? S_IRUSR | S_IRWXG : S_IRUSR;
+    const mode_t mode = group ? groupFileMode : S_IRUSR;
     os::AppearingFile file = os::createAppearing(place, mode, [group](int descriptor) {
         constexpr auto sameUser = static_cast<uid_t>(-1);
         if (group && ::fchown(descriptor, sameUser, *group) != 0) {

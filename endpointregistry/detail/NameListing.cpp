@@ -21,7 +21,7 @@ void failToReadFolder(int error) {
 }
 
 std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
-                                   const std::vector<std::string>& nameParts) {
+                                   const NameTest& isWanted) {
     std::vector<std::string> names;
     if (!entries) {
         if (errno == ENOENT) {
@@ -31,7 +31,7 @@ std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
     }
     while (const char* entry = entries.next()) {
         const std::string_view name = entry;
-        if (containsEvery(name, nameParts)) {
+        if (isWanted(name)) {
             names.emplace_back(name);
         }
     }

@@ -2,6 +2,7 @@
 
 #include "foundation/os/DirectoryStream.h"
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,10 +12,13 @@ namespace agent::spf::endpointregistry {
 /// As `containsAll`, without copies: it is asked of every name in a folder.
 bool containsEvery(std::string_view text, const std::vector<std::string>& parts);
 
-/// The names of a listing that contain every one of `nameParts`, in its order; none when the folder
-/// could not be opened because it is not there. Throws std::runtime_error when it cannot be read.
+/// Whether a name is one of those that are looked for.
+using NameTest = std::function<bool(std::string_view name)>;
+
+/// The names of a listing that pass the test, in its order; none when the folder could not be
+/// opened because it is not there. Throws std::runtime_error when it cannot be read.
 std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
-                                   const std::vector<std::string>& nameParts);
+                                   const NameTest& isWanted);
 
 /// Reports a folder of entries that cannot be opened or read: logs, and throws std::runtime_error.
 [[noreturn]] void failToReadFolder(int error);

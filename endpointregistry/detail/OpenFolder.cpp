@@ -1,11 +1,12 @@
 #include "endpointregistry/detail/OpenFolder.h"
 
 #include "endpointregistry/LockedFile.h"
-#include "endpointregistry/detail/NameListing.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
 #include <fcntl.h>
+#include <unistd.h>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
@@ -24,9 +25,12 @@ std::optional<OpenFolder> OpenFolder::findPrivate(const std::string& parent) {
     return OpenFolder(std::move(folder), std::move(path));
 }
 
-std::vector<std::string> OpenFolder::names(const std::vector<std::string>& nameParts) const {
+std::vector<std::string> OpenFolder::names(const NameTest& isWanted) const {
+    if (std::exchange(hasBeenRead, true) && ::lseek(folder.get(), 0, SEEK_SET) != 0) {
+        failToReadFolder(errno);
+    }
     os::DirectoryStream entries(folder.get());
-    return listNames(entries, nameParts);
+    return listNames(entries, isWanted);
 }
 
 } // namespace agent::spf::endpointregistry

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "endpointregistry/detail/NameListing.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FilePlace.h"
 
@@ -22,9 +23,9 @@ public:
     /// std::runtime_error when it cannot be opened or the private base is not to be trusted.
     static std::optional<OpenFolder> findPrivate(const std::string& parent);
 
-    /// The names in it that contain every one of `nameParts`, in the order in which the folder
-    /// lists them. Throws std::runtime_error when it cannot be read.
-    std::vector<std::string> names(const std::vector<std::string>& nameParts) const;
+    /// The names in it that pass the test, in the order in which the folder lists them. Throws
+    /// std::runtime_error when it cannot be read.
+    std::vector<std::string> names(const NameTest& isWanted) const;
 
     /// A file in the folder; valid for as long as this object lives.
     foundation::os::FilePlace placeOf(const std::string& name) const {
@@ -40,6 +41,7 @@ protected:
 private:
     foundation::os::FileDescriptor folder;
     std::string ownPath;
+    mutable bool hasBeenRead = false;
 };
 
 } // namespace agent::spf::endpointregistry

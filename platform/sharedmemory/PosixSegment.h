@@ -7,14 +7,18 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace agent::spf::sharedmemory {
 
-/// Makes and attaches to a new POSIX segment, filled before it can be found; null when there is one
-/// already.
+/// Makes and attaches to a new POSIX segment; null when there is one already.
 std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
-                                                          const foundation::os::Group& trustee,
-                                                          const SharedMemory::Fill& fill);
+                                                          const foundation::os::Group& trustee);
+
+/// The same for a segment of these contents, which is mapped when its address is first asked for.
+std::unique_ptr<SharedMemory::Segment>
+createFilledPosixSegment(const std::string& name, std::string_view contents,
+                         const foundation::os::Group& trustee);
 
 /// Attaches to an existing POSIX segment.
 SegmentLookup findPosixSegment(const std::string& name, std::size_t size,

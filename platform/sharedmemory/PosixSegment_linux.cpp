@@ -8,6 +8,7 @@
 #include "sharedmemory/Failure.h"
 #include "sharedmemory/SegmentName.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <limits>
@@ -65,8 +66,28 @@ public:
         , ownSize(ownSize)
         , mapping(std::move(mapping)) {}
 
-    void* address() const noexcept override { return mapping.get(); }
+    void* address() const override {
+        if (!mapping) {
+            const os::FileDescriptor file = open();
+            mapping = file ? os::Mapping(file.get(), ownSize) : os::Mapping();
+            if (!mapping) {
+                fail("cannot map the segment", path, errno);
+            }
+        }
+        return mapping.get();
+    }
+
     std::size_t size() const noexcept override { return ownSize; }
+
+    void overwrite(std::size_t offset, std::string_view bytes) noexcept override {
+        if (mapping) {
+            std::copy(bytes.begin(), bytes.end(), static_cast<char*>(mapping.get()) + offset);
+        } else if (const os::FileDescriptor file = open()) {
+            os::retryOnInterrupt([&] {
+                return ::pwrite(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+            });
+        }
+    }
 
     bool isStillNamed() const noexcept override { return os::identityAt(path) == identity; }
 
@@ -77,10 +98,21 @@ public:
     }
 
 private:
+    /// The segment's file; empty, with errno set, when it is not what the path leads to.
+    os::FileDescriptor open() const noexcept {
+        os::FileDescriptor file(os::retryOnInterrupt(
+            [&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+        if (file && os::identityOf(file.get()) != identity) {
+            file.reset();
+            errno = ENOENT;
+        }
+        return file;
+    }
+
     std::string path;
     os::FileIdentity identity;
     std::size_t ownSize;
-    os::Mapping mapping;
+    mutable os::Mapping mapping;
 };
 
 /// An existing file under a segment's name.
@@ -133,59 +165,55 @@ ExistingFile openExisting(const Place& place, int access) {
     return file;
 }
 
-/// Gives a new file its size, its memory, its bytes and its group; returns 0 or the errno value.
-int furnish(int descriptor, std::size_t size, const Place& place) {
-    const std::string& proof = place.segmentName.proof;
+/// Writes all the bytes; returns 0 or the errno value.
+int writeAll(int descriptor, std::string_view bytes, std::size_t offset) {
+    while (!bytes.empty()) {
+        const ssize_t count = os::retryOnInterrupt([&] {
+            return ::pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        });
+        if (count == -1) {
+            return errno;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+        offset += static_cast<std::size_t>(count);
+    }
+    return 0;
+}
+
+/// Gives a new file its size and its memory, all bytes zero; returns 0 or the errno value.
+int reserve(int descriptor, std::size_t size) {
     constexpr auto largest = static_cast<std::size_t>(std::numeric_limits<off_t>::max());
-    if (size > largest - proof.size()) {
+    if (size > largest) {
         return EFBIG;
     }
     // Reserved and not only promised: ftruncate succeeds on a full file system, and the first
     // write to the mapping then kills the process.
     int error = 0;
     do {
-        error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(size + proof.size()));
+        error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(size));
     } while (error == EINTR);
-    if (error != 0) {
-        return error;
-    }
-    if (!proof.empty()) {
-        const ssize_t count =
-            ::pwrite(descriptor, proof.data(), proof.size(), static_cast<off_t>(size));
-        if (count != static_cast<ssize_t>(proof.size())) {
-            return count == -1 ? errno : EIO;
-        }
-    }
+    return error;
+}
+
+int setGroup(int descriptor, const Place& place) {
     constexpr auto sameUser = static_cast<uid_t>(-1);
     return place.group && ::fchown(descriptor, sameUser, *place.group) != 0 ? errno : 0;
 }
 
-} // namespace
-
-std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
-                                                          const os::Group& trustee,
-                                                          const SharedMemory::Fill& fill) {
-    const Place place(name, trustee);
+/// Makes a segment's file, all of it before it can be found, so that nothing can fail afterwards.
+/// `furnish` returns what the segment of the new file is to be, or null with errno set.
+template<typename Furnish>
+std::unique_ptr<SharedMemory::Segment> make(const Place& place, Furnish furnish) {
     std::unique_ptr<PosixSegment> segment;
     const os::AppearingFile file =
         os::createAppearing(place.path, place.mode(), [&](int descriptor) {
             // What an earlier attempt has reserved is not there for this one.
             segment.reset();
-            if (const int error = furnish(descriptor, size, place); error != 0) {
+            if (const int error = setGroup(descriptor, place); error != 0) {
                 return error;
             }
-            // All of it before the segment can be found, so that nothing can fail afterwards.
-            const auto identity = os::identityOf(descriptor);
-            os::Mapping mapping(descriptor, size);
-            if (!identity || !mapping) {
-                return errno;
-            }
-            if (fill) {
-                fill(mapping.get());
-            }
-            segment = std::make_unique<PosixSegment>(trustee.name(), place.path, *identity, size,
-                                                     std::move(mapping));
-            return 0;
+            segment = furnish(descriptor);
+            return segment ? 0 : errno;
         });
     if (file.error != 0) {
         // Whatever kept this one from being made, one that exists is what there is to tell.
@@ -198,6 +226,51 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
     }
     segment->becomeCreator();
     return segment;
+}
+
+} // namespace
+
+std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
+                                                          const os::Group& trustee) {
+    const Place place(name, trustee);
+    const std::string& proof = place.segmentName.proof;
+    return make(place, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
+        constexpr std::size_t largest = std::numeric_limits<std::size_t>::max();
+        int error =
+            size > largest - proof.size() ? EFBIG : reserve(descriptor, size + proof.size());
+        error = error != 0 ? error : writeAll(descriptor, proof, size);
+        if (error != 0) {
+            errno = error;
+            return nullptr;
+        }
+        const auto identity = os::identityOf(descriptor);
+        os::Mapping mapping(descriptor, size);
+        if (!identity || !mapping) {
+            return nullptr;
+        }
+        return std::make_unique<PosixSegment>(trustee.name(), place.path, *identity, size,
+                                              std::move(mapping));
+    });
+}
+
+std::unique_ptr<SharedMemory::Segment> createFilledPosixSegment(const std::string& name,
+                                                                std::string_view contents,
+                                                                const os::Group& trustee) {
+    const Place place(name, trustee);
+    const std::string bytes = std::string(contents) + place.segmentName.proof;
+    return make(place, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
+        // Writing reserves the memory: a file system that is full refuses it.
+        if (const int error = writeAll(descriptor, bytes, 0); error != 0) {
+            errno = error;
+            return nullptr;
+        }
+        const auto identity = os::identityOf(descriptor);
+        if (!identity) {
+            return nullptr;
+        }
+        return std::make_unique<PosixSegment>(trustee.name(), place.path, *identity,
+                                              contents.size(), os::Mapping());
+    });
 }
 
 SegmentLookup findPosixSegment(const std::string& name, std::size_t size,

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
@@ -21,8 +22,11 @@ public:
     Segment(const Segment&) = delete;
     Segment& operator=(const Segment&) = delete;
 
-    virtual void* address() const noexcept = 0;
+    virtual void* address() const = 0;
     virtual std::size_t size() const noexcept = 0;
+
+    /// Writes inside the segment, unless it has been removed.
+    virtual void overwrite(std::size_t offset, std::string_view bytes) noexcept = 0;
 
     /// Whether whoever looks for the name now still comes to this segment.
     virtual bool isStillNamed() const noexcept = 0;

@@ -22,6 +22,7 @@ using Segments = SharedMemory::ImplementationSpecifications;
 /// What one implementation does.
 struct Backend {
     decltype(&createPosixSegment) create;
+    decltype(&createFilledPosixSegment) createFilled;
     decltype(&findPosixSegment) find;
 };
 
@@ -31,9 +32,9 @@ Backend enter(std::size_t size, Segments implementation) {
     }
     switch (implementation) {
     case Segments::Posix:
-        return {createPosixSegment, findPosixSegment};
+        return {createPosixSegment, createFilledPosixSegment, findPosixSegment};
     case Segments::SysV:
-        return {createSysVSegment, findSysVSegment};
+        return {createSysVSegment, createFilledSysVSegment, findSysVSegment};
     }
     throw std::invalid_argument("Shared memory implementation is not available");
 }
@@ -57,19 +58,20 @@ bool looksInGroups(const os::Group& trustee, Segments implementation) {
 SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
                                   const std::string& trustee,
                                   ImplementationSpecifications implementation) {
-    return create(name, size, trustee, implementation, {});
-}
-
-SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
-                                  const std::string& trustee,
-                                  ImplementationSpecifications implementation, const Fill& fill) {
-    return create(name, size, os::Group(trustee), implementation, fill);
+    return create(name, size, os::Group(trustee), implementation);
 }
 
 SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
                                   const os::Group& trustee,
-                                  ImplementationSpecifications implementation, const Fill& fill) {
-    return SharedMemory(enter(size, implementation).create(name, size, trustee, fill));
+                                  ImplementationSpecifications implementation) {
+    return SharedMemory(enter(size, implementation).create(name, size, trustee));
+}
+
+SharedMemory SharedMemory::createFilled(const std::string& name, std::string_view contents,
+                                        const std::string& trustee,
+                                        ImplementationSpecifications implementation) {
+    const Backend backend = enter(contents.size(), implementation);
+    return SharedMemory(backend.createFilled(name, contents, trustee));
 }
 
 SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
@@ -112,7 +114,7 @@ SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t siz
             fail("the segment there cannot be used", name, EEXIST);
         }
         // Another process may be first, and may even remove its segment before the next look.
-        if (auto created = backend.create(name, size, trustee, {})) {
+        if (auto created = backend.create(name, size, trustee)) {
             return SharedMemory(std::move(created));
         }
     }
@@ -160,8 +162,14 @@ bool SharedMemory::isCreator() const noexcept {
     return segment && segment->isCreator();
 }
 
-void* SharedMemory::getPointer() const noexcept {
+void* SharedMemory::getPointer() const {
     return segment ? segment->address() : nullptr;
+}
+
+void SharedMemory::overwrite(std::size_t offset, std::string_view bytes) noexcept {
+    if (segment && offset <= segment->size() && bytes.size() <= segment->size() - offset) {
+        segment->overwrite(offset, bytes);
+    }
 }
 
 std::size_t SharedMemory::getSize() const noexcept {

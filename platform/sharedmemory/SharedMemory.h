@@ -2,10 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace foundation::os {
 class Group;
@@ -40,9 +40,6 @@ public:
         SysV = 1,
     };
 
-    /// Writes the first contents of a new segment, whose address it gets.
-    using Fill = std::function<void(void* segment)>;
-
     // The openers. `size` is in bytes and at least 1. All throw std::invalid_argument when the
     // size is 0, the trustee is no group or the implementation is unknown, and std::runtime_error
     // when the system refuses: too few descriptors, no memory left, no permission. Any thread may
@@ -55,11 +52,12 @@ public:
                                const std::string& trustee,
                                ImplementationSpecifications implementation);
 
-    /// The same for a segment that appears with its contents. What `fill` throws passes through,
-    /// and no segment appears then.
-    static SharedMemory create(const std::string& name, std::size_t size,
-                               const std::string& trustee,
-                               ImplementationSpecifications implementation, const Fill& fill);
+    /// The same for a segment that appears with its contents, as large as they are. It takes no
+    /// address space until `getPointer` is called, which throws std::runtime_error when the segment
+    /// has been removed by then.
+    static SharedMemory createFilled(const std::string& name, std::string_view contents,
+                                     const std::string& trustee,
+                                     ImplementationSpecifications implementation);
 
     /// Attaches to the first `size` bytes of a segment. Not attached when there is none, or when
     /// the one there is smaller or is not to be trusted.
@@ -89,7 +87,7 @@ public:
     // and have their trustee looked up once.
     static SharedMemory create(const std::string& name, std::size_t size,
                                const foundation::os::Group& trustee,
-                               ImplementationSpecifications implementation, const Fill& fill);
+                               ImplementationSpecifications implementation);
     static SharedMemory find(const std::string& name, std::size_t size,
                              const foundation::os::Group& trustee,
                              ImplementationSpecifications implementation);
@@ -121,7 +119,12 @@ public:
 
     /// The segment's first byte, readable and writable, aligned to a page; null when not attached.
     /// Valid for as long as the handle is attached.
-    void* getPointer() const noexcept;
+    void* getPointer() const;
+
+    /// Writes bytes into the segment, without the need for an address; a single one at once.
+    /// Nothing is written past the segment's end, to a segment that was removed meanwhile, or when
+    /// not attached.
+    void overwrite(std::size_t offset, std::string_view bytes) noexcept;
 
     /// The size in bytes that the segment was made with, of which at least as many are mapped as
     /// were asked for; 0 when not attached.

@@ -5,6 +5,7 @@
 #include "sharedmemory/SysVPlace.h"
 #include "sharedmemory/SysVProof.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <optional>
@@ -31,6 +32,10 @@ public:
 
     void* address() const noexcept override { return attachment.get(); }
     std::size_t size() const noexcept override { return ownSize; }
+
+    void overwrite(std::size_t offset, std::string_view bytes) noexcept override {
+        std::copy(bytes.begin(), bytes.end(), attachment.get() + offset);
+    }
 
     bool isStillNamed() const noexcept override {
         return sysv::findId(key) == id && !sysvproof::isRemoved(attachment.get(), wholeSize);
@@ -144,7 +149,7 @@ bool prevails(const SysVPlace& place, std::size_t own) {
 
 /// Makes the segment under one key; null when somebody else came first, at least to the key.
 std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, std::size_t size,
-                                     const std::string& trustee, const SharedMemory::Fill& fill) {
+                                     const std::string& trustee, std::string_view contents) {
     const std::size_t wholeSize = size + sysvproof::sizeFor(place.identity());
     const key_t key = place.keys().at(index);
     const auto id = sysv::makeSegment(key, wholeSize, modeWhileMade);
@@ -163,9 +168,7 @@ std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, 
         return nullptr; // Removed by somebody who took this process for dead.
     }
     sysvproof::write(attachment.get(), wholeSize, place.identity());
-    if (fill) {
-        fill(attachment.get());
-    }
+    std::copy(contents.begin(), contents.end(), attachment.get());
     auto segment =
         std::make_unique<SysVSegment>(trustee, key, *id, wholeSize, size, std::move(attachment));
     if (!prevails(place, index)) {
@@ -187,11 +190,8 @@ std::unique_ptr<SysVSegment> attempt(const SysVPlace& place, std::size_t index, 
     return segment;
 }
 
-} // namespace
-
-std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name, std::size_t size,
-                                                         const os::Group& trustee,
-                                                         const SharedMemory::Fill& fill) {
+std::unique_ptr<SharedMemory::Segment> make(const std::string& name, std::size_t size,
+                                            const os::Group& trustee, std::string_view contents) {
     // Not at every look: nothing accumulates but by what is made.
     removeSysVLeftovers();
     const SysVPlace place(name, trustee);
@@ -210,10 +210,23 @@ std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name
         if (!found.room) {
             fail("every key of the segment is taken", name, EEXIST);
         }
-        if (auto segment = attempt(place, *found.room, size, trustee.name(), fill)) {
+        if (auto segment = attempt(place, *found.room, size, trustee.name(), contents)) {
             return segment;
         }
     }
+}
+
+} // namespace
+
+std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name, std::size_t size,
+                                                         const os::Group& trustee) {
+    return make(name, size, trustee, {});
+}
+
+std::unique_ptr<SharedMemory::Segment> createFilledSysVSegment(const std::string& name,
+                                                               std::string_view contents,
+                                                               const os::Group& trustee) {
+    return make(name, contents.size(), trustee, contents);
 }
 
 SegmentLookup findSysVSegment(const std::string& name, std::size_t size, const os::Group& trustee) {

@@ -6,14 +6,18 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace agent::spf::sharedmemory {
 
-/// Makes and attaches to a new segment of System V shared memory, filled before it can be found;
-/// null when there is one already.
+/// Makes and attaches to a new segment of System V shared memory; null when there is one already.
 std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name, std::size_t size,
-                                                         const foundation::os::Group& trustee,
-                                                         const SharedMemory::Fill& fill);
+                                                         const foundation::os::Group& trustee);
+
+/// The same for a segment of these contents.
+std::unique_ptr<SharedMemory::Segment>
+createFilledSysVSegment(const std::string& name, std::string_view contents,
+                        const foundation::os::Group& trustee);
 
 /// Attaches to an existing segment of exactly this name and trustee.
 SegmentLookup findSysVSegment(const std::string& name, std::size_t size,

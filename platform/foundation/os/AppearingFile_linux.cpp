@@ -24,6 +24,15 @@ FileDescriptor openFile(const FilePlace& place, int flags, mode_t mode = 0) {
         [&] { return ::openat(place.folder, place.name.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
+/// Gives a new file its mode, which went through the umask when it was made; returns 0 or the errno
+/// value. Nearly always there is nothing to change, and to look is cheaper.
+int setMode(int descriptor, mode_t mode) {
+    constexpr mode_t all = S_ISUID | S_ISGID | S_ISVTX | S_IRWXU | S_IRWXG | S_IRWXO;
+    struct stat status {};
+    const bool isSet = ::fstat(descriptor, &status) == 0 && (status.st_mode & all) == mode;
+    return isSet || ::fchmod(descriptor, mode) == 0 ? 0 : errno;
+}
+
 /// Gives an unnamed file its name; returns 0 or the errno value.
 int linkUnnamed(int descriptor, const FilePlace& place) {
     const char* const name = place.name.c_str();
@@ -49,9 +58,8 @@ std::optional<AppearingFile> createByNamingUnnamed(const FilePlace& place, mode_
     if (!file) {
         return std::nullopt;
     }
-    // What creation gives went through the umask.
-    if (::fchmod(file.get(), mode) != 0) {
-        return AppearingFile{{}, errno};
+    if (const int error = setMode(file.get(), mode); error != 0) {
+        return AppearingFile{{}, error};
     }
     if (const int error = prepare(file.get()); error != 0) {
         return AppearingFile{{}, error};
@@ -114,8 +122,8 @@ AppearingFile createUnderTemporaryName(const FilePlace& place, mode_t mode,
         if (::fcntl(file.get(), F_OFD_SETLK, &mark) != 0) {
             return {{}, errno};
         }
-        if (::fchmod(file.get(), mode) != 0) {
-            return {{}, errno};
+        if (const int error = setMode(file.get(), mode); error != 0) {
+            return {{}, error};
         }
         if (const int error = prepare(file.get()); error != 0) {
             return {{}, error};

@@ -84,18 +84,22 @@ FileDescriptor openFolder(const FilePlace& place) {
         retryOnInterrupt([&] { return ::openat(place.folder, place.name.c_str(), folderFlags); }));
 }
 
+FileDescriptor openThroughNoLink(const FilePlace& place, int flags) {
+    open_how how{};
+    how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    return FileDescriptor(retryOnInterrupt([&] {
+        return static_cast<int>(
+            ::syscall(SYS_openat2, place.folder, place.name.c_str(), &how, sizeof how));
+    }));
+}
+
 FileDescriptor openFolderBelow(const FilePlace& top, const std::vector<std::string>& levels) {
     std::string path = top.name;
     for (const std::string& level : levels) {
         path += '/' + level;
     }
-    open_how how{};
-    how.flags = folderFlags;
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    FileDescriptor folder(retryOnInterrupt([&] {
-        const long opened = ::syscall(SYS_openat2, top.folder, path.c_str(), &how, sizeof how);
-        return static_cast<int>(opened);
-    }));
+    FileDescriptor folder = openThroughNoLink({top.folder, path}, O_RDONLY | O_DIRECTORY);
     // A link on the way to the topmost folder is its administrator's. Kernels before 5.6, and
     // filters that do not know the call, refuse it.
     if (folder || (errno != ELOOP && errno != ENOSYS && errno != EPERM)) {

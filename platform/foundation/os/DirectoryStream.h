@@ -14,8 +14,8 @@ public:
     /// Opens the directory; empty, with errno set, when it cannot be opened.
     explicit DirectoryStream(const FilePlace& place);
 
-    /// Reads a directory that is open and stays its owner's, from its beginning.
-    explicit DirectoryStream(int directory);
+    /// Reads on in a directory that is open and stays its owner's.
+    explicit DirectoryStream(int directory) noexcept;
 
     DirectoryStream(const DirectoryStream&) = delete;
     DirectoryStream& operator=(const DirectoryStream&) = delete;

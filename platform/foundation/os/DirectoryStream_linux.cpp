@@ -21,8 +21,8 @@ DirectoryStream::DirectoryStream(const FilePlace& place)
 }
 
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
-DirectoryStream::DirectoryStream(int directory)
-    : directory(::lseek(directory, 0, SEEK_SET) == 0 ? directory : -1) {
+DirectoryStream::DirectoryStream(int directory) noexcept
+    : directory(directory) {
 }
 
 const char* DirectoryStream::next() noexcept {
