@@ -1,6 +1,7 @@
 // Sharing one entry with a group, and looking up what another process shares with it.
 
 #include "benchmarks/Benchmarks.h"
+#include "benchmarks/FloorGroup.h"
 #include "benchmarks/Measuring.h"
 #include "benchmarks/Publishers.h"
 #include "endpointregistry/Endpoint.h"
@@ -19,6 +20,15 @@ void findShared(benchmark::State& state, std::size_t entries) {
     const std::string key = keyOf(0);
     measure(state, {.entries = entries, .trustee = group},
             [&] { return Endpoint::find(groupTag, key, {group}).has_value(); });
+}
+
+void findSharedOnFloor(benchmark::State& state, std::size_t entries) {
+    const std::string group = ownGroup();
+    provideOthers(entries, group);
+    const floor::SharedFolder folder(group);
+    const floor::Entry entry(dataOf(0), groupTag, keyOf(0));
+    measure(state, {.entries = entries, .trustee = group},
+            [&] { return folder.find(entry.groupPart, entry.keyPart).has_value(); });
 }
 
 void filterShared(benchmark::State& state, std::size_t entries) {
@@ -51,6 +61,7 @@ void shareAndUnshare(benchmark::State& state, std::size_t entries) {
 void registerGroups() {
     for (const std::size_t entries : {1UL, 10UL, 50UL, 100UL, 1000UL, 2000UL, 10000UL}) {
         add("registry/findShared", entries, findShared);
+        add("floor/findShared", entries, findSharedOnFloor);
         add("registry/filterShared", entries, filterShared);
         add("registry/listShared", entries, listShared);
         add("registry/shareAndUnshare", entries, shareAndUnshare);

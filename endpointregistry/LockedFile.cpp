@@ -23,9 +23,9 @@ using foundation::log::severity;
 
 std::string getPrivateFolderPath(const std::string& parent, bool create) {
     // The path service has made the base, or made sure that it can be trusted.
-    const std::string base = fl::i18n::ustring_to_utf8(
+    std::string path = fl::i18n::ustring_to_utf8(
         foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateBase));
-    std::string path = base + "/" + parent + "/";
+    path.append("/").append(parent).append("/");
     if (create) {
         createFolder(path);
     }

@@ -52,8 +52,15 @@ std::vector<std::string> levelsOf(const std::string& parent, const os::Group& tr
     return {"Corvantis", parent, hashString(trustee.name())};
 }
 
-os::FileDescriptor openExisting(const std::string& parent, const os::Group& trustee) {
-    return os::openFolderBelow(sharedFolderIn(usersFolder()), levelsOf(parent, trustee));
+/// The folder as it is; empty, with errno set, when it cannot be opened.
+os::FileDescriptor openExisting(const std::string& path, const std::string& parent,
+                                const os::Group& trustee) {
+    os::FileDescriptor folder = os::openThroughNoLink(path, O_RDONLY | O_DIRECTORY);
+    // Links on the way to the shared folder are its administrator's, and not every kernel and
+    // filter knows the call.
+    return folder || errno == ENOENT
+               ? std::move(folder)
+               : os::openFolderBelow(sharedFolderIn(usersFolder()), levelsOf(parent, trustee));
 }
 
 /// The shared folder itself is the administrator's, who may have put a link there.
@@ -136,11 +143,8 @@ JoinedFolder::JoinedFolder(os::FileDescriptor folder, std::string path, const os
 }
 
 std::string JoinedFolder::pathOf(const std::string& parent, const os::Group& trustee) {
-    std::string path = sharedFolderIn(usersFolder()) + "/";
-    for (const std::string& level : levelsOf(parent, trustee)) {
-        path += level + "/";
-    }
-    return path;
+    return sharedFolderIn(usersFolder()) + "/Corvantis/" + parent + "/" +
+           hashString(trustee.name()) + "/";
 }
 
 bool JoinedFolder::isStillNamed() const {
@@ -149,7 +153,8 @@ bool JoinedFolder::isStillNamed() const {
 
 std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
                                                const os::Group& trustee) {
-    os::FileDescriptor folder = openExisting(parent, trustee);
+    std::string path = pathOf(parent, trustee);
+    os::FileDescriptor folder = openExisting(path, parent, trustee);
     if (!folder) {
         const int error = errno;
         LockedFile::getParentPath(parent, trustee.name(), false); // Says what else is missing.
@@ -158,12 +163,13 @@ std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
         }
         failToReadFolder(error);
     }
-    return JoinedFolder(std::move(folder), pathOf(parent, trustee), trustee);
+    return JoinedFolder(std::move(folder), std::move(path), trustee);
 }
 
 JoinedFolder JoinedFolder::enter(const std::string& parent, const os::Group& trustee) {
-    if (os::FileDescriptor folder = openExisting(parent, trustee)) {
-        return {std::move(folder), pathOf(parent, trustee), trustee};
+    std::string path = pathOf(parent, trustee);
+    if (os::FileDescriptor folder = openExisting(path, parent, trustee)) {
+        return {std::move(folder), std::move(path), trustee};
     }
     return obtain(parent, trustee);
 }

@@ -95,17 +95,7 @@ FileDescriptor openThroughNoLink(const FilePlace& place, int flags) {
 }
 
 FileDescriptor openFolderBelow(const FilePlace& top, const std::vector<std::string>& levels) {
-    std::string path = top.name;
-    for (const std::string& level : levels) {
-        path += '/' + level;
-    }
-    FileDescriptor folder = openThroughNoLink({top.folder, path}, O_RDONLY | O_DIRECTORY);
-    // A link on the way to the topmost folder is its administrator's. Kernels before 5.6, and
-    // filters that do not know the call, refuse it.
-    if (folder || (errno != ELOOP && errno != ENOSYS && errno != EPERM)) {
-        return folder;
-    }
-    folder = FileDescriptor(retryOnInterrupt(
+    FileDescriptor folder(retryOnInterrupt(
         [&] { return ::openat(top.folder, top.name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
     for (auto level = levels.begin(); folder && level != levels.end(); ++level) {
         folder = openFolder({folder.get(), *level});

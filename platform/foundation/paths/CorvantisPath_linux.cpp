@@ -1,6 +1,5 @@
 #include "foundation/paths/CorvantisPath.h"
 
-#include <boost/locale/encoding_utf.hpp>
 #include <cerrno>
 #include <stdexcept>
 #include <string>
@@ -45,7 +44,7 @@ std::u16string getCorvantisPath(LocationHint /*hint*/) {
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         refuse(path, "is open to other users.");
     }
-    return boost::locale::conv::utf_to_utf<char16_t>(path);
+    return {path.begin(), path.end()}; // All of it is ASCII.
 }
 
 } // namespace foundation::paths
