@@ -51,10 +51,11 @@ EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
 LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
     if (const OpenFolder* const open = group.isNone() ? folder() : nullptr) {
         auto impl = std::make_unique<LockedFile::Impl>(name, *open, isNew);
-        // Somebody may have removed the folder since it was opened.
         if (impl->getLockError() != ENOENT) {
             return LockedFile::Impl::wrap(std::move(impl));
         }
+        // Somebody has removed the folder since it was opened.
+        found.reset();
     }
     const std::string& parent = Endpoint::Impl::LF_PARENT_PATH;
     return isNew ? joined::createAndTryLock(name, parent, group)

@@ -45,17 +45,18 @@ LockedFile lock(const std::string& name, const std::string& parent, const os::Gr
 /// a file that is a member's, with the group and the mode, tells as much as its folder would.
 LockedDescriptor lockStraight(const std::string& path, const os::Group& trustee) {
     os::FileDescriptor file = os::openThroughNoLink(path, O_RDONLY | O_NONBLOCK);
-    if (!file || os::retryOnInterrupt([&] { return ::flock(file.get(), LOCK_EX); }) != 0) {
+    constexpr mode_t permissions = S_IRWXU | S_IRWXG | S_IRWXO;
+    struct stat status {};
+    const bool isShared = file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                          (status.st_mode & permissions) == groupFileMode &&
+                          trustee.id() == status.st_gid && trustee.trusts(status.st_uid) == true;
+    // Not before that is known: a stranger could hold a file of his own for ever.
+    if (!isShared || os::retryOnInterrupt([&] { return ::flock(file.get(), LOCK_EX); }) != 0) {
         return {};
     }
     LockedDescriptor lock(std::move(file));
-    constexpr mode_t permissions = S_IRWXU | S_IRWXG | S_IRWXO;
-    struct stat status {};
-    const bool isShared = ::fstat(lock.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                          (status.st_mode & permissions) == groupFileMode &&
-                          trustee.id() == status.st_gid && trustee.trusts(status.st_uid) == true;
     // Whoever else comes by this path must come to the same file.
-    const bool isMeant = isShared && os::identityAt(path) == os::FileIdentity(status);
+    const bool isMeant = os::identityAt(path) == os::FileIdentity(status);
     return isMeant ? std::move(lock) : LockedDescriptor();
 }
 

@@ -35,7 +35,7 @@ std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
             names.emplace_back(name);
         }
     }
-    if (errno != 0) {
+    if (errno != 0 && errno != ENOENT) {
         failToReadFolder(errno);
     }
     return names;
