@@ -4,6 +4,8 @@
 #include "endpointregistry/detail/ArrayAccess.h"
 #include "endpointregistry/detail/NameListing.h"
 
+#include "sharedmemory/SegmentOpeners.h"
+
 #include <algorithm>
 #include <chrono>
 #include <exception>
@@ -79,7 +81,7 @@ void NamedStringArray::insert(std::vector<std::string> entry) {
     const os::Group group(trustee);
     for (;;) {
         SharedMemory base =
-            SharedMemory::createOrFind(baseName, ArrayBase::size, group, implementation);
+            SharedMemory::Openers::createOrFind(baseName, ArrayBase::size, group, implementation);
         if (!arrays::isBase(base)) {
             arrays::failInconsistent(baseName);
         }
@@ -102,7 +104,7 @@ void NamedStringArray::insertLocked(SharedMemory& base, const Entry& entry,
     if (arrays::belongsToOtherVersion(baseName, containerName, group)) {
         arrays::failInconsistent(baseName);
     }
-    SharedMemory container = SharedMemory::createOrFind(
+    SharedMemory container = SharedMemory::Openers::createOrFind(
         containerName, getContainerSize(before.length, before.width), group, implementation);
     if (container.isCreator()) {
         container.makePersistent();
@@ -196,8 +198,7 @@ std::vector<NamedStringArray::Entry> NamedStringArray::filter(const Entry& subst
         if (!base.isAttached() || !ArrayBase(base.getPointer()).isInitialised()) {
             return {};
         }
-        if (const auto locked =
-                arrays::lockIfStillNamed(std::move(base), group, arrays::lockToRead)) {
+        if (const auto locked = arrays::lockIfStillNamed(std::move(base), group)) {
             return filterLocked(locked->segment, substrings, group);
         }
     }

@@ -7,6 +7,10 @@
 #include <utility>
 #include <vector>
 
+namespace foundation::os {
+class Group;
+} // namespace foundation::os
+
 #pragma GCC visibility push(default)
 
 namespace agent::spf::endpointregistry {

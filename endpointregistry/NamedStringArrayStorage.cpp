@@ -2,6 +2,7 @@
 #include "endpointregistry/NamedStringArray.h"
 #include "endpointregistry/detail/ArrayAccess.h"
 #include "foundation/os/Process.h"
+#include "sharedmemory/SegmentOpeners.h"
 
 #include <algorithm>
 #include <limits>
@@ -201,7 +202,7 @@ SharedMemory NamedStringArray::makeContainer(unsigned long generation, unsigned 
     // From an interrupted resize, or from an earlier table of this name.
     removeContainer(name, group);
     SharedMemory made =
-        SharedMemory::create(name, getContainerSize(length, width), group, implementation);
+        SharedMemory::Openers::create(name, getContainerSize(length, width), group, implementation);
     if (!made.isAttached()) {
         arrays::failInconsistent(baseName);
     }

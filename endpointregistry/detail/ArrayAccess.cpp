@@ -3,6 +3,7 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/NamedStringArray.h"
 #include "endpointregistry/detail/JoinedRegistry.h"
+#include "sharedmemory/SegmentOpeners.h"
 
 #include <stdexcept>
 #include <utility>
@@ -16,8 +17,9 @@ namespace {
 using foundation::log::severity;
 using sharedmemory::SharedMemory;
 
-const std::string lockName = "baseLock";
-const std::string lockParent = "qvNamedStringArray";
+// No strings, which would go with the library's statics: what is shared may be withdrawn later.
+constexpr const char* lockName = "baseLock";
+constexpr const char* lockParent = "qvNamedStringArray";
 
 // A descriptor may state anything, and what it states is read from end to end.
 constexpr unsigned long largestContainer = 64UL * 1024 * 1024;
@@ -29,12 +31,8 @@ LockedFile lock(const os::Group& trustee) {
     return joined::getLock(lockName, lockParent, trustee);
 }
 
-LockedFile lockToRead(const os::Group& trustee) {
-    return joined::getLockOnly(lockName, lockParent, trustee);
-}
-
 SharedMemory find(const std::string& name, std::size_t size, const os::Group& trustee) {
-    SharedMemory segment = SharedMemory::find(name, size, trustee, implementation);
+    SharedMemory segment = SharedMemory::Openers::find(name, size, trustee, implementation);
     return segment.getTrustee() == trustee.name() ? std::move(segment) : SharedMemory();
 }
 
@@ -55,13 +53,12 @@ SharedMemory findAnyBase(const std::string& baseName, const os::Group& trustee) 
     if (!trustee.isNone()) {
         return findBase(baseName, os::Group({}));
     }
-    base = SharedMemory::find(baseName, ArrayBase::size, trustee, implementation);
+    base = SharedMemory::Openers::find(baseName, ArrayBase::size, trustee, implementation);
     return isBase(base) ? std::move(base) : SharedMemory();
 }
 
-std::optional<LockedBase> lockIfStillNamed(SharedMemory base, const os::Group& trustee,
-                                           LockedFile (*takeLock)(const os::Group&)) {
-    LockedBase locked{takeLock(trustee), std::move(base)};
+std::optional<LockedBase> lockIfStillNamed(SharedMemory base, const os::Group& trustee) {
+    LockedBase locked{lock(trustee), std::move(base)};
     if (!locked.segment.isStillNamed()) {
         return std::nullopt;
     }

@@ -38,9 +38,6 @@ sharedmemory::SharedMemory findBase(const std::string& baseName,
 sharedmemory::SharedMemory findAnyBase(const std::string& baseName,
                                        const foundation::os::Group& trustee);
 
-/// The same for an operation that only reads.
-LockedFile lockToRead(const foundation::os::Group& trustee);
-
 /// A table's base together with the lock. The base goes before the lock.
 struct LockedBase {
     LockedFile lock;
@@ -51,9 +48,8 @@ struct LockedBase {
 
 /// Locks the table of an initialised base, provided that the base is still there then: it was found
 /// before the lock was free, and what is written to a removed one is lost. `trustee` is the base's.
-std::optional<LockedBase>
-lockIfStillNamed(sharedmemory::SharedMemory base, const foundation::os::Group& trustee,
-                 LockedFile (*takeLock)(const foundation::os::Group&) = lock);
+std::optional<LockedBase> lockIfStillNamed(sharedmemory::SharedMemory base,
+                                           const foundation::os::Group& trustee);
 
 /// The container of a descriptor; not attached when there is none, or none that large.
 sharedmemory::SharedMemory findContainer(const std::string& baseName,

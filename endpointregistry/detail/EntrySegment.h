@@ -4,7 +4,7 @@
 #include <string_view>
 #include <utility>
 
-/// The bytes of an entry's data segment, which publishers and readers of all builds share:
+/// The bytes of an entry's data segment, which publishers and readers share:
 ///
 ///     offset 0       ready: bit 0 is set once all below is written
 ///            8       the length of the first data string, 64 bits in the machine's order

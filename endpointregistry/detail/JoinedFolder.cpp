@@ -47,9 +47,19 @@ gid_t groupOf(const os::Group& trustee) {
     throw std::runtime_error(inconsistency);
 }
 
+constexpr const char* topLevel = "Corvantis";
+
 /// The levels below the shared folder.
 std::vector<std::string> levelsOf(const std::string& parent, const os::Group& trustee) {
-    return {"Corvantis", parent, hashString(trustee.name())};
+    return {topLevel, parent, hashString(trustee.name())};
+}
+
+std::string topPath() {
+    return sharedFolderIn(usersFolder()) + "/" + topLevel + "/";
+}
+
+std::string pathOf(const std::string& parent, const os::Group& trustee) {
+    return topPath() + parent + "/" + hashString(trustee.name()) + "/";
 }
 
 /// The folder as it is; empty, with errno set, when it cannot be opened.
@@ -142,11 +152,6 @@ JoinedFolder::JoinedFolder(os::FileDescriptor folder, std::string path, const os
     , identity(examine(descriptor(), trustee, this->path())) {
 }
 
-std::string JoinedFolder::pathOf(const std::string& parent, const os::Group& trustee) {
-    return sharedFolderIn(usersFolder()) + "/Corvantis/" + parent + "/" +
-           hashString(trustee.name()) + "/";
-}
-
 bool JoinedFolder::isStillNamed() const {
     return os::identityAt(path()) == identity;
 }
@@ -182,10 +187,9 @@ JoinedFolder JoinedFolder::obtain(const std::string& parent, const os::Group& tr
         fail("Utils::createFolder(): Failed to open the directory: <", getSharedFolderPath(),
              errno);
     }
-    const std::string topPath = sharedFolderIn(usersFolder()) + "/Corvantis/";
-    const os::FileDescriptor top = obtainPublicFolder({shared.get(), "Corvantis"}, topPath);
+    const os::FileDescriptor top = obtainPublicFolder({shared.get(), topLevel}, topPath());
     const os::FileDescriptor middle =
-        obtainPublicFolder({top.get(), parent}, topPath + parent + "/");
+        obtainPublicFolder({top.get(), parent}, topPath() + parent + "/");
     std::string path = pathOf(parent, trustee);
     os::FileDescriptor folder =
         obtainFolder({middle.get(), hashString(trustee.name())}, groupOnly, &trustee, path);

@@ -38,9 +38,6 @@ public:
     /// to everybody again.
     static JoinedFolder obtain(const std::string& parent, const foundation::os::Group& trustee);
 
-    /// The path of the folder, whether or not there is one.
-    static std::string pathOf(const std::string& parent, const foundation::os::Group& trustee);
-
     gid_t group() const { return ownGroup; }
 
     /// Whether the path still leads to this folder. Whoever may write to the folders above can put

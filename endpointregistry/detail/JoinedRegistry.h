@@ -22,10 +22,6 @@ LockedFile getLock(const std::string& name, const std::string& parent,
 LockedFile tryLock(const std::string& name, const std::string& parent,
                    const foundation::os::Group& trustee);
 
-/// As `getLock`, at less cost where the file is there; for a holder that never removes it.
-LockedFile getLockOnly(const std::string& name, const std::string& parent,
-                       const foundation::os::Group& trustee);
-
 /// The folder of a trustee that the files are in; nothing when there is none.
 std::optional<OpenFolder> findFolder(const std::string& parent,
                                      const foundation::os::Group& trustee);

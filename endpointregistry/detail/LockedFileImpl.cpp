@@ -48,17 +48,6 @@ LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string truste
     , lock(lockFile()) {
 }
 
-LockedFile::Impl::Impl(std::string name, std::string trustee, std::string folderPath,
-                       LockedDescriptor lock)
-    : isExclusive(false)
-    , deleteOnDestruction(false)
-    , waitForLock(false)
-    , name(std::move(name))
-    , trustee(std::move(trustee))
-    , parentPath(std::move(folderPath))
-    , lock(std::move(lock)) {
-}
-
 LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isExclusive)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
@@ -82,12 +71,14 @@ bool LockedFile::Impl::isOursToRemove() const {
 
 bool LockedFile::Impl::isReplaced() const {
     // If ours was removed by somebody, a file that stands there now is another holder's.
-    struct stat status {};
-    const bool hasName = ::fstat(lock.get(), &status) == 0 && status.st_nlink != 0;
     const os::FilePlace file = place();
-    return !hasName &&
-           ::fstatat(file.folder, file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISREG(status.st_mode);
+    struct stat status {};
+    return ::fstatat(file.folder, file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(status.st_mode) && os::FileIdentity(status) != identity;
+}
+
+bool LockedFile::Impl::isStillNamed() const {
+    return lock ? os::identityAt(parentPath + name) == identity : !folder || folder->isStillNamed();
 }
 
 LockedFile::Impl::~Impl() {
@@ -120,9 +111,11 @@ LockingOpen LockedFile::Impl::openAt(const os::FilePlace& place) const {
 
 LockingOpen LockedFile::Impl::openByPath() const {
     LockingOpen opened = openAt(place());
-    if (opened.error == ENOENT && trustee.empty()) {
-        createFolder(parentPath);
-        opened = openAt(place());
+    const bool isAnswer =
+        opened.error == 0 || opened.error == EEXIST || opened.error == EWOULDBLOCK;
+    if (!isAnswer && trustee.empty()) {
+        createFolder(parentPath); // Says so if that is what is wrong.
+        opened = opened.error == ENOENT ? openAt(place()) : std::move(opened);
     }
     return opened;
 }
@@ -163,6 +156,7 @@ LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
             throw;
         }
     }
+    identity = opened.identity;
     return std::move(opened.lock);
 }
 

@@ -27,9 +27,6 @@ public:
     /// In a private folder that is open at the moment, without waiting. The file's path is what the
     /// folder's was.
     Impl(std::string name, const OpenFolder& openFolder, bool isExclusive);
-
-    /// Of a file that is locked already.
-    Impl(std::string name, std::string trustee, std::string folderPath, LockedDescriptor lock);
     ~Impl();
 
     Impl(const Impl&) = delete;
@@ -38,8 +35,9 @@ public:
     void markForDeletion() { deleteOnDestruction = true; }
     void makePersistent() { deleteOnDestruction = false; }
     bool isLocked() const { return static_cast<bool>(lock); }
-    /// Whether the folder is still where everybody else looks for it; one that was not joined is.
-    bool isFolderStillNamed() const { return !folder || folder->isStillNamed(); }
+    /// Whether everybody else comes to the same file by the path, or to the same folder where there
+    /// is no lock.
+    bool isStillNamed() const;
     int getLockError() const { return lockError; }
     std::string getTrustee() const;
 
@@ -69,6 +67,7 @@ private:
     std::string trustee;
     std::optional<JoinedFolder> folder;
     std::string parentPath;
+    std::optional<foundation::os::FileIdentity> identity;
     LockedDescriptor lock;
 };
 

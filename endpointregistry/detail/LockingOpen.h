@@ -1,6 +1,7 @@
 #pragma once
 
 #include "endpointregistry/detail/LockedDescriptor.h"
+#include "foundation/os/FileIdentity.h"
 #include "foundation/os/FilePlace.h"
 
 #include <optional>
@@ -16,6 +17,8 @@ struct LockingOpen {
     int error = 0;
     /// Whether this call made the file.
     bool isNew = false;
+    /// Which file it is; nothing unless it is locked.
+    std::optional<foundation::os::FileIdentity> identity = std::nullopt;
 };
 
 /// The mode of a file that a group shares. The owner may only read what the group may do anything
@@ -28,8 +31,9 @@ enum class Waiting { forLock, never };
 /// Opens and exclusively locks the regular file in this place, making it when it is missing: with
 /// mode 0400, or with `groupFileMode` for a group. A new file appears already locked, with its
 /// final group and mode, and the lock is on the file that stands there when the call returns: a
-/// file that was removed meanwhile is not what its name means. `Existing::refused` yields EEXIST
-/// when there is anything under the name.
+/// file that was removed meanwhile is not what its name means. A group's, whose folder may have
+/// been put elsewhere, is for the caller to compare. `Existing::refused` yields EEXIST when there
+/// is anything under the name.
 LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existing, Waiting waiting,
                         std::optional<gid_t> group = std::nullopt);
 

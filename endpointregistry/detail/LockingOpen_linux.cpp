@@ -53,9 +53,11 @@ int checkKind(const struct stat& status) {
     return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
 }
 
+enum class Comparing { withThePlace, byTheCaller };
+
 /// Opens what stands in the place and locks it with `takeLock`, until both are the same file.
 template<typename TakeLock>
-LockingOpen lockExisting(const os::FilePlace& place, TakeLock takeLock) {
+LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLock takeLock) {
     for (;;) {
         // Not blocking, not followed: in a shared folder the name may have been given to a pipe
         // or a link on purpose.
@@ -78,8 +80,9 @@ LockingOpen lockExisting(const os::FilePlace& place, TakeLock takeLock) {
         if (const int error = checkKind(status); error != 0) {
             return {{}, error};
         }
-        if (os::identityAt(place) == os::FileIdentity(status)) {
-            return {std::move(lock)};
+        const os::FileIdentity identity(status);
+        if (comparing == Comparing::byTheCaller || os::identityAt(place) == identity) {
+            return {std::move(lock), 0, false, identity};
         }
     }
 }
@@ -96,18 +99,19 @@ LockingOpen makeLocked(const os::FilePlace& place, std::optional<gid_t> group) {
     if (file.error != 0) {
         return {{}, file.error};
     }
-    return {LockedDescriptor(std::move(file.descriptor)), 0, true};
+    return {LockedDescriptor(std::move(file.descriptor)), 0, true, file.identity};
 }
 
 } // namespace
 
 LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting waiting,
                         std::optional<gid_t> group) {
+    const Comparing comparing = group ? Comparing::byTheCaller : Comparing::withThePlace;
     for (;;) {
         // What exists is opened without O_CREAT: with fs.protected_regular set, that flag makes
         // opening another user's file in a sticky folder fail, even for root.
         if (existing == Existing::accepted) {
-            LockingOpen found = lockExisting(place, [waiting](int descriptor) {
+            LockingOpen found = lockExisting(place, comparing, [waiting](int descriptor) {
                 return waiting == Waiting::forLock ? applyLock(descriptor, LOCK_EX)
                                                    : lockUnlessHeld(descriptor);
             });
@@ -123,7 +127,7 @@ LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting w
 }
 
 LockingOpen openAndShareLock(const os::FilePlace& place) {
-    return lockExisting(place,
+    return lockExisting(place, Comparing::withThePlace,
                         [](int descriptor) { return applyLock(descriptor, LOCK_SH | LOCK_NB); });
 }
 

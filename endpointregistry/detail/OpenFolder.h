@@ -12,7 +12,8 @@
 namespace agent::spf::endpointregistry {
 
 /// A folder of the registry, held open: a listing and all that follows from it see one folder, and
-/// its path is walked once.
+/// its path is walked once. Who moves the private folder, its own user, takes what is published in
+/// it out of sight, now or a moment before.
 class OpenFolder {
 public:
     OpenFolder(foundation::os::FileDescriptor folder, std::string path)
@@ -23,7 +24,8 @@ public:
     /// std::runtime_error when it cannot be opened or the private base is not to be trusted.
     static std::optional<OpenFolder> findPrivate(const std::string& parent);
 
-    /// The names in it that pass the test, in the order in which the folder lists them. Throws
+    /// The names in it that pass the test, in the order in which the folder lists them; of those
+    /// that were made after it was opened, at least by the second call. Throws
     /// std::runtime_error when it cannot be read.
     std::vector<std::string> names(const NameTest& isWanted) const;
 

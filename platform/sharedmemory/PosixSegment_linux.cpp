@@ -80,7 +80,8 @@ public:
     std::size_t size() const noexcept override { return ownSize; }
 
     void overwrite(std::size_t offset, std::string_view bytes) noexcept override {
-        if (mapping) {
+        // Of a segment that was found, perhaps less than all of it is mapped.
+        if (offset + bytes.size() <= mapping.size()) {
             std::copy(bytes.begin(), bytes.end(), static_cast<char*>(mapping.get()) + offset);
         } else if (const os::FileDescriptor file = open()) {
             os::retryOnInterrupt([&] {
@@ -98,7 +99,9 @@ public:
     }
 
 private:
-    /// The segment's file; empty, with errno set, when it is not what the path leads to.
+    /// The segment's file; empty, with errno set, when it is not what the path leads to. A segment
+    /// that nobody has open may be told from a later one of its name by its identity all the same:
+    /// the memory file system of /dev/shm numbers its files on and on.
     os::FileDescriptor open() const noexcept {
         os::FileDescriptor file(os::retryOnInterrupt(
             [&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));

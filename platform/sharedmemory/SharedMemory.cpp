@@ -5,6 +5,7 @@
 #include "sharedmemory/Failure.h"
 #include "sharedmemory/PosixSegment.h"
 #include "sharedmemory/Segment.h"
+#include "sharedmemory/SegmentOpeners.h"
 #include "sharedmemory/SysVSegment.h"
 
 #include <cerrno>
@@ -58,12 +59,12 @@ bool looksInGroups(const os::Group& trustee, Segments implementation) {
 SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
                                   const std::string& trustee,
                                   ImplementationSpecifications implementation) {
-    return create(name, size, os::Group(trustee), implementation);
+    return Openers::create(name, size, trustee, implementation);
 }
 
-SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
-                                  const os::Group& trustee,
-                                  ImplementationSpecifications implementation) {
+SharedMemory SharedMemory::Openers::create(const std::string& name, std::size_t size,
+                                           const os::Group& trustee,
+                                           ImplementationSpecifications implementation) {
     return SharedMemory(enter(size, implementation).create(name, size, trustee));
 }
 
@@ -77,11 +78,12 @@ SharedMemory SharedMemory::createFilled(const std::string& name, std::string_vie
 SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
                                 const std::string& trustee,
                                 ImplementationSpecifications implementation) {
-    return find(name, size, os::Group(trustee), implementation);
+    return Openers::find(name, size, trustee, implementation);
 }
 
-SharedMemory SharedMemory::find(const std::string& name, std::size_t size, const os::Group& trustee,
-                                ImplementationSpecifications implementation) {
+SharedMemory SharedMemory::Openers::find(const std::string& name, std::size_t size,
+                                         const os::Group& trustee,
+                                         ImplementationSpecifications implementation) {
     const Backend backend = enter(size, implementation);
     SegmentLookup found = backend.find(name, size, trustee);
     if (!found.isTaken && looksInGroups(trustee, implementation)) {
@@ -98,12 +100,12 @@ SharedMemory SharedMemory::find(const std::string& name, std::size_t size, const
 SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
                                         const std::string& trustee,
                                         ImplementationSpecifications implementation) {
-    return createOrFind(name, size, os::Group(trustee), implementation);
+    return Openers::createOrFind(name, size, trustee, implementation);
 }
 
-SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
-                                        const os::Group& trustee,
-                                        ImplementationSpecifications implementation) {
+SharedMemory SharedMemory::Openers::createOrFind(const std::string& name, std::size_t size,
+                                                 const os::Group& trustee,
+                                                 ImplementationSpecifications implementation) {
     const Backend backend = enter(size, implementation);
     for (;;) {
         SegmentLookup found = backend.find(name, size, trustee);

@@ -7,10 +7,6 @@
 #include <string>
 #include <string_view>
 
-namespace foundation::os {
-class Group;
-} // namespace foundation::os
-
 #pragma GCC visibility push(default)
 
 namespace agent::spf::sharedmemory {
@@ -22,9 +18,9 @@ namespace agent::spf::sharedmemory {
 /// calling user alone, in which case the user belongs to its identity. Two users' private segments
 /// of one name never meet.
 ///
-/// Nobody ever sees a segment half made: it can be found only at its full size, all bytes zero,
-/// with its final owner and mode, its memory reserved. What is found is checked before it is used:
-/// who made it, its group, its mode and its size.
+/// Nobody ever sees a segment half made: it can be found only at its full size, with all bytes zero
+/// or the contents that it was made with, its final owner and mode, its memory reserved. What is
+/// found is checked before it is used: who made it, its group, its mode and its size.
 ///
 /// A handle may be moved and not copied; one thread at a time uses it, while the bytes behind it
 /// belong to all processes attached. A child made by fork() inherits handles that stay attached
@@ -54,7 +50,7 @@ public:
 
     /// The same for a segment that appears with its contents, as large as they are. It takes no
     /// address space until `getPointer` is called, which throws std::runtime_error when the segment
-    /// has been removed by then.
+    /// has been removed by then. That call changes the handle, though it is const.
     static SharedMemory createFilled(const std::string& name, std::string_view contents,
                                      const std::string& trustee,
                                      ImplementationSpecifications implementation);
@@ -83,18 +79,6 @@ public:
                                            const std::string& trustee,
                                            ImplementationSpecifications implementation);
 
-    // For the libraries of this project alone: the same for operations that open several segments
-    // and have their trustee looked up once.
-    static SharedMemory create(const std::string& name, std::size_t size,
-                               const foundation::os::Group& trustee,
-                               ImplementationSpecifications implementation);
-    static SharedMemory find(const std::string& name, std::size_t size,
-                             const foundation::os::Group& trustee,
-                             ImplementationSpecifications implementation);
-    static SharedMemory createOrFind(const std::string& name, std::size_t size,
-                                     const foundation::os::Group& trustee,
-                                     ImplementationSpecifications implementation);
-
     /// A handle that is not attached.
     SharedMemory() noexcept;
 
@@ -122,8 +106,8 @@ public:
     void* getPointer() const;
 
     /// Writes bytes into the segment, without the need for an address; a single one at once.
-    /// Nothing is written past the segment's end, to a segment that was removed meanwhile, or when
-    /// not attached.
+    /// Nothing is written past the segment's end or when not attached, nor to another segment that
+    /// has the name by now.
     void overwrite(std::size_t offset, std::string_view bytes) noexcept;
 
     /// The size in bytes that the segment was made with, of which at least as many are mapped as
@@ -143,8 +127,9 @@ public:
     /// Has the segment removed with this handle, also when it did not make it.
     void markForDeletion();
 
-    // Private to the library.
+    // Private to the library, and to those of this project.
     class __attribute__((visibility("hidden"))) Segment;
+    struct Openers;
 
 private:
     explicit SharedMemory(std::unique_ptr<Segment> segment) noexcept;

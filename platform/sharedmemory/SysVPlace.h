@@ -31,6 +31,7 @@ class SysVPlace {
 public:
     /// Throws as `groupOf` does.
     SysVPlace(const std::string& name, const foundation::os::Group& trustee);
+    SysVPlace(const std::string& name, foundation::os::Group&& trustee) = delete;
 
     enum class Standing {
         /// Nothing has the key.

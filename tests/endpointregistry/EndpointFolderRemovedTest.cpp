@@ -4,8 +4,10 @@
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/support/TracedProcess.h"
 
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -52,6 +54,17 @@ TEST_F(EndpointFolderRemoved, IsMadeAgainByAPublisher) {
             }
         },
         40);
+}
+
+TEST_F(EndpointFolderRemoved, TakesNoEndpointThatWasPublishedSince) {
+    auto first = std::make_unique<Endpoint>(data, "tag", "key");
+    const std::string elsewhere = tests::privateBase() + "/elsewhere";
+    std::filesystem::rename(tests::entryFolder(), elsewhere);
+    const Endpoint second(data, "tag", "key");
+    EXPECT_EQ(Endpoint::find("tag", "key"), data);
+    first.reset();
+    EXPECT_EQ(Endpoint::find("tag", "key"), data);
+    std::filesystem::remove_all(elsewhere);
 }
 
 TEST_F(EndpointFolderRemoved, IsAnEmptyOneToALookup) {

@@ -13,6 +13,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -127,4 +128,31 @@ TEST_F(EndpointSharingStrangers, MakesFoldersAndSegmentsForTheGroupUnderAnyUmask
             }
         });
     }
+}
+
+TEST_F(EndpointSharingStrangers, CannotKeepMembersWaiting) {
+    const Sharer publisher(anna, annas, tag, key, {friends});
+    tests::ForkedProcess stranger([](tests::Channel& test) {
+        accounts::become(carl);
+        // What stands in the folders above a group's, everybody may replace.
+        const std::string folder = tests::sharedFolder(tests::tableParent, friends);
+        const std::string elsewhere = tests::sharedTop + "/" + tests::tableParent + "/elsewhere/";
+        EXPECT_EQ(::rename(folder.c_str(), elsewhere.c_str()), 0);
+        tests::makeFolder(folder, 0755);
+        tests::makeFile(folder + "baseLock", 0644);
+        const auto file = tests::openFile(folder + "baseLock");
+        EXPECT_EQ(::flock(file.get(), LOCK_EX), 0);
+        test.send("held");
+        test.receive();
+    });
+    ASSERT_EQ(stranger.channel().receive(), "held");
+    tests::ForkedProcess member([](tests::Channel& test) {
+        accounts::become(ben);
+        EXPECT_THROW(Endpoint::list({friends}), std::runtime_error);
+        test.send("refused");
+    });
+    EXPECT_EQ(member.channel().receive(), "refused");
+    EXPECT_EQ(member.waitForExit(), 0);
+    stranger.channel().send("end");
+    EXPECT_EQ(stranger.waitForExit(), 0);
 }

@@ -2,8 +2,8 @@
 
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
-#include "foundation/os/FileDescriptor.h"
 #include "tests/endpointregistry/EndpointTools.h"
+#include "tests/endpointregistry/FewDescriptors.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/LoggersReportedFailure.h"
 #include "tests/support/ForkedProcess.h"
@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -21,7 +20,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <typeinfo>
 #include <unistd.h>
@@ -39,21 +37,6 @@ namespace accounts = tests::accounts;
 const DataPair data("ab", "c");
 const std::string tag = "tag";
 const std::string key = "key";
-
-/// Leaves the calling process this many descriptors to open; for good, so call it in a child.
-std::vector<foundation::os::FileDescriptor> leaveDescriptors(std::size_t count) {
-    constexpr rlim_t most = 128;
-    const rlimit limit{most, most};
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        throw std::system_error(errno, std::generic_category(), "setrlimit");
-    }
-    std::vector<foundation::os::FileDescriptor> hoard;
-    while (foundation::os::FileDescriptor next{::open("/", O_PATH | O_CLOEXEC)}) {
-        hoard.push_back(std::move(next));
-    }
-    hoard.resize(hoard.size() - count);
-    return hoard;
-}
 
 std::string suffix(int error) {
     return "(Error " + std::to_string(error) + ")";
@@ -111,7 +94,7 @@ std::vector<Failure> failuresForWantOfDescriptors(const std::function<void()>& c
         tests::ForkedProcess child([&](tests::Channel& parent) {
             std::optional<Failure> failure;
             {
-                const auto hoard = leaveDescriptors(left);
+                const auto hoard = tests::leaveDescriptors(left);
                 failure = failureOf(call, EMFILE);
             }
             EXPECT_EQ(tests::entryFiles(), std::vector<std::string>());
@@ -158,6 +141,42 @@ TEST_F(EndpointWithoutDescriptors, IsNotLookedUpButReported) {
     EXPECT_EQ(failures.front().text, "System Error: File system inconsistency");
     EXPECT_EQ(failures.front().log.front().message,
               "LockedFile::filterNames(): Failed to open parent folder. (Error 24)");
+}
+
+TEST_F(EndpointWithoutDescriptors, IsNoDeathOfThoseWhoLive) {
+    const Endpoint living(data, tag, key);
+    const auto files = tests::entryFiles();
+    const std::vector<std::function<void()>> calls{
+        [] { EXPECT_EQ(Endpoint::find(tag, key), data); },
+        [] { EXPECT_EQ(Endpoint::list(), DataPairs{data}); },
+        [] { EXPECT_EQ(Endpoint::Impl::countSynonymEndpoints(data, tag, key), 1U); },
+        [] {
+            try {
+                const Endpoint synonym(data, tag, "other key");
+                ADD_FAILURE() << "published beside a synonym";
+            } catch (const Endpoint::DuplicateEndpointError&) {
+                SUCCEED();
+            }
+        },
+    };
+    for (const auto& call : calls) {
+        std::string outcome = "refused";
+        for (std::size_t left = 0; left < 20 && outcome == "refused"; ++left) {
+            tests::ForkedProcess child([&](tests::Channel& parent) {
+                std::optional<Failure> failure;
+                {
+                    const auto hoard = tests::leaveDescriptors(left);
+                    failure = failureOf(call, EMFILE);
+                }
+                parent.send(failure ? "refused" : "done");
+            });
+            outcome = child.channel().receive();
+            EXPECT_EQ(child.waitForExit(), 0) << "with " << left << " descriptors";
+            EXPECT_EQ(tests::entryFiles(), files);
+            EXPECT_EQ(tests::segmentFiles().size(), 1U);
+        }
+        EXPECT_EQ(outcome, "done");
+    }
 }
 
 TEST_F(EndpointUnderStrain, LeavesNothingBehindWhereMemoryIsFull) {

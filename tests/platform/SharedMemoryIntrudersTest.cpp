@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
@@ -49,6 +50,11 @@ protected:
                           EXPECT_FALSE(find(name, someSize, trustee).isAttached());
                           EXPECT_THROW(create(name, someSize, trustee), std::runtime_error);
                           EXPECT_THROW(createOrFind(name, someSize, trustee), std::runtime_error);
+                          EXPECT_EQ(SharedMemory::read(name, someSize, trustee, tests::posix),
+                                    std::nullopt);
+                          EXPECT_THROW(
+                              SharedMemory::createFilled(name, "contents", trustee, tests::posix),
+                              std::runtime_error);
                       }),
                       0);
             EXPECT_EQ(identityAt(path), identity);
@@ -78,11 +84,13 @@ TEST_F(SharedMemoryIntruders, AreRefusedAsSegmentsOfAnotherNameUnderTheSameFileN
     const SharedMemory other = create("other/name");
     fs::rename(tests::segmentFiles().at(0), path);
     EXPECT_FALSE(find("na/me").isAttached());
+    EXPECT_EQ(SharedMemory::read("na/me", 1, "", tests::posix), std::nullopt);
     EXPECT_THROW(create("na/me"), std::runtime_error);
     EXPECT_THROW(createOrFind("na/me"), std::runtime_error);
     makeFile(path, S_IRUSR | S_IWUSR);
     fs::resize_file(path, 1);
     EXPECT_FALSE(find("na/me", 1).isAttached());
+    EXPECT_EQ(SharedMemory::read("na/me", 1, "", tests::posix), std::nullopt);
     EXPECT_THROW(create("na/me"), std::runtime_error);
     clear();
 }

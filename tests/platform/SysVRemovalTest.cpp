@@ -80,6 +80,15 @@ private:
             useTheService();
             return true;
         }
+        if (order == "fill") {
+            const SharedMemory filled =
+                SharedMemory::createFilled("filled", "contents", {}, sysv::implementation);
+            return filled.isCreator();
+        }
+        if (order == "reads it") {
+            return SharedMemory::read("name", 1, accounts::friends, sysv::implementation) ||
+                   SharedMemory::read("name", 1, "", sysv::implementation);
+        }
         if (order == "is still named") {
             return kept.isStillNamed();
         }
@@ -150,6 +159,28 @@ TEST_F(SysVRemoval, ByAnotherMemberEndsInTheKernelWithTheNextUseOfTheOwner) {
             return segment.id == removed;
         })) << use;
         anna("leave");
+        EXPECT_EQ(sysv::segments().size(), 0U) << use;
+    }
+    anna.end();
+    ben.end();
+}
+
+TEST_F(SysVRemoval, ByAnotherMemberCostsTheOwnerNothingUntilItMakesASegment) {
+    Member anna(accounts::anna);
+    Member ben(accounts::ben);
+    for (const std::string use : {"use", "fill"}) {
+        ASSERT_TRUE(anna("create"));
+        anna("persist");
+        anna("leave");
+        ASSERT_TRUE(ben("remove"));
+        const int removed = sysv::onlySegment().id;
+        EXPECT_FALSE(anna("finds it"));
+        EXPECT_FALSE(anna("reads it"));
+        EXPECT_FALSE(anna("find"));
+        EXPECT_EQ(sysv::onlySegment().id, removed) << "a look is no occasion to clear up";
+        ben(use);
+        EXPECT_EQ(sysv::onlySegment().id, removed) << "only its owner may";
+        anna(use);
         EXPECT_EQ(sysv::segments().size(), 0U) << use;
     }
     anna.end();

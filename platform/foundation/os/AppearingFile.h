@@ -1,9 +1,11 @@
 #pragma once
 
 #include "foundation/os/FileDescriptor.h"
+#include "foundation/os/FileIdentity.h"
 #include "foundation/os/FilePlace.h"
 
 #include <functional>
+#include <optional>
 #include <sys/types.h>
 
 namespace foundation::os {
@@ -13,6 +15,8 @@ struct AppearingFile {
     FileDescriptor descriptor;
     /// 0, or the errno value: EEXIST when the name is taken.
     int error = 0;
+    /// Which file it is; nothing when there is none.
+    std::optional<FileIdentity> identity = std::nullopt;
 };
 
 /// Makes a file that appears in its place in one step, with exactly this mode and as `prepare` left

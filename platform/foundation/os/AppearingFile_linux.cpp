@@ -24,13 +24,16 @@ FileDescriptor openFile(const FilePlace& place, int flags, mode_t mode = 0) {
         [&] { return ::openat(place.folder, place.name.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
-/// Gives a new file its mode, which went through the umask when it was made; returns 0 or the errno
-/// value. Nearly always there is nothing to change, and to look is cheaper.
-int setMode(int descriptor, mode_t mode) {
+/// Gives a new file its mode, which went through the umask when it was made; nothing, with errno
+/// set, when it cannot be examined or changed. Nearly always there is nothing to change.
+std::optional<FileIdentity> identifyWithMode(int descriptor, mode_t mode) {
     constexpr mode_t all = S_ISUID | S_ISGID | S_ISVTX | S_IRWXU | S_IRWXG | S_IRWXO;
     struct stat status {};
-    const bool isSet = ::fstat(descriptor, &status) == 0 && (status.st_mode & all) == mode;
-    return isSet || ::fchmod(descriptor, mode) == 0 ? 0 : errno;
+    if (::fstat(descriptor, &status) != 0 ||
+        ((status.st_mode & all) != mode && ::fchmod(descriptor, mode) != 0)) {
+        return std::nullopt;
+    }
+    return FileIdentity(status);
 }
 
 /// Gives an unnamed file its name; returns 0 or the errno value.
@@ -58,15 +61,16 @@ std::optional<AppearingFile> createByNamingUnnamed(const FilePlace& place, mode_
     if (!file) {
         return std::nullopt;
     }
-    if (const int error = setMode(file.get(), mode); error != 0) {
-        return AppearingFile{{}, error};
+    const auto identity = identifyWithMode(file.get(), mode);
+    if (!identity) {
+        return AppearingFile{{}, errno};
     }
     if (const int error = prepare(file.get()); error != 0) {
         return AppearingFile{{}, error};
     }
     switch (linkUnnamed(file.get(), place)) {
     case 0:
-        return AppearingFile{std::move(file), 0};
+        return AppearingFile{std::move(file), 0, identity};
     case EEXIST:
         return AppearingFile{{}, EEXIST};
     default:
@@ -122,8 +126,9 @@ AppearingFile createUnderTemporaryName(const FilePlace& place, mode_t mode,
         if (::fcntl(file.get(), F_OFD_SETLK, &mark) != 0) {
             return {{}, errno};
         }
-        if (const int error = setMode(file.get(), mode); error != 0) {
-            return {{}, error};
+        const auto identity = identifyWithMode(file.get(), mode);
+        if (!identity) {
+            return {{}, errno};
         }
         if (const int error = prepare(file.get()); error != 0) {
             return {{}, error};
@@ -131,7 +136,7 @@ AppearingFile createUnderTemporaryName(const FilePlace& place, mode_t mode,
         if (::linkat(place.folder, name.get(), place.folder, place.name.c_str(), 0) == 0) {
             mark = makersMark(F_UNLCK);
             ::fcntl(file.get(), F_OFD_SETLK, &mark);
-            return {std::move(file), 0};
+            return {std::move(file), 0, identity};
         }
         // Tidied away between its creation and its mark.
         if (errno != ENOENT) {

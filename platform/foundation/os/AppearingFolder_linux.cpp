@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <iterator>
 #include <linux/openat2.h>
 #include <string_view>
 #include <sys/file.h>
@@ -95,10 +96,17 @@ FileDescriptor openThroughNoLink(const FilePlace& place, int flags) {
 }
 
 FileDescriptor openFolderBelow(const FilePlace& top, const std::vector<std::string>& levels) {
-    FileDescriptor folder(retryOnInterrupt(
-        [&] { return ::openat(top.folder, top.name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+    // To pass through a folder takes less of a permission than to read it.
+    constexpr int passing = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    const auto open = [](int folder, const std::string& name, int flags) {
+        return FileDescriptor(
+            retryOnInterrupt([&] { return ::openat(folder, name.c_str(), flags); }));
+    };
+    FileDescriptor folder = open(top.folder, top.name, passing);
     for (auto level = levels.begin(); folder && level != levels.end(); ++level) {
-        folder = openFolder({folder.get(), *level});
+        const bool isLast = std::next(level) == levels.end();
+        folder = isLast ? openFolder({folder.get(), *level})
+                        : open(folder.get(), *level, passing | O_NOFOLLOW);
     }
     return folder;
 }
@@ -146,7 +154,7 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
 }
 
 bool carriesAccessControlList(int descriptor) {
-    // Most files carry no attribute at all, and one call tells.
+    // Where a file carries no attribute at all, as is usual, one call tells.
     if (::flistxattr(descriptor, nullptr, 0) == 0) {
         return false;
     }

@@ -34,6 +34,7 @@ public:
 
     explicit operator bool() const noexcept { return address != MAP_FAILED; }
     void* get() const noexcept { return address; }
+    std::size_t size() const noexcept { return *this ? length : 0; }
 
 private:
     void* address = MAP_FAILED;

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "foundation/os/Group.h"
+#include "sharedmemory/SharedMemory.h"
+
+#include <cstddef>
+#include <string>
+
+namespace agent::spf::sharedmemory {
+
+#pragma GCC visibility push(default)
+
+/// The openers of the same names, for an operation that opens several segments and has its trustee
+/// looked up once. For the libraries of this project, which are of one build.
+struct SharedMemory::Openers {
+    static SharedMemory create(const std::string& name, std::size_t size,
+                               const foundation::os::Group& trustee,
+                               ImplementationSpecifications implementation);
+    static SharedMemory find(const std::string& name, std::size_t size,
+                             const foundation::os::Group& trustee,
+                             ImplementationSpecifications implementation);
+    static SharedMemory createOrFind(const std::string& name, std::size_t size,
+                                     const foundation::os::Group& trustee,
+                                     ImplementationSpecifications implementation);
+};
+
+#pragma GCC visibility pop
+
+} // namespace agent::spf::sharedmemory
