@@ -6,7 +6,7 @@
 #include "foundation/os/Mapping.h"
 #include "foundation/os/RetryOnInterrupt.h"
 #include "sharedmemory/Failure.h"
-#include "sharedmemory/SegmentName.h"
+#include "sharedmemory/PosixPlace.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,45 +16,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The segments are the files of /dev/shm, as those of shm_open are on Linux. They are opened as
-// files because shm_open cannot make one that has no name until it is complete.
-
 namespace agent::spf::sharedmemory {
 
 namespace {
 
 namespace os = foundation::os;
-
-/// One identity: where its segment is, and who may have made it.
-struct Place {
-    Place(const std::string& name, const os::Group& trustee)
-        : user(::geteuid())
-        , segmentName(segmentNameOf(name, trustee.name(), user))
-        , path("/dev/shm/" + segmentName.platformName)
-        , group(groupOf(trustee)) {}
-
-    /// /dev/shm is open to all, so a file of this name may be anybody's. Owner and group cannot be
-    /// forged: a file is given only to a group that its owner is a member of.
-    bool trusts(const struct stat& status) const {
-        // Every segment has its memory from the start. In one that has holes, reading takes memory,
-        // without bound, and kills the process where there is none.
-        constexpr blkcnt_t blockSize = 512;
-        const bool isWhole = status.st_blocks >= (status.st_size + blockSize - 1) / blockSize;
-        const bool isOurs = group ? status.st_gid == *group : status.st_uid == user;
-        return S_ISREG(status.st_mode) && isWhole && isOurs &&
-               (status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)) == mode();
-    }
-
-    mode_t mode() const {
-        constexpr mode_t userOnly = S_IRUSR | S_IWUSR;
-        return group ? userOnly | S_IRGRP | S_IWGRP : userOnly;
-    }
-
-    uid_t user;
-    SegmentName segmentName;
-    std::string path;
-    std::optional<gid_t> group;
-};
 
 class PosixSegment : public SharedMemory::Segment {
 public:
@@ -118,56 +84,6 @@ private:
     mutable os::Mapping mapping;
 };
 
-/// An existing file under a segment's name.
-struct ExistingFile {
-    os::FileDescriptor descriptor;
-    struct stat status {};
-    bool isTaken = false;
-
-    bool isTrusted() const { return static_cast<bool>(descriptor); }
-};
-
-/// How many bytes of a trusted file are the caller's.
-std::size_t callersSize(const ExistingFile& file, const Place& place) {
-    return static_cast<std::size_t>(file.status.st_size) - place.segmentName.proof.size();
-}
-
-bool carriesProof(const ExistingFile& file, const std::string& proof) {
-    const auto proofSize = static_cast<off_t>(proof.size());
-    if (proof.empty() || file.status.st_size < proofSize) {
-        return proof.empty();
-    }
-    std::string there(proof.size(), '\0');
-    const ssize_t count = os::retryOnInterrupt([&] {
-        return ::pread(file.descriptor.get(), there.data(), there.size(),
-                       file.status.st_size - proofSize);
-    });
-    return count == static_cast<ssize_t>(proof.size()) && there == proof;
-}
-
-ExistingFile openExisting(const Place& place, int access) {
-    ExistingFile file;
-    // Not blocking, not followed: the name may have been given to a pipe or a link on purpose.
-    file.descriptor = os::FileDescriptor(os::retryOnInterrupt(
-        [&] { return ::open(place.path.c_str(), access | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
-    if (!file.descriptor) {
-        if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) {
-            fail("cannot open the segment", place.path, errno);
-        }
-        // A neighbour has many ways to make a file that cannot be opened.
-        file.isTaken = errno != ENOENT;
-        return file;
-    }
-    file.isTaken = true;
-    if (::fstat(file.descriptor.get(), &file.status) != 0) {
-        fail("cannot examine the segment", place.path, errno);
-    }
-    if (!place.trusts(file.status) || !carriesProof(file, place.segmentName.proof)) {
-        file.descriptor.reset();
-    }
-    return file;
-}
-
 /// Writes all the bytes; returns 0 or the errno value.
 int writeAll(int descriptor, std::string_view bytes, std::size_t offset) {
     while (!bytes.empty()) {
@@ -198,7 +114,7 @@ int reserve(int descriptor, std::size_t size) {
     return error;
 }
 
-int setGroup(int descriptor, const Place& place) {
+int setGroup(int descriptor, const PosixPlace& place) {
     constexpr auto sameUser = static_cast<uid_t>(-1);
     return place.group && ::fchown(descriptor, sameUser, *place.group) != 0 ? errno : 0;
 }
@@ -206,7 +122,7 @@ int setGroup(int descriptor, const Place& place) {
 /// Makes a segment's file, all of it before it can be found, so that nothing can fail afterwards.
 /// `furnish` returns what the segment of the new file is to be, or null with errno set.
 template<typename Furnish>
-std::unique_ptr<SharedMemory::Segment> make(const Place& place, Furnish furnish) {
+std::unique_ptr<SharedMemory::Segment> make(const PosixPlace& place, Furnish furnish) {
     std::unique_ptr<PosixSegment> segment;
     const os::AppearingFile file =
         os::createAppearing(place.path, place.mode(), [&](int descriptor) {
@@ -220,7 +136,7 @@ std::unique_ptr<SharedMemory::Segment> make(const Place& place, Furnish furnish)
         });
     if (file.error != 0) {
         // Whatever kept this one from being made, one that exists is what there is to tell.
-        const ExistingFile existing = openExisting(place, O_RDWR);
+        const PosixPlace::ExistingFile existing = place.openExisting(O_RDWR);
         const bool hasGone = file.error == EEXIST && !existing.isTaken;
         if (!existing.isTrusted() && !hasGone) {
             fail("cannot make the segment", place.path, file.error);
@@ -235,7 +151,7 @@ std::unique_ptr<SharedMemory::Segment> make(const Place& place, Furnish furnish)
 
 std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
                                                           const os::Group& trustee) {
-    const Place place(name, trustee);
+    const PosixPlace place(name, trustee);
     const std::string& proof = place.segmentName.proof;
     return make(place, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
         constexpr std::size_t largest = std::numeric_limits<std::size_t>::max();
@@ -259,7 +175,7 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
 std::unique_ptr<SharedMemory::Segment> createFilledPosixSegment(const std::string& name,
                                                                 std::string_view contents,
                                                                 const os::Group& trustee) {
-    const Place place(name, trustee);
+    const PosixPlace place(name, trustee);
     const std::string bytes = std::string(contents) + place.segmentName.proof;
     return make(place, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
         // Writing reserves the memory: a file system that is full refuses it.
@@ -278,12 +194,12 @@ std::unique_ptr<SharedMemory::Segment> createFilledPosixSegment(const std::strin
 
 SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
                                const os::Group& trustee) {
-    const Place place(name, trustee);
-    const ExistingFile file = openExisting(place, O_RDWR);
+    const PosixPlace place(name, trustee);
+    const PosixPlace::ExistingFile file = place.openExisting(O_RDWR);
     if (!file.isTrusted()) {
         return {nullptr, file.isTaken};
     }
-    const std::size_t available = callersSize(file, place);
+    const std::size_t available = place.callersSize(file);
     if (available < size) {
         return {nullptr, true};
     }
@@ -299,9 +215,9 @@ SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
 
 std::optional<std::string> readPosixSegment(const std::string& name, std::size_t size,
                                             const os::Group& trustee) {
-    const Place place(name, trustee);
-    const ExistingFile file = openExisting(place, O_RDONLY);
-    if (!file.isTrusted() || callersSize(file, place) < size) {
+    const PosixPlace place(name, trustee);
+    const PosixPlace::ExistingFile file = place.openExisting(O_RDONLY);
+    if (!file.isTrusted() || place.callersSize(file) < size) {
         return std::nullopt;
     }
     std::string bytes(size, '\0');
