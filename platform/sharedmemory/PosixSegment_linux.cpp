@@ -24,7 +24,8 @@ namespace os = foundation::os;
 
 class PosixSegment : public SharedMemory::Segment {
 public:
-    PosixSegment(std::string trustee, std::string path, os::FileIdentity identity,
+    /// One that is being made gets its identity when it has its name.
+    PosixSegment(std::string trustee, std::string path, std::optional<os::FileIdentity> identity,
                  std::size_t ownSize, os::Mapping mapping)
         : Segment(std::move(trustee))
         , path(std::move(path))
@@ -42,6 +43,8 @@ public:
         }
         return mapping.get();
     }
+
+    void identify(const std::optional<os::FileIdentity>& made) noexcept { identity = made; }
 
     std::size_t size() const noexcept override { return ownSize; }
 
@@ -79,7 +82,7 @@ private:
     }
 
     std::string path;
-    os::FileIdentity identity;
+    std::optional<os::FileIdentity> identity;
     std::size_t ownSize;
     mutable os::Mapping mapping;
 };
@@ -143,6 +146,7 @@ std::unique_ptr<SharedMemory::Segment> make(const PosixPlace& place, Furnish fur
         }
         return nullptr;
     }
+    segment->identify(file.identity);
     segment->becomeCreator();
     return segment;
 }
@@ -162,12 +166,11 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
             errno = error;
             return nullptr;
         }
-        const auto identity = os::identityOf(descriptor);
         os::Mapping mapping(descriptor, size);
-        if (!identity || !mapping) {
+        if (!mapping) {
             return nullptr;
         }
-        return std::make_unique<PosixSegment>(trustee.name(), place.path, *identity, size,
+        return std::make_unique<PosixSegment>(trustee.name(), place.path, std::nullopt, size,
                                               std::move(mapping));
     });
 }
@@ -183,11 +186,7 @@ std::unique_ptr<SharedMemory::Segment> createFilledPosixSegment(const std::strin
             errno = error;
             return nullptr;
         }
-        const auto identity = os::identityOf(descriptor);
-        if (!identity) {
-            return nullptr;
-        }
-        return std::make_unique<PosixSegment>(trustee.name(), place.path, *identity,
+        return std::make_unique<PosixSegment>(trustee.name(), place.path, std::nullopt,
                                               contents.size(), os::Mapping());
     });
 }
