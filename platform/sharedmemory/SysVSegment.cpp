@@ -82,6 +82,13 @@ struct Survey {
     std::optional<std::size_t> room;
 };
 
+/// Whether a segment that was being made a moment ago still is. It may have been finished just
+/// before its maker ended.
+bool isStillBeingMade(int id) {
+    const auto now = sysv::statusOf(id);
+    return now && now->mode == modeWhileMade;
+}
+
 /// Looks through all keys, waits for whoever is making the segment, and frees keys of what only
 /// this user may remove.
 Survey survey(const SysVPlace& place) {
@@ -94,12 +101,7 @@ Survey survey(const SysVPlace& place) {
                 ::sched_yield();
                 continue;
             }
-            // It may have been finished just before its maker died.
-            const auto now = sysv::statusOf(found.id);
-            if (isOwn && now && now->mode == modeWhileMade && sysv::removeSegment(found.id)) {
-                continue;
-            }
-            if (!now || now->mode != modeWhileMade) {
+            if (!isStillBeingMade(found.id) || (isOwn && sysv::removeSegment(found.id))) {
                 continue;
             }
         }
@@ -140,6 +142,9 @@ bool prevails(const SysVPlace& place, std::size_t own) {
                 return false;
             }
             ::sched_yield();
+            continue;
+        }
+        if (found.standing == Standing::beingMade && !isStillBeingMade(found.id)) {
             continue;
         }
         ++i;
