@@ -8,6 +8,7 @@
 #include "endpointregistry/detail/UsersFolder.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/AppearingFolder.h"
+#include "foundation/os/FolderOpening.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 #include "foundation/os/AppearingFolder.h"
+#include "foundation/os/FolderOpening.h"
 
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"

@@ -1,6 +1,7 @@
 #include "foundation/os/AppearingFolder.h"
 
 #include "foundation/os/DirectoryStream.h"
+#include "foundation/os/FolderOpening.h"
 #include "foundation/os/RetryOnInterrupt.h"
 #include "foundation/os/TemporaryName.h"
 
@@ -9,12 +10,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <iterator>
-#include <linux/openat2.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -25,8 +23,6 @@ namespace {
 /// What the kernel keeps access control lists as.
 constexpr std::array<const char*, 2> accessLists{"system.posix_acl_access",
                                                  "system.posix_acl_default"};
-
-constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
 
 bool isOwn(int folder) {
     struct stat status {};
@@ -79,37 +75,6 @@ int furnish(int folder, mode_t mode, std::optional<gid_t> group) {
 }
 
 } // namespace
-
-FileDescriptor openFolder(const FilePlace& place) {
-    return FileDescriptor(
-        retryOnInterrupt([&] { return ::openat(place.folder, place.name.c_str(), folderFlags); }));
-}
-
-FileDescriptor openThroughNoLink(const FilePlace& place, int flags) {
-    open_how how{};
-    how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    return FileDescriptor(retryOnInterrupt([&] {
-        return static_cast<int>(
-            ::syscall(SYS_openat2, place.folder, place.name.c_str(), &how, sizeof how));
-    }));
-}
-
-FileDescriptor openFolderBelow(const FilePlace& top, const std::vector<std::string>& levels) {
-    // To pass through a folder takes less of a permission than to read it.
-    constexpr int passing = O_PATH | O_DIRECTORY | O_CLOEXEC;
-    const auto open = [](int folder, const std::string& name, int flags) {
-        return FileDescriptor(
-            retryOnInterrupt([&] { return ::openat(folder, name.c_str(), flags); }));
-    };
-    FileDescriptor folder = open(top.folder, top.name, passing);
-    for (auto level = levels.begin(); folder && level != levels.end(); ++level) {
-        const bool isLast = std::next(level) == levels.end();
-        folder = isLast ? openFolder({folder.get(), *level})
-                        : open(folder.get(), *level, passing | O_NOFOLLOW);
-    }
-    return folder;
-}
 
 int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid_t> group) {
     removeAbandonedTemporaries(place);
