@@ -1,14 +1,16 @@
 #include "endpointregistry/detail/AbandonedFile.h"
 
+#include "endpointregistry/detail/BriefWait.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/file.h>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
@@ -19,19 +21,16 @@ namespace os = foundation::os;
 /// Not waiting without end, since a process that was stopped while it cleared up, or any other of
 /// the same user or group, may hold the lock for long.
 LockedDescriptor lockFolder(const OpenFolder& open) {
-    constexpr int attempts = 10000;
+    constexpr auto patience = std::chrono::milliseconds(20);
     // A file of its own, since others may look through the folder that is open.
     const os::FilePlace place = open.placeOf(".");
     os::FileDescriptor folder(os::retryOnInterrupt([&] {
         return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }));
-    for (int i = 0; folder && i < attempts; ++i) {
-        if (os::retryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) == 0) {
-            return LockedDescriptor(std::move(folder));
-        }
-        ::sched_yield();
-    }
-    return {};
+    const bool isLocked = folder && tryBriefly(patience, [&folder] {
+        return os::retryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) == 0;
+    });
+    return isLocked ? LockedDescriptor(std::move(folder)) : LockedDescriptor();
 }
 
 } // namespace

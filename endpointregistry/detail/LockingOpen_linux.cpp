@@ -1,12 +1,13 @@
 #include "endpointregistry/detail/LockingOpen.h"
 
+#include "endpointregistry/detail/BriefWait.h"
 #include "foundation/os/AppearingFile.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,22 +28,19 @@ int applyLock(int descriptor, int operation) {
 }
 
 /// Takes the exclusive lock unless somebody else has it exclusively. Those that share it only ask
-/// whether anybody holds it and are gone in a moment, so they are waited for. The bound is for one
-/// that was stopped in that moment.
+/// whether anybody holds it and are gone in a moment, so they are waited for.
 int lockUnlessHeld(int descriptor) {
-    constexpr int attempts = 100000;
-    for (int i = 0; i < attempts; ++i) {
-        const int error = applyLock(descriptor, LOCK_EX | LOCK_NB);
-        if (error != EWOULDBLOCK) {
-            return error;
-        }
-        if (applyLock(descriptor, LOCK_SH | LOCK_NB) != 0) {
-            return EWOULDBLOCK;
+    constexpr auto patience = std::chrono::seconds(1);
+    int error = 0;
+    const bool isDecided = tryBriefly(patience, [&] {
+        error = applyLock(descriptor, LOCK_EX | LOCK_NB);
+        if (error != EWOULDBLOCK || applyLock(descriptor, LOCK_SH | LOCK_NB) != 0) {
+            return true;
         }
         applyLock(descriptor, LOCK_UN);
-        ::sched_yield();
-    }
-    return EWOULDBLOCK;
+        return false;
+    });
+    return isDecided ? error : EWOULDBLOCK;
 }
 
 /// The errno value for an open file that is no regular file; 0 for one that is.

@@ -88,6 +88,8 @@ protected:
                 expectAlone();
                 file.markForDeletion();
                 ++turn;
+            } else {
+                std::this_thread::yield();
             }
         }
     }
@@ -107,6 +109,8 @@ protected:
             if (file.isLocked()) {
                 expectAlone();
                 ++turn;
+            } else {
+                std::this_thread::yield();
             }
         }
     }

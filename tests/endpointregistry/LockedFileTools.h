@@ -47,7 +47,7 @@ std::vector<std::string> namesIn(const std::string& folder);
 /// Returns once the condition is true; throws when it does not become so within a generous limit.
 template<typename Condition>
 void waitUntil(const Condition& condition, const std::string& what) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(4);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > limit) {
             throw std::runtime_error("did not come about: " + what);
