@@ -3,6 +3,8 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/EndpointImpl.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
+#include "endpointregistry/detail/EntryFolder.h"
+#include "endpointregistry/detail/Synonyms.h"
 
 #include <boost/exception/diagnostic_information.hpp>
 #include <utility>
@@ -61,14 +63,15 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
                    const std::string& selectedKey) {
     checkArguments(data, groupTag, selectedKey);
     const EntryFolder folder("");
+    const Synonyms synonyms(data, groupTag, selectedKey, folder);
     // No lock is taken over this: of publishers that race, each sees the others' entries in its
     // second count, and all but the last one alive withdraw.
     for (;;) {
-        if (Impl::hasLivingSynonym(data, groupTag, selectedKey, folder)) {
+        if (synonyms.anyLives()) {
             throw DuplicateEndpointError("A synonym endpoint has been found during construction");
         }
         primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, folder);
-        if (primary->isTheOnlySynonym(data, folder)) {
+        if (synonyms.hasOnly(primary->entryName())) {
             return;
         }
         primary.reset();

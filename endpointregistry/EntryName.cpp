@@ -4,6 +4,8 @@
 
 #include <array>
 #include <charconv>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <string_view>
 #include <system_error>
@@ -17,6 +19,23 @@ constexpr char keyMarker = 'k';
 constexpr char lengthMarker = 'l';
 constexpr char processMarker = 'p';
 constexpr char versionMarker = 'v';
+
+/// Most names are shorter, so that they are put together in one piece of memory.
+constexpr std::size_t usualLength = 80;
+
+void appendNumber(std::string& name, std::uint64_t number, int base) {
+    constexpr std::size_t mostDigits = std::numeric_limits<std::uint64_t>::digits10 + 1;
+    std::array<char, mostDigits> digits{};
+    const auto [end, error] =
+        std::to_chars(digits.data(), digits.data() + digits.size(), number, base);
+    name.append(digits.data(), end);
+}
+
+void appendHash(std::string& name, std::string_view text) {
+    if (!text.empty()) {
+        appendNumber(name, cityHash64(text), 16);
+    }
+}
 
 /// The number after the last `marker`, or at the name's start where there is none, read as a
 /// stream reads an unsigned long: names come from folders that anybody's program may write to.
@@ -44,35 +63,45 @@ unsigned long getNumberFromName(std::string_view name, char marker) {
 } // namespace
 
 std::string hashString(const std::string& text) {
-    if (text.empty()) {
-        return {};
-    }
-    std::array<char, 2 * sizeof(std::uint64_t)> digits{};
-    const auto [end, error] =
-        std::to_chars(digits.data(), digits.data() + digits.size(), cityHash64(text), 16);
-    return {digits.data(), end};
+    std::string digits;
+    appendHash(digits, text);
+    return digits;
 }
 
 std::string getGroupTagPrefix(const std::string& groupTag) {
-    return "qvER" + hashString(groupTag);
+    std::string prefix;
+    prefix.reserve(usualLength);
+    prefix += "qvER";
+    appendHash(prefix, groupTag);
+    return prefix;
 }
 
 std::string getExtendedPrefix(const std::pair<std::string, std::string>& data,
                               const std::string& groupTag) {
-    return getGroupTagPrefix(groupTag) + hashString(data.first + data.second);
+    std::string prefix = getGroupTagPrefix(groupTag);
+    appendHash(prefix, data.first + data.second);
+    return prefix;
 }
 
 std::string getSelectedKeySubstring(const std::string& selectedKey) {
-    return keyMarker + hashString(selectedKey);
+    std::string part(1, keyMarker);
+    appendHash(part, selectedKey);
+    return part;
 }
 
 std::string getName(const std::pair<std::string, std::string>& data, const std::string& groupTag,
                     const std::string& selectedKey, unsigned long version,
                     const std::string& /*trustee*/) {
-    const std::size_t length = (data.first + data.second).size();
-    return getExtendedPrefix(data, groupTag) + getSelectedKeySubstring(selectedKey) + lengthMarker +
-           std::to_string(length) + processMarker + std::to_string(::getpid()) + versionMarker +
-           std::to_string(version);
+    std::string name = getExtendedPrefix(data, groupTag);
+    name += keyMarker;
+    appendHash(name, selectedKey);
+    name += lengthMarker;
+    appendNumber(name, data.first.size() + data.second.size(), 10);
+    name += processMarker;
+    appendNumber(name, static_cast<std::uint64_t>(::getpid()), 10);
+    name += versionMarker;
+    appendNumber(name, version, 10);
+    return name;
 }
 
 unsigned long getLengthFromName(const std::string& name) {

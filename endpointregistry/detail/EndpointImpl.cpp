@@ -5,9 +5,9 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
 #include "endpointregistry/detail/EndpointSysVImpl.h"
+#include "endpointregistry/detail/Synonyms.h"
 #include "foundation/os/Process.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <string_view>
@@ -37,30 +37,7 @@ std::vector<std::string> namesIn(const EntryFolder& folder, const std::string& g
         [&](std::string_view name) { return contains(name, sameKey) && contains(name, sameTag); });
 }
 
-std::set<std::string> synonymNames(const EntryFolder& folder, const Endpoint::DataPair& data,
-                                   const std::string& groupTag, const std::string& selectedKey) {
-    const std::string sameTag = getGroupTagPrefix(groupTag);
-    const std::string sameKey = getSelectedKeySubstring(selectedKey);
-    const std::string sameData = getExtendedPrefix(data, groupTag);
-    const std::vector<std::string> names = folder.names([&](std::string_view name) {
-        return contains(name, sameData) || (contains(name, sameKey) && contains(name, sameTag));
-    });
-    return {names.begin(), names.end()};
-}
-
-/// How many of the entries count as alive: the one of the name that is known to, and those whose
-/// publishers are not dead.
-unsigned long countLiving(const std::set<std::string>& names, const EntryFolder& folder,
-                          const std::string& knownToLive) {
-    return static_cast<unsigned long>(
-        std::count_if(names.begin(), names.end(), [&](const std::string& name) {
-            return name == knownToLive || folder.publisherOf(name) != EntryFolder::Publisher::dead;
-        }));
-}
-
 } // namespace
-
-const std::string Endpoint::Impl::LF_PARENT_PATH = "qvEndpointRegistry";
 
 Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTag,
                      const std::string& selectedKey, const std::string& trustee)
@@ -73,35 +50,15 @@ Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTag,
 std::set<std::string> Endpoint::Impl::getAllSynonymNames(const DataPair& data,
                                                          const std::string& groupTag,
                                                          const std::string& selectedKey) {
-    return synonymNames(EntryFolder({}), data, groupTag, selectedKey);
+    const EntryFolder folder({});
+    return Synonyms(data, groupTag, selectedKey, folder).names();
 }
 
 unsigned long Endpoint::Impl::countSynonymEndpoints(const DataPair& data,
                                                     const std::string& groupTag,
                                                     const std::string& selectedKey) {
     const EntryFolder folder({});
-    return countLiving(synonymNames(folder, data, groupTag, selectedKey), folder, {});
-}
-
-bool Endpoint::Impl::isTheOnlySynonym(const DataPair& data, const EntryFolder& folder) const {
-    return countLiving(synonymNames(folder, data, groupTag, selectedKey), folder, name) == 1;
-}
-
-bool Endpoint::Impl::hasLivingSynonym(const DataPair& data, const std::string& groupTag,
-                                      const std::string& selectedKey, const EntryFolder& folder) {
-    using Publisher = EntryFolder::Publisher;
-    // What vanished may have been replaced, so that is a reason to look again.
-    for (bool hasVanished = true; hasVanished;) {
-        hasVanished = false;
-        for (const std::string& name : synonymNames(folder, data, groupTag, selectedKey)) {
-            const Publisher publisher = folder.publisherOf(name);
-            if (publisher == Publisher::alive) {
-                return true;
-            }
-            hasVanished = hasVanished || publisher == Publisher::vanished;
-        }
-    }
-    return false;
+    return Synonyms(data, groupTag, selectedKey, folder).count();
 }
 
 std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag,

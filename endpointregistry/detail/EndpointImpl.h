@@ -19,13 +19,14 @@ namespace agent::spf::endpointregistry {
 class Endpoint::Impl {
 public:
     /// The registry's sub-folder that holds all entry files.
-    static const std::string LF_PARENT_PATH;
+    static constexpr const char* LF_PARENT_PATH = EntryFolder::parent;
 
     virtual ~Impl() = default;
 
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
+    const std::string& entryName() const { return name; }
     std::string getGroupTag() const { return groupTag; }
     std::string getSelectedKey() const { return selectedKey; }
     std::string getTrustee() const { return trustee; }
@@ -34,8 +35,7 @@ public:
     /// Makes and locks the file that shows that this entry lives.
     virtual LockedFile createLockedFile() = 0;
 
-    /// The names of all private entries with this group tag and either this selected key or this
-    /// joined data, dead ones included.
+    /// The names of the private entries that a publication would meet, as `Synonyms` says.
     static std::set<std::string> getAllSynonymNames(const DataPair& data,
                                                     const std::string& groupTag,
                                                     const std::string& selectedKey);
@@ -43,14 +43,6 @@ public:
     /// How many of them are alive; one that has vanished since it was listed counts as well.
     static unsigned long countSynonymEndpoints(const DataPair& data, const std::string& groupTag,
                                                const std::string& selectedKey);
-
-    /// Whether any of them is alive and still there. A dead one that a reader clears away after it
-    /// was listed is no reason to refuse a publisher. `folder` is that of the private entries.
-    static bool hasLivingSynonym(const DataPair& data, const std::string& groupTag,
-                                 const std::string& selectedKey, const EntryFolder& folder);
-
-    /// Whether exactly one of the synonyms counts as alive, given that this entry does.
-    bool isTheOnlySynonym(const DataPair& data, const EntryFolder& folder) const;
 
     /// The names of a trustee's entries with this group tag; of all, for the empty tag.
     static std::vector<std::string> filterNames(const std::string& groupTag,
@@ -99,7 +91,6 @@ protected:
     /// id proves nothing, since ids are given out again: then the lock decides.
     static bool isPublisherGone(const std::string& name);
 
-    const std::string& entryName() const { return name; }
     const std::string& trusteeName() const { return trustee; }
 
 private:

@@ -2,7 +2,6 @@
 
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/AbandonedFile.h"
-#include "endpointregistry/detail/EndpointImpl.h"
 #include "endpointregistry/detail/JoinedRegistry.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
@@ -17,7 +16,7 @@ namespace agent::spf::endpointregistry {
 const OpenFolder* EntryFolder::folder() const {
     // That there was none is not remembered: the first entry makes it.
     if (!found) {
-        found = joined::findFolder(Endpoint::Impl::LF_PARENT_PATH, group);
+        found = joined::findFolder(parent, group);
     }
     return found ? &*found : nullptr;
 }
@@ -57,7 +56,6 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
         // Somebody has removed the folder since it was opened.
         found.reset();
     }
-    const std::string& parent = Endpoint::Impl::LF_PARENT_PATH;
     return isNew ? joined::createAndTryLock(name, parent, group)
                  : joined::tryLock(name, parent, group);
 }

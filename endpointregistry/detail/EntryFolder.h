@@ -16,6 +16,9 @@ namespace agent::spf::endpointregistry {
 /// `joined::findFolder` does.
 class EntryFolder {
 public:
+    /// The registry's sub-folder that holds all entry files.
+    static constexpr const char* parent = "qvEndpointRegistry";
+
     explicit EntryFolder(const std::string& trustee)
         : group(trustee) {}
 

@@ -50,7 +50,7 @@ Names asSet(const std::vector<std::string>& names) {
 } // namespace
 
 TEST_F(EndpointRecords, LieInOneFolder) {
-    EXPECT_EQ(Endpoint::Impl::LF_PARENT_PATH, "qvEndpointRegistry");
+    EXPECT_STREQ(Endpoint::Impl::LF_PARENT_PATH, "qvEndpointRegistry");
 }
 
 TEST_F(EndpointRecords, TellWhatTheyWereMadeOf) {
