@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/shm.h>
+#include <sys/syscall.h>
 
 namespace {
 
@@ -25,6 +26,7 @@ using tests::SharedMemory;
 using tests::TracedProcess;
 
 constexpr int none = -1;
+constexpr int untilTheEnd = 10'000'000;
 
 class SysVKeysMeanwhile : public sysv::SysVUsersTest {};
 
@@ -80,6 +82,13 @@ void leaveSegmentAs(const std::string& user) {
     }
 }
 
+void removeTheSegment() {
+    as(accounts::anna, [] { findForFriends("name").markForDeletion(); });
+    as(accounts::ben, sysv::useTheService);
+    as(accounts::anna, sysv::useTheService);
+    ASSERT_EQ(sysv::segments().size(), 0U);
+}
+
 /// Lets ben make the segment, stopped at each of his steps while `change` is made to the keys and
 /// anna begins to make it, too. Both end together and must have the same one.
 void expectOneSegmentWhenAnnaComes(const std::function<int(key_t)>& before,
@@ -95,7 +104,6 @@ void expectOneSegmentWhenAnnaComes(const std::function<int(key_t)>& before,
             planted = change(planted, keys[0]);
             ForkedProcess anna([](Channel&) { leaveSegmentAs(accounts::anna); });
             if (isOnTheWay) {
-                constexpr int untilTheEnd = 10'000'000;
                 ASSERT_FALSE(ben.run(untilTheEnd));
             }
             ASSERT_EQ(anna.waitForExit(), 0);
@@ -104,10 +112,7 @@ void expectOneSegmentWhenAnnaComes(const std::function<int(key_t)>& before,
         if (planted != none) {
             sysv::removeFromKernel(planted);
         }
-        as(accounts::anna, [] { findForFriends("name").markForDeletion(); });
-        as(accounts::ben, sysv::useTheService);
-        as(accounts::anna, sysv::useTheService);
-        ASSERT_EQ(sysv::segments().size(), 0U);
+        ASSERT_NO_FATAL_FAILURE(removeTheSegment());
     }
     EXPECT_GT(step, 20);
 }
@@ -126,6 +131,36 @@ TEST_F(SysVKeysMeanwhile, ThatAreTakenLetNobodyMakeASecondSegment) {
                                       // ben may have it already.
                                       return ::shmget(key, 1, IPC_CREAT | IPC_EXCL | 0600);
                                   });
+}
+
+using Arguments = TracedProcess::Arguments;
+
+bool isClaim(const Arguments& ofShmget) {
+    return (ofShmget[2] & IPC_CREAT) != 0;
+}
+
+bool isFinish(const Arguments& ofShmctl) {
+    return ofShmctl[1] == IPC_SET;
+}
+
+TEST_F(SysVKeysMeanwhile, ThatAreFinishedBetweenTwoLooksLetNobodyMakeASecondSegment) {
+    const auto keys = keysOf("name", accounts::friends);
+    constexpr int mostSteps = 60; // anna has gone around in her waiting several times by then.
+    for (int step = 0; step < mostSteps; ++step) {
+        SCOPED_TRACE("finished before step " + std::to_string(step));
+        const int planted = sysv::plant(keys[0], 0600, "foreign");
+        TracedProcess ben([] { leaveSegmentAs(accounts::ben); });
+        ASSERT_TRUE(ben.runToCall(SYS_shmget, isClaim)); // For the second key.
+        sysv::removeFromKernel(planted);
+        TracedProcess anna([] { leaveSegmentAs(accounts::anna); });
+        ASSERT_TRUE(anna.runToCall(SYS_shmget, isClaim)); // For the first key.
+        ASSERT_TRUE(ben.runToCall(SYS_shmctl, isFinish));
+        ASSERT_TRUE(anna.run(step));
+        ASSERT_FALSE(ben.run(untilTheEnd));
+        ASSERT_FALSE(anna.run(untilTheEnd));
+        EXPECT_EQ(sysv::segments().size(), 1U);
+        ASSERT_NO_FATAL_FAILURE(removeTheSegment());
+    }
 }
 
 } // namespace

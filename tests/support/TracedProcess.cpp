@@ -54,6 +54,10 @@ TracedProcess::TracedProcess(const std::function<void()>& body)
         isReaped = true;
         throw std::runtime_error("The child cannot be traced.");
     }
+    // Else the kernel does not tell at which call it stops.
+    if (::ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD) != 0) {
+        throw std::system_error(errno, std::generic_category(), "ptrace");
+    }
 }
 
 TracedProcess::~TracedProcess() {
@@ -81,6 +85,24 @@ bool TracedProcess::run(int count) {
         }
     }
     return true;
+}
+
+bool TracedProcess::runToCall(long number, const std::function<bool(const Arguments&)>& isWanted) {
+    while (runToNextStep()) {
+        __ptrace_syscall_info info{};
+        if (::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info) == -1) {
+            throw std::system_error(errno, std::generic_category(), "ptrace");
+        }
+        if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+            const auto& call =
+                info.entry; // NOLINT(*-pro-type-union-access): as the kernel tells it
+            if (call.nr == static_cast<std::uint64_t>(number) &&
+                isWanted(std::to_array(call.args))) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 bool TracedProcess::runToNextStep() {

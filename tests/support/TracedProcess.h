@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <functional>
 #include <sys/types.h>
 
@@ -24,6 +26,12 @@ public:
     /// Lets the child run up to its `count`-th step from here. False when it ended before; it must
     /// have ended well, or std::runtime_error is thrown.
     bool run(int count);
+
+    using Arguments = std::array<std::uint64_t, 6>;
+
+    /// Lets the child run until it is about to make the wanted one of these system calls. False as
+    /// above.
+    bool runToCall(long number, const std::function<bool(const Arguments&)>& isWanted);
 
 private:
     bool runToNextStep();
