@@ -28,8 +28,10 @@ LockedDescriptor lockFolder(const OpenFolder& open) {
         return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }));
     const bool isLocked = folder && tryBriefly(patience, [&folder] {
-        return os::retryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) == 0;
-    });
+                              return os::retryOnInterrupt([&] {
+                                         return ::flock(folder.get(), LOCK_EX | LOCK_NB);
+                                     }) == 0;
+                          });
     return isLocked ? LockedDescriptor(std::move(folder)) : LockedDescriptor();
 }
 
