@@ -27,8 +27,7 @@ void addLookup(const std::string& operation, const Surroundings& surroundings, c
     const std::string name = "registry/" + operation + "/" + std::to_string(surroundings.entries) +
                              "/processes:" + std::to_string(surroundings.processes) +
                              (surroundings.churn ? "/churn" : "");
-    benchmark::RegisterBenchmark(
-        name.c_str(), [=](benchmark::State& state) { measure(state, surroundings, body); });
+    add(name, [=](benchmark::State& state) { measure(state, surroundings, body); });
 }
 
 } // namespace

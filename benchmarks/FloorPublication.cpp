@@ -60,7 +60,6 @@ void makeSegment(const std::string& path, const DataPair& data) {
 
     const int segment = check(
         ::open(segmentFolder, O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR), segmentFolder);
-    ::posix_fallocate(segment, 0, static_cast<off_t>(size));
     check(static_cast<int>(::pwrite(segment, bytes.data(), size, 0)), "pwrite");
     link(segment, AT_FDCWD, path.c_str());
     ::close(segment);

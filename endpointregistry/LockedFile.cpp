@@ -1,59 +1,16 @@
 #include "endpointregistry/LockedFile.h"
 
-#include "endpointregistry/EntryName.h"
-#include "endpointregistry/Folders.h"
-#include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 #include "endpointregistry/detail/NameListing.h"
-#include "fl/i18n/UstringConversion.h"
-#include "foundation/paths/CorvantisPath.h"
+#include "endpointregistry/detail/ParentPath.h"
 
 #include <cerrno>
-#include <stdexcept>
 #include <string_view>
 #include <unistd.h>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
-
-namespace {
-
-using foundation::log::severity;
-
-std::string getPrivateFolderPath(const std::string& parent, bool create) {
-    // The path service has made the base, or made sure that it can be trusted.
-    std::string path = fl::i18n::ustring_to_utf8(
-        foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateBase));
-    path.append("/").append(parent).append("/");
-    if (create) {
-        createFolder(path);
-    }
-    return path;
-}
-
-std::string getTrusteeFolderPath(const std::string& parent, const std::string& trustee,
-                                 bool create) {
-    const std::string shared = getSharedFolderPath();
-    if (::access(shared.c_str(), F_OK) != 0) {
-        getLogger().log(severity::error, "getParentPath(): ", shared, " folder does not exist");
-        throw std::runtime_error("Error: " + shared + " folder does not exist");
-    }
-    const std::string top = shared + "/Corvantis/";
-    const std::string middle = top + parent + "/";
-    std::string path = middle + hashString(trustee) + "/";
-    if (create) {
-        createFolder(top);
-        makePublic(top);
-        createFolder(middle);
-        makePublic(middle);
-        createFolder(path);
-        setTrustee(path, trustee);
-    }
-    return path;
-}
-
-} // namespace
 
 LockedFile LockedFile::createAndTryLock(const std::string& name, const std::string& parent,
                                         const std::string& trustee) {
@@ -130,8 +87,7 @@ void LockedFile::destruct(const std::string& name, const std::string& parent,
 
 std::string LockedFile::getParentPath(const std::string& parent, const std::string& trustee,
                                       bool create) {
-    return trustee.empty() ? getPrivateFolderPath(parent, create)
-                           : getTrusteeFolderPath(parent, trustee, create);
+    return parentPathOf(parent, trustee, create);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value is the published signature

@@ -121,11 +121,8 @@ void NamedStringArray::insertLocked(SharedMemory& base, const Entry& entry,
         return; // A step of 0 leaves no place for anything.
     }
     const ArrayRows rows(container.getPointer(), now.length, now.width);
-    for (std::size_t row = 0; row < rows.count(); ++row) {
-        if (rows.isFree(row)) {
-            rows.write(row, entry);
-            return;
-        }
+    if (const std::size_t row = rows.firstFree(); row < rows.count()) {
+        rows.write(row, entry);
     }
 }
 

@@ -51,7 +51,7 @@ AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder)
             return;
         }
         // Somebody else may have cleared it up before the folder's lock was free.
-        if (os::identityAt(place) == os::identityOf(opened.lock.get())) {
+        if (os::identityAt(place) == opened.identity) {
             fileLock = std::move(opened.lock);
             found = Finding::abandoned;
             return;

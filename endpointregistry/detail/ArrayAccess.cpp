@@ -32,8 +32,7 @@ LockedFile lock(const os::Group& trustee) {
 }
 
 SharedMemory find(const std::string& name, std::size_t size, const os::Group& trustee) {
-    SharedMemory segment = SharedMemory::Openers::find(name, size, trustee, implementation);
-    return segment.getTrustee() == trustee.name() ? std::move(segment) : SharedMemory();
+    return SharedMemory::Openers::findExactly(name, size, trustee, implementation);
 }
 
 bool isBase(const SharedMemory& segment) {

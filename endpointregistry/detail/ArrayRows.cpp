@@ -40,6 +40,14 @@ std::size_t ArrayRows::walk(std::size_t row, Visit visit) const {
     return position;
 }
 
+std::size_t ArrayRows::firstFree() const {
+    std::size_t row = 0;
+    while (row < rowCount && !isFree(row)) {
+        ++row;
+    }
+    return row;
+}
+
 std::size_t ArrayRows::usedWidth(std::size_t row) const {
     return walk(row, [](std::string_view) {});
 }

@@ -33,6 +33,9 @@ public:
 
     bool isFree(std::size_t row) const { return *at(row) == 0; }
 
+    /// The number of the first free row; that of the rows where there is none.
+    std::size_t firstFree() const;
+
     /// The bytes that a row's count and elements take; at most the width.
     std::size_t usedWidth(std::size_t row) const;
 

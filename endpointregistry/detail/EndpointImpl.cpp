@@ -5,6 +5,7 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
 #include "endpointregistry/detail/EndpointSysVImpl.h"
+#include "endpointregistry/detail/NameListing.h"
 #include "endpointregistry/detail/Synonyms.h"
 #include "foundation/os/Process.h"
 
@@ -18,10 +19,6 @@ namespace agent::spf::endpointregistry {
 namespace {
 
 constexpr unsigned long formatVersion = 0;
-
-bool contains(std::string_view name, const std::string& part) {
-    return name.find(part) != std::string_view::npos;
-}
 
 std::vector<std::string> namesIn(const EntryFolder& folder, const std::string& groupTag) {
     const std::string sameTag = getGroupTagPrefix(groupTag);

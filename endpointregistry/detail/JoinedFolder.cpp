@@ -2,9 +2,9 @@
 
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/Folders.h"
-#include "endpointregistry/LockedFile.h"
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/NameListing.h"
+#include "endpointregistry/detail/ParentPath.h"
 #include "endpointregistry/detail/UsersFolder.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/AppearingFolder.h"
@@ -163,7 +163,7 @@ std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
     os::FileDescriptor folder = openExisting(path, parent, trustee);
     if (!folder) {
         const int error = errno;
-        LockedFile::getParentPath(parent, trustee.name(), false); // Says what else is missing.
+        parentPathOf(parent, trustee.name(), false); // Says what else is missing.
         if (error == ENOENT) {
             return std::nullopt;
         }
@@ -181,8 +181,8 @@ JoinedFolder JoinedFolder::enter(const std::string& parent, const os::Group& tru
 }
 
 JoinedFolder JoinedFolder::obtain(const std::string& parent, const os::Group& trustee) {
-    groupOf(trustee);                                         // Before anything is made.
-    LockedFile::getParentPath(parent, trustee.name(), false); // Says what is missing above.
+    groupOf(trustee);                            // Before anything is made.
+    parentPathOf(parent, trustee.name(), false); // Says what is missing above.
     const os::FileDescriptor shared = openSharedFolder();
     if (!shared) {
         fail("Utils::createFolder(): Failed to open the directory: <", getSharedFolderPath(),

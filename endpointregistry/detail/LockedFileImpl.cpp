@@ -32,7 +32,7 @@ LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string 
     , waitForLock(waitForLock)
     , name(std::move(name))
     , trustee(std::move(trustee))
-    , parentPath(createParentFolder(parent))
+    , parentPath(findParentFolder(parent))
     , lock(lockFile()) {
 }
 
@@ -92,7 +92,7 @@ LockedFile::Impl::~Impl() {
     unlockAndCloseFile();
 }
 
-std::string LockedFile::Impl::createParentFolder(const std::string& parent) const {
+std::string LockedFile::Impl::findParentFolder(const std::string& parent) const {
     if (parent.empty()) {
         getLogger().log(severity::error,
                         "LockedFile::createParentFolder(): Parent name cannot be empty.");
@@ -143,7 +143,7 @@ LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
     }
     if (folder) {
         if (!opened.isNew) {
-            examineJoined(opened.lock.get());
+            examineJoined(opened.status);
         }
     } else if (!trustee.empty()) {
         const std::string path = parentPath + name;
@@ -160,14 +160,12 @@ LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
     return std::move(opened.lock);
 }
 
-void LockedFile::Impl::examineJoined(int descriptor) const {
+void LockedFile::Impl::examineJoined(const struct stat& status) const {
     constexpr mode_t permissions = S_IRWXU | S_IRWXG | S_IRWXO;
-    struct stat status {};
-    const int error = ::fstat(descriptor, &status) == 0 ? EPERM : errno;
     if (status.st_gid != folder->group() || (status.st_mode & permissions) != groupFileMode) {
         getLogger().log(severity::error,
                         "LockedFile::lockFile(): The file does not belong to the group: <",
-                        parentPath, name, ">. (Error ", error, ")");
+                        parentPath, name, ">. (Error ", EPERM, ")");
         throw std::runtime_error(inconsistency);
     }
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
@@ -48,12 +49,12 @@ public:
     static void removeFile(const foundation::os::FilePlace& place, const std::string& path);
 
 private:
-    std::string createParentFolder(const std::string& parent) const;
+    std::string findParentFolder(const std::string& parent) const;
     LockingOpen openAt(const foundation::os::FilePlace& place) const;
     LockingOpen openByPath() const;
     LockedDescriptor lockFile();
     LockedDescriptor keep(LockingOpen opened);
-    void examineJoined(int descriptor) const;
+    void examineJoined(const struct stat& status) const;
     foundation::os::FilePlace place() const;
     bool isOursToRemove() const;
     bool isReplaced() const;

@@ -19,6 +19,8 @@ struct LockingOpen {
     bool isNew = false;
     /// Which file it is; nothing unless it is locked.
     std::optional<foundation::os::FileIdentity> identity = std::nullopt;
+    /// What an existing file is like; a new one is as it was asked for.
+    struct stat status = {};
 };
 
 /// The mode of a file that a group shares. The owner may only read what the group may do anything

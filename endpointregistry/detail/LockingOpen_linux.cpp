@@ -80,7 +80,7 @@ LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLo
         }
         const os::FileIdentity identity(status);
         if (comparing == Comparing::byTheCaller || os::identityAt(place) == identity) {
-            return {std::move(lock), 0, false, identity};
+            return {std::move(lock), 0, false, identity, status};
         }
     }
 }

@@ -9,9 +9,8 @@
 namespace agent::spf::endpointregistry {
 
 bool containsEvery(std::string_view text, const std::vector<std::string>& parts) {
-    return std::all_of(parts.begin(), parts.end(), [text](const std::string& part) {
-        return text.find(part) != std::string_view::npos;
-    });
+    return std::all_of(parts.begin(), parts.end(),
+                       [text](const std::string& part) { return contains(text, part); });
 }
 
 void failToReadFolder(int error) {

@@ -9,6 +9,10 @@
 
 namespace agent::spf::endpointregistry {
 
+inline bool contains(std::string_view text, std::string_view part) {
+    return text.find(part) != std::string_view::npos;
+}
+
 /// As `containsAll`, without copies: it is asked of every name in a folder.
 bool containsEvery(std::string_view text, const std::vector<std::string>& parts);
 

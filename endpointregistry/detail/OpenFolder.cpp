@@ -1,6 +1,6 @@
 #include "endpointregistry/detail/OpenFolder.h"
 
-#include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/ParentPath.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
@@ -13,7 +13,7 @@ namespace agent::spf::endpointregistry {
 namespace os = foundation::os;
 
 std::optional<OpenFolder> OpenFolder::findPrivate(const std::string& parent) {
-    std::string path = LockedFile::getParentPath(parent, {}, false);
+    std::string path = parentPathOf(parent, {}, false);
     os::FileDescriptor folder(os::retryOnInterrupt(
         [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (!folder) {

@@ -1,6 +1,7 @@
 #include "endpointregistry/detail/Synonyms.h"
 
 #include "endpointregistry/EntryName.h"
+#include "endpointregistry/detail/NameListing.h"
 
 #include <algorithm>
 #include <string_view>
@@ -23,10 +24,7 @@ Synonyms::Synonyms(const Endpoint::DataPair& data, const std::string& groupTag,
 
 std::vector<std::string> Synonyms::listed() const {
     return folder.names([this](std::string_view name) {
-        const auto contains = [name](const std::string& part) {
-            return name.find(part) != std::string_view::npos;
-        };
-        return contains(sameData) || (contains(sameKey) && contains(sameTag));
+        return contains(name, sameData) || (contains(name, sameKey) && contains(name, sameTag));
     });
 }
 

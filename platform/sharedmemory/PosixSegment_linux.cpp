@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <limits>
 #include <optional>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace agent::spf::sharedmemory {

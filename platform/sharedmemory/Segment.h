@@ -3,7 +3,6 @@
 #include "sharedmemory/SharedMemory.h"
 
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <sys/types.h>

@@ -10,8 +10,8 @@ namespace agent::spf::sharedmemory {
 
 #pragma GCC visibility push(default)
 
-/// The openers of the same names, for an operation that opens several segments and has its trustee
-/// looked up once. For the libraries of this project, which are of one build.
+/// The openers of the same names and one more, for an operation that opens several segments and has
+/// its trustee looked up once. For the libraries of this project, which are of one build.
 struct SharedMemory::Openers {
     static SharedMemory create(const std::string& name, std::size_t size,
                                const foundation::os::Group& trustee,
@@ -19,6 +19,10 @@ struct SharedMemory::Openers {
     static SharedMemory find(const std::string& name, std::size_t size,
                              const foundation::os::Group& trustee,
                              ImplementationSpecifications implementation);
+    /// Without the search through the caller's groups that an empty trustee stands for otherwise.
+    static SharedMemory findExactly(const std::string& name, std::size_t size,
+                                    const foundation::os::Group& trustee,
+                                    ImplementationSpecifications implementation);
     static SharedMemory createOrFind(const std::string& name, std::size_t size,
                                      const foundation::os::Group& trustee,
                                      ImplementationSpecifications implementation);

@@ -97,6 +97,12 @@ SharedMemory SharedMemory::Openers::find(const std::string& name, std::size_t si
     return SharedMemory(std::move(found.segment));
 }
 
+SharedMemory SharedMemory::Openers::findExactly(const std::string& name, std::size_t size,
+                                                const os::Group& trustee,
+                                                ImplementationSpecifications implementation) {
+    return SharedMemory(enter(size, implementation).find(name, size, trustee).segment);
+}
+
 SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
                                         const std::string& trustee,
                                         ImplementationSpecifications implementation) {

@@ -149,13 +149,19 @@ void measureMatching() {
     for (const std::string& name : names) {
         const std::ofstream file(folder.get() + "/" + name);
     }
-    const auto list = [&folder](const std::vector<std::string>& parts) {
+    const auto list = [&folder](const NameTest& isWanted) {
         foundation::os::DirectoryStream entries(folder.get() + "/");
-        return listNames(entries,
-                         [&](std::string_view name) { return containsEvery(name, parts); });
+        return listNames(entries, isWanted);
     };
-    measure("listNames/oneOf1000", count, [&] { keep(list(ofOne)); });
-    measure("listNames/allOf1000", count, [&] { keep(list(ofAll)); });
+    const std::string sameTag = getGroupTagPrefix("benchmark");
+    const std::string sameKey = getSelectedKeySubstring(numberedKey(count));
+    measure("listNames/oneOf1000", count, [&] {
+        keep(list([&](std::string_view name) {
+            return contains(name, sameKey) && contains(name, sameTag);
+        }));
+    });
+    measure("listNames/allOf1000", count,
+            [&] { keep(list([&](std::string_view name) { return contains(name, sameTag); })); });
 }
 
 void measureSegments() {
@@ -189,13 +195,7 @@ void measureTable() {
         rows.write(row, entryOf(row));
     }
     const std::vector<std::string> last = entryOf(count - 1);
-    measureCalls("freeRowOf1000", [&] {
-        std::size_t row = 0;
-        while (row < rows.count() && !rows.isFree(row)) {
-            ++row;
-        }
-        return row;
-    });
+    measureCalls("ArrayRows::firstFree", [&] { return rows.firstFree(); });
     measureRows("ArrayRows::usedWidth", rows, [&](std::size_t row) { return rows.usedWidth(row); });
     measureRows("ArrayRows::firstElement", rows,
                 [&](std::size_t row) { return rows.firstElement(row); });
