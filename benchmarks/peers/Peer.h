@@ -17,7 +17,7 @@ struct Entry {
     Data data;
 };
 
-/// The entries are the same ones as those of the registry's own benchmarks.
+/// The entries look like those of the registry's own benchmarks.
 Entry numberedEntry(std::size_t number);
 
 /// Both halves of the data in one value, for those who store bytes only.

@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
-/// How operations come to the segments and the lock of one table. Each operation looks its trustee
-/// up once.
+/// How operations come to the segments and the lock of one table. Each operation of a table looks
+/// its trustee up once.
 namespace agent::spf::endpointregistry::arrays {
 
 inline constexpr auto implementation =

@@ -24,8 +24,8 @@ public:
     /// std::runtime_error when it cannot be opened or the private base is not to be trusted.
     static std::optional<OpenFolder> findPrivate(const std::string& parent);
 
-    /// The names in it that pass the test, in the order in which the folder lists them; of those
-    /// that were made after it was opened, at least by the second call. Throws
+    /// The names in it that pass the test, in the order in which the folder lists them. What is made
+    /// after the folder was opened may be missing from the first call, not from a later one. Throws
     /// std::runtime_error when it cannot be read.
     std::vector<std::string> names(const NameTest& isWanted) const;
 
