@@ -10,7 +10,7 @@ namespace agent::spf::endpointregistry {
 namespace {
 
 /// The caller's own entries.
-const std::string local;
+constexpr const char* local = "";
 
 std::set<std::string> getAllTrustees() {
     std::set<std::string> trustees = getCurrentUserGroups();

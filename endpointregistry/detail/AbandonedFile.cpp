@@ -1,14 +1,15 @@
 #include "endpointregistry/detail/AbandonedFile.h"
 
+#include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/BriefWait.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
-#include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <stdexcept>
 #include <sys/file.h>
 #include <utility>
 
@@ -20,8 +21,7 @@ namespace os = foundation::os;
 
 /// Not waiting without end, since a process that was stopped while it cleared up, or any other of
 /// the same user or group, may hold the lock for long.
-LockedDescriptor lockFolder(const OpenFolder& open) {
-    constexpr auto patience = std::chrono::milliseconds(20);
+LockedDescriptor lockFolder(const OpenFolder& open, std::chrono::milliseconds patience) {
     // A file of its own, since others may look through the folder that is open.
     const os::FilePlace place = open.placeOf(".");
     os::FileDescriptor folder(os::retryOnInterrupt([&] {
@@ -37,27 +37,42 @@ LockedDescriptor lockFolder(const OpenFolder& open) {
 
 } // namespace
 
-AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder)
+void failIfNotAsked(int error, const OpenFolder& folder, const std::string& name) {
+    if (error == EMFILE || error == ENFILE || error == ENOMEM) {
+        getLogger().log(foundation::log::severity::error,
+                        "LockedFile::isLocked(): Failed to open file: <", folder.path(), name,
+                        ">. (Error ", error, ")");
+        throw std::runtime_error("System Error: File system inconsistency");
+    }
+}
+
+AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder,
+                             std::chrono::milliseconds patience)
     : folder(folder)
     , place(folder.placeOf(name)) {
-    for (;;) {
-        LockingOpen opened = openAndShareLock(place);
-        if (opened.error != 0) {
-            found = opened.error == ENOENT ? Finding::nothingToClear : Finding::inUse;
-            return;
-        }
-        folderLock = lockFolder(folder);
-        if (!folderLock) {
-            return;
-        }
-        // Somebody else may have cleared it up before the folder's lock was free.
-        if (os::identityAt(place) == opened.identity) {
-            fileLock = std::move(opened.lock);
-            found = Finding::abandoned;
-            return;
-        }
+    // Nothing is held while the folder's lock is waited for: a publisher that wants the file takes
+    // those who share its lock for gone in a moment. So the file is examined again under it, also
+    // since somebody else may have cleared it up before.
+    if (!examine()) {
+        return;
+    }
+    fileLock.release();
+    folderLock = lockFolder(folder, patience);
+    if (!folderLock) {
+        found = Finding::heldUp;
+    } else if (!examine()) {
         folderLock.release();
     }
+}
+
+bool AbandonedFile::examine() {
+    LockingOpen opened = openAndShareLock(place);
+    failIfNotAsked(opened.error, folder, place.name);
+    fileLock = std::move(opened.lock);
+    found = opened.error == 0        ? Finding::abandoned
+            : opened.error == ENOENT ? Finding::nothingToClear
+                                     : Finding::inUse;
+    return found == Finding::abandoned;
 }
 
 void AbandonedFile::remove() {

@@ -4,9 +4,14 @@
 #include "endpointregistry/detail/OpenFolder.h"
 #include "foundation/os/FilePlace.h"
 
+#include <chrono>
 #include <string>
 
 namespace agent::spf::endpointregistry {
+
+/// Throws std::runtime_error, and logs which file, where its lock could not be asked for because no
+/// descriptor or memory was left: that says nothing about its publisher.
+void failIfNotAsked(int error, const OpenFolder& folder, const std::string& name);
 
 /// The right to clear away what a dead publisher left under one name.
 ///
@@ -19,17 +24,21 @@ public:
     enum class Finding {
         /// A publisher holds the file, or it cannot be examined.
         inUse,
-        /// No publisher, and nothing to clear up or no means to: the file is gone (none is made in
-        /// order to find that out), or the folder's lock is not to be had; then the next to look
-        /// clears up.
+        /// The file is gone; none is made in order to find that out.
         nothingToClear,
+        /// The publisher is dead, but the folder's lock was not to be had; the next to look clears
+        /// up.
+        heldUp,
         /// The publisher is dead, and this object holds the right to clear up.
         abandoned,
     };
 
-    /// Examines a file in a folder that outlives this object; waits a moment for others that clear
-    /// up.
-    AbandonedFile(const std::string& name, const OpenFolder& folder);
+    /// How long others that clear up are waited for; they are done in a moment.
+    static constexpr std::chrono::milliseconds usualPatience{20};
+
+    /// Examines a file in a folder that outlives this object. Throws as `failIfNotAsked` does.
+    AbandonedFile(const std::string& name, const OpenFolder& folder,
+                  std::chrono::milliseconds patience = usualPatience);
 
     Finding finding() const { return found; }
 
@@ -38,6 +47,8 @@ public:
     void remove();
 
 private:
+    bool examine();
+
     const OpenFolder& folder;
     foundation::os::FilePlace place;
     Finding found = Finding::nothingToClear;

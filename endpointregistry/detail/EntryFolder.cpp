@@ -1,17 +1,18 @@
 #include "endpointregistry/detail/EntryFolder.h"
 
-#include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/AbandonedFile.h"
 #include "endpointregistry/detail/JoinedRegistry.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
-#include <stdexcept>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
+
+using namespace std::chrono_literals;
 
 const OpenFolder* EntryFolder::folder() const {
     // That there was none is not remembered: the first entry makes it.
@@ -28,20 +29,16 @@ std::vector<std::string> EntryFolder::names(const NameTest& isWanted) const {
 
 EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
     const OpenFolder* const open = folder();
-    const int error = open != nullptr ? openAndShareLock(open->placeOf(name)).error : ENOENT;
+    if (open == nullptr) {
+        return Publisher::vanished;
+    }
+    const int error = openAndShareLock(open->placeOf(name)).error;
+    failIfNotAsked(error, *open, name);
     switch (error) {
     case ENOENT:
         return Publisher::vanished;
     case EWOULDBLOCK:
         return Publisher::alive;
-    case EMFILE:
-    case ENFILE:
-    case ENOMEM:
-        // To take it for dead would let a publisher try again and again.
-        getLogger().log(foundation::log::severity::error,
-                        "LockedFile::isLocked(): Failed to open file: <", open->path(), name,
-                        ">. (Error ", error, ")");
-        throw std::runtime_error("System Error: File system inconsistency");
     default:
         return Publisher::dead;
     }
@@ -66,7 +63,9 @@ bool EntryFolder::clearIfStale(const std::string& name,
     if (open == nullptr) {
         return true;
     }
-    AbandonedFile file(name, *open);
+    // Who was waited for in vain once is not waited for again with every other dead entry.
+    AbandonedFile file(name, *open, isHeldUp ? 0ms : AbandonedFile::usualPatience);
+    isHeldUp = isHeldUp || file.finding() == AbandonedFile::Finding::heldUp;
     if (file.finding() == AbandonedFile::Finding::abandoned) {
         removeData();
         file.remove();

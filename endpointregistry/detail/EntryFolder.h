@@ -47,6 +47,8 @@ private:
 
     foundation::os::Group group;
     mutable std::optional<OpenFolder> found;
+    /// Whether the last attempt to clear up waited for others in vain.
+    mutable bool isHeldUp = false;
 };
 
 } // namespace agent::spf::endpointregistry

@@ -27,7 +27,9 @@ bool PosixPlace::trusts(const struct stat& status) const {
     // Every segment has its memory from the start. In one that has holes, reading takes memory,
     // without bound, and kills the process where there is none.
     constexpr blkcnt_t blockSize = 512;
-    const bool isWhole = status.st_blocks >= (status.st_size + blockSize - 1) / blockSize;
+    const blkcnt_t neededBlocks =
+        status.st_size / blockSize + (status.st_size % blockSize != 0 ? 1 : 0);
+    const bool isWhole = status.st_blocks >= neededBlocks;
     const bool isOurs = group ? status.st_gid == *group : status.st_uid == user;
     return S_ISREG(status.st_mode) && isWhole && isOurs &&
            (status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)) == mode();

@@ -3,17 +3,22 @@
 #include "endpointregistry/Endpoint.h"
 #include "endpointregistry/LockedFile.h"
 #include "endpointregistry/detail/EntryFolder.h"
+#include "foundation/os/FileDescriptor.h"
 #include "tests/endpointregistry/EndpointFolderWatch.h"
 #include "tests/endpointregistry/EndpointTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 
+#include <atomic>
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+#include <vector>
 
 using namespace agent::spf::endpointregistry;
 using tests::FolderWatch;
@@ -44,6 +49,18 @@ protected:
 
 private:
     std::optional<OpenFolder> found;
+};
+
+/// Keeps others from clearing up, as one does that was stopped while it cleared up.
+class FolderHolder {
+public:
+    FolderHolder()
+        : folder(::open(tests::entryFolder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        EXPECT_EQ(::flock(folder.get(), LOCK_SH | LOCK_NB), 0);
+    }
+
+private:
+    foundation::os::FileDescriptor folder;
 };
 
 } // namespace
@@ -115,6 +132,43 @@ TEST_F(AbandonedFiles, CannotBeTakenOverWhileTheyAreCleared) {
     EXPECT_EQ(taken.getLockError(), EWOULDBLOCK);
 }
 
+TEST_F(AbandonedFiles, CanBeTakenOverWhileOthersThatClearAreWaitedFor) {
+    const PlantedEntry entry(name, "");
+    const FolderHolder stopped;
+    std::atomic<bool> isOver = false;
+    std::vector<std::thread> readers(3);
+    for (std::thread& reader : readers) {
+        reader = std::thread([&isOver] {
+            while (!isOver) {
+                const Finding finding = findingOf(name);
+                EXPECT_TRUE(finding == Finding::heldUp || finding == Finding::inUse);
+            }
+        });
+    }
+    for (int round = 0; round < 5; ++round) {
+        EXPECT_TRUE(LockedFile::tryLock(name, parent, "").isLocked());
+    }
+    isOver = true;
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+}
+
+TEST_F(AbandonedFiles, AreNotClearedWhileTheFolderIsHeld) {
+    const PlantedEntry entry(name, "");
+    const PlantedEntry other("other entry", "");
+    {
+        const FolderHolder stopped;
+        const EntryFolder entries("");
+        const auto fail = [] { ADD_FAILURE() << "data was removed"; };
+        EXPECT_TRUE(entries.clearIfStale(name, fail));
+        EXPECT_TRUE(entries.clearIfStale(other.name(), fail));
+        EXPECT_TRUE(entry.hasFile());
+    }
+    EXPECT_TRUE(EntryFolder("").clearIfStale(name, [] {}));
+    EXPECT_FALSE(entry.hasFile());
+}
+
 TEST_F(AbandonedFiles, CanBeTakenOverOnceExamined) {
     const PlantedEntry entry(name, "");
     EXPECT_EQ(findingOf(name), Finding::abandoned);
@@ -138,8 +192,8 @@ TEST_F(AbandonedFiles, AreClearedByOneAtATime) {
     const PlantedEntry other("other entry", "");
     const AbandonedFile file(name, folder());
     ASSERT_EQ(file.finding(), Finding::abandoned);
-    EXPECT_EQ(findingOf(name), Finding::nothingToClear);
-    EXPECT_EQ(findingOf(other.name()), Finding::nothingToClear);
+    EXPECT_EQ(findingOf(name), Finding::heldUp);
+    EXPECT_EQ(findingOf(other.name()), Finding::heldUp);
     EXPECT_TRUE(entry.hasFile());
     EXPECT_TRUE(other.hasFile());
 }

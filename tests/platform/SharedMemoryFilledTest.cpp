@@ -5,16 +5,19 @@
 #include "tests/support/SmallSharedMemory.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 namespace {
@@ -112,9 +115,12 @@ TEST_F(SharedMemoryFilledFile, IsNotReadWhereItHasHoles) {
         const SharedMemory memory = createFilled(name, std::string(100'000, 'x'));
         const std::string path = tests::segmentFiles().at(0);
         fs::resize_file(path, 10);
-        fs::resize_file(path, 100'000);
-        EXPECT_EQ(read(name, 1), std::nullopt);
-        EXPECT_FALSE(find(name, 1).isAttached());
+        constexpr std::uintmax_t largest = std::numeric_limits<off_t>::max();
+        for (const std::uintmax_t size : {std::uintmax_t{100'000}, largest}) {
+            fs::resize_file(path, size);
+            EXPECT_EQ(read(name, 1), std::nullopt) << size;
+            EXPECT_FALSE(find(name, 1).isAttached()) << size;
+        }
     }
 }
 
