@@ -136,16 +136,19 @@ TEST_F(AbandonedFiles, CanBeTakenOverWhileOthersThatClearAreWaitedFor) {
     const PlantedEntry entry(name, "");
     const FolderHolder stopped;
     std::atomic<bool> isOver = false;
+    std::atomic<int> waits = 0;
     std::vector<std::thread> readers(3);
     for (std::thread& reader : readers) {
-        reader = std::thread([&isOver] {
+        reader = std::thread([&] {
             while (!isOver) {
                 const Finding finding = findingOf(name);
                 EXPECT_TRUE(finding == Finding::heldUp || finding == Finding::inUse);
+                waits += finding == Finding::heldUp ? 1 : 0;
             }
         });
     }
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 1; round <= 5; ++round) {
+        tests::waitUntil([&] { return waits > 6 * round; }, "readers that all wait");
         EXPECT_TRUE(LockedFile::tryLock(name, parent, "").isLocked());
     }
     isOver = true;
