@@ -24,9 +24,9 @@ public:
     /// std::runtime_error when it cannot be opened or the private base is not to be trusted.
     static std::optional<OpenFolder> findPrivate(const std::string& parent);
 
-    /// The names in it that pass the test, in the order in which the folder lists them. What is made
-    /// after the folder was opened may be missing from the first call, not from a later one. Throws
-    /// std::runtime_error when it cannot be read.
+    /// The names in it that pass the test, in the order in which the folder lists them. What is
+    /// made after the folder was opened may be missing from the first call, not from a later one.
+    /// Throws std::runtime_error when it cannot be read.
     std::vector<std::string> names(const NameTest& isWanted) const;
 
     /// A file in the folder; valid for as long as this object lives.
