@@ -26,13 +26,6 @@ Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag
     , sharedMemory(replaceSharedMemory(data)) {
 }
 
-Endpoint::PosixImpl::~PosixImpl() {
-    // A forked child's copy is not the creator: its parent's entry stays.
-    if (sharedMemory.isCreator()) {
-        sharedMemory.overwrite(0, entrysegment::notReady);
-    }
-}
-
 LockedFile Endpoint::PosixImpl::createLockedFile() {
     return lockEntryFile(EntryFolder(trusteeName()));
 }
@@ -44,6 +37,7 @@ SharedMemory Endpoint::PosixImpl::createSharedMemory(const DataPair& data) const
         throw DuplicateEndpointError(
             "A synonym endpoint was found while trying to setup the shared memory");
     }
+    segment.overwriteAtRemoval(entrysegment::notReady);
     return segment;
 }
 

@@ -8,7 +8,7 @@
 namespace agent::spf::endpointregistry {
 
 /// The record of a private entry: a locked file, and a segment of POSIX shared memory of the same
-/// name that holds the data.
+/// name that holds the data. It is withdrawn with the object.
 class Endpoint::PosixImpl final : public Endpoint::Impl {
 public:
     /// Publishes the entry. Throws DuplicateEndpointError when a live process has one of this
@@ -19,9 +19,6 @@ public:
     /// The same by way of a folder that is open, that of the trustee.
     PosixImpl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
               const EntryFolder& folder);
-
-    /// Withdraws it.
-    ~PosixImpl() override;
 
     LockedFile createLockedFile() override;
 
@@ -43,6 +40,7 @@ private:
 
     static void removeSharedMemory(const std::string& name, const std::string& trustee);
 
+    // The data goes before the lock that guards it.
     LockedFile lockedFile;
     sharedmemory::SharedMemory sharedMemory;
 };

@@ -47,26 +47,31 @@ public:
 
     std::size_t size() const noexcept override { return ownSize; }
 
-    void overwrite(std::size_t offset, std::string_view bytes) noexcept override {
-        // Of a segment that was found, perhaps less than all of it is mapped.
-        if (offset + bytes.size() <= mapping.size()) {
-            std::copy(bytes.begin(), bytes.end(), static_cast<char*>(mapping.get()) + offset);
-        } else if (const os::FileDescriptor file = open()) {
-            os::retryOnInterrupt([&] {
-                return ::pwrite(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
-            });
-        }
-    }
-
     bool isStillNamed() const noexcept override { return os::identityAt(path) == identity; }
 
     void remove() noexcept override {
-        if (isStillNamed()) {
+        if (writeLastBytes()) {
             ::unlink(path.c_str());
         }
     }
 
 private:
+    /// Whether the name still stands for the segment.
+    bool writeLastBytes() const noexcept {
+        const std::string& bytes = lastBytes();
+        // Of a segment that was found, perhaps less than all of it is mapped.
+        if (bytes.size() <= mapping.size()) {
+            std::copy(bytes.begin(), bytes.end(), static_cast<char*>(mapping.get()));
+            return isStillNamed();
+        }
+        const os::FileDescriptor file = open();
+        if (!file) {
+            return false;
+        }
+        os::retryOnInterrupt([&] { return ::pwrite(file.get(), bytes.data(), bytes.size(), 0); });
+        return true;
+    }
+
     /// The segment's file; empty, with errno set, when it is not what the path leads to. A segment
     /// that nobody has open may be told from a later one of its name by its identity all the same:
     /// the memory file system of /dev/shm numbers its files on and on.

@@ -3,6 +3,7 @@
 #include "sharedmemory/SharedMemory.h"
 
 #include <cstddef>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -24,14 +25,19 @@ public:
     virtual void* address() const = 0;
     virtual std::size_t size() const noexcept = 0;
 
-    /// Writes inside the segment, unless it has been removed.
-    virtual void overwrite(std::size_t offset, std::string_view bytes) noexcept = 0;
-
     /// Whether whoever looks for the name now still comes to this segment.
     virtual bool isStillNamed() const noexcept = 0;
 
-    /// Removes the segment's name, unless it stands for another segment by now.
+    /// Removes the segment's name, unless it stands for another segment by now, once the last bytes
+    /// are written.
     virtual void remove() noexcept = 0;
+
+    void setLastBytes(std::string_view bytes) {
+        if (bytes.size() > size()) {
+            throw std::invalid_argument("Shared memory has fewer bytes than are to be written");
+        }
+        last = bytes;
+    }
 
     const std::string& trusteeName() const noexcept { return trustee; }
 
@@ -42,10 +48,15 @@ public:
     void keepAtEnd() noexcept { remover = nobody; }
     bool isRemovedAtEnd() const noexcept { return remover != nobody && remover == ::getpid(); }
 
+protected:
+    /// What the segment begins with when it is removed.
+    const std::string& lastBytes() const noexcept { return last; }
+
 private:
     static constexpr pid_t nobody = 0;
 
     std::string trustee;
+    std::string last;
     pid_t creator = nobody;
     pid_t remover = nobody;
 };

@@ -174,9 +174,9 @@ void* SharedMemory::getPointer() const {
     return segment ? segment->address() : nullptr;
 }
 
-void SharedMemory::overwrite(std::size_t offset, std::string_view bytes) noexcept {
-    if (segment && offset <= segment->size() && bytes.size() <= segment->size() - offset) {
-        segment->overwrite(offset, bytes);
+void SharedMemory::overwriteAtRemoval(std::string_view bytes) {
+    if (segment) {
+        segment->setLastBytes(bytes);
     }
 }
 

@@ -105,10 +105,11 @@ public:
     /// Valid for as long as the handle is attached.
     void* getPointer() const;
 
-    /// Writes bytes into the segment, without the need for an address; a single one at once.
-    /// Nothing is written past the segment's end or when not attached, nor to another segment that
-    /// has the name by now.
-    void overwrite(std::size_t offset, std::string_view bytes) noexcept;
+    /// Has these bytes written over the segment's first ones when this handle removes it, for those
+    /// who are attached to it then; a single one is written at once. Nothing is written to another
+    /// segment that has the name by then. Throws std::invalid_argument when they are more than the
+    /// segment has; when not attached, does nothing.
+    void overwriteAtRemoval(std::string_view bytes);
 
     /// The size in bytes that the segment was made with, of which at least as many are mapped as
     /// were asked for; 0 when not attached.

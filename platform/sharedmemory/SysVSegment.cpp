@@ -33,15 +33,12 @@ public:
     void* address() const noexcept override { return attachment.get(); }
     std::size_t size() const noexcept override { return ownSize; }
 
-    void overwrite(std::size_t offset, std::string_view bytes) noexcept override {
-        std::copy(bytes.begin(), bytes.end(), attachment.get() + offset);
-    }
-
     bool isStillNamed() const noexcept override {
         return sysv::findId(key) == id && !sysvproof::isRemoved(attachment.get(), wholeSize);
     }
 
     void remove() noexcept override {
+        std::copy(lastBytes().begin(), lastBytes().end(), attachment.get());
         // Another member's is its owner's to remove; from here on nobody finds it.
         if (!sysv::removeSegment(id)) {
             sysvproof::markRemoved(attachment.get(), wholeSize);

@@ -208,12 +208,12 @@ TEST_P(SharedMemoryFilledProcesses, LeaveTheSegmentToTheirParent) {
                   EXPECT_FALSE(memory->isCreator());
                   EXPECT_TRUE(memory->isStillNamed());
                   EXPECT_EQ(textOf(*memory), "contents");
-                  memory->overwrite(0, "C");
+                  memory->overwriteAtRemoval("C");
                   memory.reset();
               }),
               0);
-    EXPECT_EQ(read("name", 8), "Contents");
-    EXPECT_EQ(textOf(*memory), "Contents");
+    EXPECT_EQ(read("name", 8), "contents");
+    EXPECT_EQ(textOf(*memory), "contents");
     memory.reset();
     EXPECT_EQ(read("name", 8), std::nullopt);
 }

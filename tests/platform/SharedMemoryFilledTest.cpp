@@ -75,7 +75,7 @@ TEST_F(SharedMemoryFilledFile, IsNotTakenForAnotherInItsPlace) {
     fs::remove(path);
     const SharedMemory other = createFilled("name", "other");
     EXPECT_THROW(memory.getPointer(), std::runtime_error);
-    memory.overwrite(0, "xxxxx");
+    memory.overwriteAtRemoval("xxxxx");
     EXPECT_EQ(read("name", 5), "other");
     memory = SharedMemory();
     EXPECT_EQ(read("name", 5), "other");
@@ -87,11 +87,14 @@ TEST_F(SharedMemoryFilledFile, IsNotTakenForALinkToItself) {
     fs::rename(path, "/dev/shm/moved away");
     fs::create_symlink("/dev/shm/moved away", path);
     EXPECT_THROW(memory.getPointer(), std::runtime_error);
-    memory.overwrite(0, "x");
+    memory.overwriteAtRemoval("x");
     EXPECT_EQ(read("name"), std::nullopt);
+    memory = SharedMemory();
+    EXPECT_TRUE(fs::is_symlink(path));
     fs::remove(path);
     fs::rename("/dev/shm/moved away", path);
     EXPECT_EQ(read("name"), contents);
+    fs::remove(path);
 }
 
 TEST_F(SharedMemoryFilledFile, DoesNotWaitForAPipeInItsPlace) {
@@ -101,7 +104,7 @@ TEST_F(SharedMemoryFilledFile, DoesNotWaitForAPipeInItsPlace) {
                   SharedMemory memory = createFilled("name");
                   fs::remove(path);
                   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-                  memory.overwrite(0, "x");
+                  memory.overwriteAtRemoval("x");
                   EXPECT_THROW(memory.getPointer(), std::runtime_error);
                   EXPECT_EQ(read("name"), std::nullopt);
               }),

@@ -96,26 +96,6 @@ TEST_P(SharedMemoryFilledUsers, ReadWhatIsForTheirGroupAndNoOthersDo) {
     }
 }
 
-TEST_P(SharedMemoryFilledUsers, OverwriteWhatIsForTheirGroup) {
-    ForkedProcess maker([&](Channel& test) {
-        accounts::become(anna);
-        SharedMemory memory = SharedMemory::createFilled("name", contents, friends, GetParam());
-        test.send("made");
-        test.receive();
-        EXPECT_EQ(read("name", friends)->front(), 'C');
-        memory.overwrite(0, "c");
-        test.send("written");
-        test.receive();
-    });
-    maker.channel().receive();
-    as(ben, [] { SharedMemory::find("name", 1, friends, GetParam()).overwrite(0, "C"); });
-    maker.channel().send("go on");
-    maker.channel().receive();
-    as(ben, [] { EXPECT_EQ(read("name", friends), contents); });
-    maker.channel().send("end");
-    EXPECT_EQ(maker.waitForExit(), 0);
-}
-
 TEST_P(SharedMemoryFilledUsers, MakeNoneForGroupsThatTheyAreNotIn) {
     as(carl, [] {
         EXPECT_THROW(SharedMemory::createFilled("name", contents, friends, GetParam()),
