@@ -1,4 +1,3 @@
-#include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/FoldersRefusedCalls.h"
 #include "tests/platform/SharedMemoryTools.h"
 #include "tests/support/ForkedProcess.h"
@@ -23,7 +22,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using foundation::os::identityAt;
 using tests::bytesOf;
 using tests::find;
 using tests::SharedMemory;
