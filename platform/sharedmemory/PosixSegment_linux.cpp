@@ -66,7 +66,7 @@ private:
         }
         const os::FileDescriptor file = open();
         if (!file) {
-            return false;
+            return isStillNamed(); // It goes also where there is no descriptor left.
         }
         os::retryOnInterrupt([&] { return ::pwrite(file.get(), bytes.data(), bytes.size(), 0); });
         return true;

@@ -23,6 +23,7 @@
 #include <sys/stat.h>
 #include <typeinfo>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace agent::spf::endpointregistry;
@@ -141,6 +142,17 @@ TEST_F(EndpointWithoutDescriptors, IsNotLookedUpButReported) {
     EXPECT_EQ(failures.front().text, "System Error: File system inconsistency");
     EXPECT_EQ(failures.front().log.front().message,
               "LockedFile::filterNames(): Failed to open parent folder. (Error 24)");
+}
+
+TEST_F(EndpointWithoutDescriptors, IsWithdrawnAllTheSame) {
+    EXPECT_EQ(tests::runInChild([] {
+                  std::optional<Endpoint> endpoint(std::in_place, data, tag, key);
+                  const auto hoard = tests::leaveDescriptors(0);
+                  endpoint.reset();
+              }),
+              0);
+    EXPECT_EQ(tests::entryFiles(), std::vector<std::string>());
+    EXPECT_EQ(tests::segmentFiles(), std::vector<std::string>());
 }
 
 TEST_F(EndpointWithoutDescriptors, IsNoDeathOfThoseWhoLive) {
