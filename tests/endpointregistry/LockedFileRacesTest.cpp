@@ -6,6 +6,7 @@
 #include "tests/endpointregistry/LockedFileProcesses.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/TracedProcess.h"
 
 #include <array>
 #include <atomic>
@@ -29,40 +30,65 @@ using foundation::os::identityOf;
 
 namespace {
 
-/// A file that appears and goes again and again, and processes that try to catch it unlocked.
+/// A file that appears and goes again and again, and others that try to catch it unlocked.
 class AppearingLockedFile : public tests::LockedFileTest {
 protected:
     void expectNeverSeenUnlocked(const std::string& trustee,
-                                 const std::function<void()>& appearAndGo) {
-        const std::string file = LockedFile::getParentPath(parent, trustee, true) + name;
+                                 const std::function<LockedFile()>& appear) {
+        file = LockedFile::getParentPath(parent, trustee, true) + name;
+        expectLockedAtEveryStep(appear);
+        expectLockedWhoeverLooks(appear);
+    }
+
+private:
+    enum class Sight { none, locked, unlocked };
+
+    Sight look() const {
+        const FileDescriptor found(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!found) {
+            return Sight::none;
+        }
+        // A file that lost its name before it lost its lock is nobody's any more.
+        const bool isUnlocked = ::flock(found.get(), LOCK_SH | LOCK_NB) == 0 &&
+                                identityAt(file) == identityOf(found.get());
+        return isUnlocked ? Sight::unlocked : Sight::locked;
+    }
+
+    void expectLockedAtEveryStep(const std::function<LockedFile()>& appear) const {
+        tests::TracedProcess owner([&] { static_cast<void>(appear()); });
+        int seen = 0;
+        while (owner.run(1)) {
+            const Sight sight = look();
+            ASSERT_NE(sight, Sight::unlocked);
+            seen += sight == Sight::locked ? 1 : 0;
+        }
+        EXPECT_GT(seen, 0);
+    }
+
+    void expectLockedWhoeverLooks(const std::function<LockedFile()>& appear) const {
         const tests::SharedWithChildren<std::atomic<bool>> isOver;
         const tests::SharedWithChildren<std::atomic<int>> seen;
         const tests::SharedWithChildren<std::atomic<int>> seenUnlocked;
         tests::Processes watchers(3, [&](std::size_t) {
             while (!*isOver) {
-                const FileDescriptor found(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-                if (!found) {
-                    continue;
-                }
-                ++*seen;
-                // A file that lost its name before it lost its lock is nobody's any more.
-                if (::flock(found.get(), LOCK_SH | LOCK_NB) == 0 &&
-                    identityAt(file) == identityOf(found.get())) {
-                    ++*seenUnlocked;
-                }
+                const Sight sight = look();
+                *seen += sight == Sight::none ? 0 : 1;
+                *seenUnlocked += sight == Sight::unlocked ? 1 : 0;
             }
         });
-        int rounds = 0;
-        tests::waitUntil(
-            [&] {
-                appearAndGo();
-                return HasFailure() || (++rounds >= 500 && *seen >= 500);
-            },
-            "a file that is seen hundreds of times");
+        for (int round = 0; round < 500 && !HasFailure(); ++round) {
+            const int before = *seen;
+            const LockedFile appeared = appear();
+            EXPECT_TRUE(appeared.isLocked());
+            // With a single core to all, nobody would ever look by chance while it is there.
+            tests::waitUntil([&] { return *seen > before; }, "somebody who sees the file");
+        }
         *isOver = true;
         watchers.expectSuccess();
         EXPECT_EQ(*seenUnlocked, 0) << "of " << *seen;
     }
+
+    std::string file;
 };
 
 /// Processes that compete for one name, each of which removes the file when it had its turn.
@@ -124,31 +150,30 @@ using ElectedLockedFile = tests::LockedFileTest;
 using KilledOwner = tests::LockedFileTest;
 
 TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsCreated) {
-    expectNeverSeenUnlocked(
-        "", [this] { ASSERT_TRUE(LockedFile::createAndTryLock(name, parent, "").isLocked()); });
+    expectNeverSeenUnlocked("", [this] { return LockedFile::createAndTryLock(name, parent, ""); });
 }
 
 TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsTried) {
     expectNeverSeenUnlocked("", [this] {
         LockedFile file = LockedFile::tryLock(name, parent, "");
-        ASSERT_TRUE(file.isLocked());
         file.markForDeletion();
+        return file;
     });
 }
 
 TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsWaitedFor) {
     expectNeverSeenUnlocked("", [this] {
         LockedFile file = LockedFile::getLock(name, parent, "");
-        ASSERT_TRUE(file.isLocked());
         file.markForDeletion();
+        return file;
     });
 }
 
 TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsShared) {
     tests::provideSharedFolder();
     const std::string group = tests::ownGroup();
-    expectNeverSeenUnlocked(
-        group, [&] { ASSERT_TRUE(LockedFile::createAndTryLock(name, parent, group).isLocked()); });
+    expectNeverSeenUnlocked(group,
+                            [&] { return LockedFile::createAndTryLock(name, parent, group); });
 }
 
 TEST_F(ContendedLockedFile, HasOneHolderAtATimeAmongThoseThatTry) {
