@@ -15,43 +15,18 @@ endif()
 # The two include roots, as public headers are written against them.
 set(project_include_roots ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/platform)
 
-# add_project_library(<name> SOURCES ... PUBLIC_HEADERS ... [LINK ...] [PRIVATE_LINK ...])
+# add_floor(<name> SOURCES ... [PUBLIC_HEADERS ...] [LINK ...])
 #
-# A shared library with hidden visibility, installed with its headers, and a static twin
-# <name>_internals of the same objects, through which tests reach what the shared one hides.
-function(add_project_library name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC_HEADERS;LINK;PRIVATE_LINK")
+# A static library of which only what its public headers declare is visible. All floors together
+# make the shared library; tests link single ones, to reach what the shared library hides.
+function(add_floor name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC_HEADERS;LINK")
 
-    add_library(${name}_objects OBJECT ${arg_SOURCES})
-    set_target_properties(${name}_objects PROPERTIES
-        POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-    target_include_directories(${name}_objects PRIVATE ${project_include_roots})
-    target_link_libraries(${name}_objects PRIVATE project_options ${arg_LINK} ${arg_PRIVATE_LINK})
-
-    add_library(${name} SHARED)
-    add_library(qvagentspfendpointregistry::${name} ALIAS ${name})
+    add_library(${name} STATIC ${arg_SOURCES})
     set_target_properties(${name} PROPERTIES
-        VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-        INSTALL_RPATH "$ORIGIN")
-
-    # Nobody installs the twin; tests that use it get the other libraries as users do.
-    add_library(${name}_internals STATIC EXCLUDE_FROM_ALL)
-
-    foreach(target ${name} ${name}_internals)
-        target_link_libraries(${target}
-            PRIVATE $<BUILD_INTERFACE:${name}_objects> $<BUILD_INTERFACE:project_options>
-            PUBLIC ${arg_LINK})
-        foreach(dependency ${arg_PRIVATE_LINK})
-            target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:${dependency}>)
-        endforeach()
-        target_include_directories(${target} PUBLIC
-            "$<BUILD_INTERFACE:${project_include_roots}>"
-            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    endforeach()
-
-    target_compile_features(${name} PUBLIC cxx_std_17)
-    install(TARGETS ${name} EXPORT qvagentspfendpointregistry_targets
-            LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+        POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    target_include_directories(${name} PUBLIC ${project_include_roots})
+    target_link_libraries(${name} PRIVATE project_options ${arg_LINK})
     install_headers(${arg_PUBLIC_HEADERS})
 endfunction()
 

@@ -8,10 +8,8 @@
 
 namespace agent::spf::sharedmemory {
 
-#pragma GCC visibility push(default)
-
 /// The openers of the same names and one more, for an operation that opens several segments and has
-/// its trustee looked up once. For the libraries of this project, which are of one build.
+/// its trustee looked up once.
 struct SharedMemory::Openers {
     static SharedMemory create(const std::string& name, std::size_t size,
                                const foundation::os::Group& trustee,
@@ -27,7 +25,5 @@ struct SharedMemory::Openers {
                                      const foundation::os::Group& trustee,
                                      ImplementationSpecifications implementation);
 };
-
-#pragma GCC visibility pop
 
 } // namespace agent::spf::sharedmemory

@@ -128,9 +128,9 @@ public:
     /// Has the segment removed with this handle, also when it did not make it.
     void markForDeletion();
 
-    // Private to the library, and to those of this project.
+    // Private to the library.
     class __attribute__((visibility("hidden"))) Segment;
-    struct Openers;
+    struct __attribute__((visibility("hidden"))) Openers;
 
 private:
     explicit SharedMemory(std::unique_ptr<Segment> segment) noexcept;
