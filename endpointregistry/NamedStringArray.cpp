@@ -77,8 +77,11 @@ void NamedStringArray::insert(std::initializer_list<std::string> entry) {
 }
 
 void NamedStringArray::insert(std::vector<std::string> entry) {
+    insert(entry, os::Group(trustee));
+}
+
+void NamedStringArray::insert(const Entry& entry, const os::Group& group) {
     checkEntry(entry);
-    const os::Group group(trustee);
     for (;;) {
         SharedMemory base =
             SharedMemory::Openers::createOrFind(baseName, ArrayBase::size, group, implementation);
@@ -135,7 +138,10 @@ void NamedStringArray::erase(std::initializer_list<std::string> entry) {
 }
 
 void NamedStringArray::erase(std::vector<std::string> entry) {
-    const os::Group group(trustee);
+    erase(entry, os::Group(trustee));
+}
+
+void NamedStringArray::erase(const Entry& entry, const os::Group& group) {
     for (;;) {
         SharedMemory base = arrays::findBase(baseName, group);
         if (!base.isAttached()) {

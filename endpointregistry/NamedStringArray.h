@@ -85,7 +85,12 @@ public:
     /// largest unsigned long where it is larger than that.
     static unsigned long getContainerSize(unsigned long length, unsigned long width);
 
-    // For the library alone: `filter` for an operation that has looked the trustee up.
+    // For the library alone: the same for who takes several steps and has the trustee looked up
+    // once.
+    __attribute__((visibility("hidden"))) void insert(const std::vector<std::string>& entry,
+                                                      const foundation::os::Group& group);
+    __attribute__((visibility("hidden"))) void erase(const std::vector<std::string>& entry,
+                                                     const foundation::os::Group& group);
     __attribute__((visibility("hidden"))) std::vector<std::vector<std::string>>
     filter(const std::vector<std::string>& substrings, const foundation::os::Group& group);
 

@@ -22,9 +22,10 @@ NamedStringArray tableOf(const std::string& trustee) {
 
 using Row = std::vector<std::string>;
 
-void eraseRows(NamedStringArray& array, const std::string& name) {
-    for (const Row& row : array.filter({name})) {
-        array.erase(row);
+void eraseRows(NamedStringArray& array, const std::string& name,
+               const foundation::os::Group& trustee) {
+    for (const Row& row : array.filter({name}, trustee)) {
+        array.erase(row, trustee);
     }
 }
 
@@ -76,29 +77,39 @@ Endpoint::SysVImpl::SysVImpl(const DataPair& data, const std::string& groupTag,
                              const std::string& selectedKey, const std::string& trustee)
     : Impl(data, groupTag, selectedKey, trustee)
     , publisher(::getpid())
-    , lockedFile(SysVImpl::createLockedFile()) {
-    tableOf(trustee).insert({entryName(), data.first, data.second});
+    , lockedFile(publish(data)) {
+}
+
+LockedFile Endpoint::SysVImpl::publish(const DataPair& data) const {
+    const EntryFolder folder(trusteeName());
+    LockedFile file = createLockedFile(folder);
+    tableOf(trusteeName()).insert({entryName(), data.first, data.second}, folder.trustee());
+    return file;
 }
 
 Endpoint::SysVImpl::~SysVImpl() {
     if (publisher == ::getpid()) {
         NamedStringArray table = tableOf(trusteeName());
-        eraseRows(table, entryName());
+        eraseRows(table, entryName(), trusteeName());
     }
 }
 
 LockedFile Endpoint::SysVImpl::createLockedFile() {
-    LockedFile file = lockEntryFile(EntryFolder(trusteeName()));
+    return createLockedFile(EntryFolder(trusteeName()));
+}
+
+LockedFile Endpoint::SysVImpl::createLockedFile(const EntryFolder& folder) const {
+    LockedFile file = lockEntryFile(folder);
     // A dead publisher's, which readers would come upon first.
     NamedStringArray table = tableOf(trusteeName());
-    eraseRows(table, entryName());
+    eraseRows(table, entryName(), folder.trustee());
     return file;
 }
 
 bool Endpoint::SysVImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
                                                         const EntryFolder& folder,
                                                         NamedStringArray& array) {
-    return folder.clearIfStale(name, [&] { eraseRows(array, name); });
+    return folder.clearIfStale(name, [&] { eraseRows(array, name, folder.trustee()); });
 }
 
 std::vector<Endpoint::DataPair>

@@ -38,6 +38,9 @@ public:
                                               const EntryFolder& folder, std::size_t most);
 
 private:
+    LockedFile publish(const DataPair& data) const;
+    LockedFile createLockedFile(const EntryFolder& folder) const;
+
     pid_t publisher;
     LockedFile lockedFile;
 };
