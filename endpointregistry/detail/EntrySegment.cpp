@@ -23,7 +23,9 @@ std::size_t sizeFor(unsigned long length) {
 
 std::string contentsOf(const std::pair<std::string, std::string>& data) {
     const std::uint64_t firstLength = data.first.size();
-    std::string bytes(dataOffset, '\0');
+    std::string bytes;
+    bytes.reserve(sizeFor(data.first.size() + data.second.size()));
+    bytes.append(dataOffset, '\0');
     bytes.front() = static_cast<char>(readyBit);
     std::memcpy(bytes.data() + firstLengthOffset, &firstLength, sizeof firstLength);
     bytes += data.first;

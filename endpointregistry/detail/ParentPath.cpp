@@ -19,6 +19,7 @@ std::string getPrivateFolderPath(const std::string& parent, bool create) {
     // The path service has made the base, or made sure that it can be trusted.
     std::string path = fl::i18n::ustring_to_utf8(
         foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateBase));
+    path.reserve(path.size() + parent.size() + 2);
     path.append("/").append(parent).append("/");
     if (create) {
         createFolder(path);

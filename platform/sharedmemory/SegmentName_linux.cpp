@@ -1,6 +1,7 @@
 #include "sharedmemory/SegmentName.h"
 
 #include <algorithm>
+#include <array>
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <climits>
@@ -12,12 +13,20 @@ namespace agent::spf::sharedmemory {
 
 namespace {
 
-/// Neither "@" nor "~", which the two forms of a file name are told apart by.
+/// Which characters are plain: neither "@" nor "~", which the two forms of a file name are told
+/// apart by. In a table, since each lookup goes through long names with it.
+constexpr auto plainCharacters = [] {
+    std::array<bool, UCHAR_MAX + 1> isPlain{};
+    for (const char c : std::string_view("abcdefghijklmnopqrstuvwxyz"
+                                         "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.")) {
+        isPlain.at(static_cast<unsigned char>(c)) = true;
+    }
+    return isPlain;
+}();
+
 bool isPlain(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-               c == '_' || c == '-' || c == '.';
-    });
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return plainCharacters[static_cast<unsigned char>(c)]; });
 }
 
 boost::uuids::uuid uuidOf(const std::string& identity) {
@@ -35,7 +44,9 @@ std::string ownerOf(const std::string& trustee, uid_t user) {
 // fit there is "~" and the identity's UUID of version 5.
 SegmentName segmentNameOf(const std::string& name, const std::string& trustee, uid_t user) {
     const std::string owner = ownerOf(trustee, user);
-    std::string readable = name + "@" + owner;
+    std::string readable;
+    readable.reserve(name.size() + 1 + owner.size());
+    readable.append(name).append(1, '@').append(owner);
     const bool readableFits = !name.empty() && name.front() != '.' && isPlain(name) &&
                               isPlain(owner) && readable.size() <= NAME_MAX;
     if (readableFits) {

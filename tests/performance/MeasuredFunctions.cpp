@@ -8,6 +8,8 @@
 #include "endpointregistry/detail/ArrayRows.h"
 #include "endpointregistry/detail/EntrySegment.h"
 #include "endpointregistry/detail/NameListing.h"
+#include "fl/i18n/UstringConversion.h"
+#include "sharedmemory/SegmentName.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -19,6 +21,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -108,6 +111,11 @@ void measureNames() {
     measureCalls("getVersionFromName", [&] { return getVersionFromName(name); });
 }
 
+void measurePaths() {
+    const std::u16string path = u"/dev/shm/Corvantis-1000";
+    measureCalls("ustring_to_utf8", [&] { return fl::i18n::ustring_to_utf8(path); });
+}
+
 class TemporaryFolder {
 public:
     TemporaryFolder()
@@ -168,6 +176,10 @@ void measureSegments() {
     const DataPair data = numberedData(0);
     const unsigned long length = data.first.size() + data.second.size();
     const std::string segment = entrysegment::contentsOf(data);
+    const std::string name = nameOf(data, numberedKey(0));
+    constexpr uid_t user = 1000;
+    measureCalls("segmentNameOf",
+                 [&] { return agent::spf::sharedmemory::segmentNameOf(name, {}, user); });
     measureCalls("entrysegment::contentsOf", [&] { return entrysegment::contentsOf(data); });
     measureCalls("entrysegment::read", [&] { return entrysegment::read(segment, length); });
 }
@@ -212,6 +224,7 @@ void measureTable() {
 int main() {
     try {
         measureNames();
+        measurePaths();
         measureMatching();
         measureSegments();
         measureTable();
