@@ -1,4 +1,4 @@
-# The CMake package and the pkg-config file; both find the libraries relative to themselves.
+# The CMake package and the pkg-config file; both find the library relative to themselves.
 include(CMakePackageConfigHelpers)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})

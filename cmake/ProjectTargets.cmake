@@ -1,6 +1,6 @@
 # What every target of this project has in common.
 
-# Warnings, the language level and the sanitizers; never handed on to users of the libraries.
+# Warnings, the language level and the sanitizers; never handed on to users of the library.
 add_library(project_options INTERFACE)
 target_compile_features(project_options INTERFACE cxx_std_20)
 target_compile_options(project_options INTERFACE
@@ -22,7 +22,7 @@ set(project_include_roots ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/platform)
 function(add_floor name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC_HEADERS;LINK")
 
-    add_library(${name} STATIC ${arg_SOURCES})
+    add_library(${name} STATIC EXCLUDE_FROM_ALL ${arg_SOURCES})
     set_target_properties(${name} PROPERTIES
         POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
     target_include_directories(${name} PUBLIC ${project_include_roots})

@@ -85,7 +85,7 @@ public:
     /// largest unsigned long where it is larger than that.
     static unsigned long getContainerSize(unsigned long length, unsigned long width);
 
-    // For the library alone: the same for who takes several steps and has the trustee looked up
+    // For the library alone: the same for whoever takes several steps and has the trustee looked up
     // once.
     __attribute__((visibility("hidden"))) void insert(const std::vector<std::string>& entry,
                                                       const foundation::os::Group& group);

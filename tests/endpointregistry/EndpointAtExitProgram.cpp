@@ -13,7 +13,7 @@ using agent::spf::endpointregistry::Endpoint;
 
 namespace {
 
-// Made before anything of the libraries' that is made on first use, so it goes after all that.
+// Made before anything of the library's that is made on first use, so it goes after all that.
 Endpoint older;
 
 void trace() {

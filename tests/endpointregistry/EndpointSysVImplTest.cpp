@@ -124,6 +124,16 @@ TEST_F(EndpointSysVImpl, LeavesTheRowOfALivingOneOfItsNameAlone) {
     });
 }
 
+TEST_F(EndpointSysVImpl, GetsNoSecondFile) {
+    asAnna([] {
+        Record record(data, tag, key, friends);
+        EXPECT_THROW(const LockedFile file = record.createLockedFile(),
+                     Endpoint::DuplicateEndpointError);
+        EXPECT_TRUE(tests::isHeld(tests::sharedPath(friends, ownName())));
+        EXPECT_EQ(tests::rowsOf(friends), (Rows{{ownName(), data.first, data.second}}));
+    });
+}
+
 TEST_F(EndpointSysVImpl, TakesOverTheNameOfADeadOne) {
     asAnna([] {
         SharedTrace dead(ownName(), {ownName(), "old", "data"});

@@ -29,12 +29,23 @@ LD_LIBRARY_PATH=$(pkg-config --variable=libdir qvagentspfendpointregistry) "$wor
 library=$(find "$work/moved" -name "libqvagentspfendpointregistry.so")
 readelf -d "$library" | grep -q "SONAME.*libqvagentspfendpointregistry.so.0\]"
 
-# Names of other libraries would be taken for those of whoever links this one.
-strangers=$(nm -DC --defined-only --format=posix "$library" |
-    grep -vE '^((typeinfo|typeinfo name|vtable) for )?(agent::spf|fl::i18n|foundation)::' || true)
-if [[ -n $strangers ]]; then
-    echo "The library exports what is not its own:" >&2
-    echo "$strangers" >&2
+# Names of other libraries would be taken for those of whoever links this one, and internals would
+# be used.
+exported=$(nm -D --defined-only --format=posix "$library" | cut -d ' ' -f 1)
+expect_none() {
+    if strangers=$(grep -E "$2" <<<"$1"); then
+        printf 'The library exports what it should not:\n%s\n' "$strangers" >&2
+        exit 1
+    fi
+}
+own='^_Z(T[ISV])?NK?(5agent3spf|2fl4i18n|10foundation(3log|5paths))'
+grep -qE "$own" <<<"$exported"
+expect_none "$(grep -vE "$own" <<<"$exported" || true)" .
+expect_none "$exported" 'EntryFolder|PosixImpl|ArrayRows|PosixPlace|cityHash64|Roster'
+
+"$compiler" "$here/consumer/unloading.cpp" -o "$work/unloading" -ldl
+if ! "$work/unloading" "$library"; then
+    echo "The library cannot be loaded, or goes when it is unloaded." >&2
     exit 1
 fi
 echo "The installed package works where it was moved to."

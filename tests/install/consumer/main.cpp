@@ -6,6 +6,7 @@
 #include <endpointregistry/Groups.h>
 #include <endpointregistry/LockedFile.h>
 #include <endpointregistry/Loggers.h>
+#include <endpointregistry/NamedStringArray.h>
 #include <fl/i18n/UstringConversion.h>
 #include <foundation/log/Admin.h>
 #include <foundation/paths/CorvantisPath.h>
