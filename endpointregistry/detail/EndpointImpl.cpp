@@ -10,6 +10,7 @@
 #include "foundation/os/Process.h"
 
 #include <cerrno>
+#include <functional>
 #include <stdexcept>
 #include <string_view>
 #include <unistd.h>
@@ -25,13 +26,13 @@ std::vector<std::string> namesIn(const EntryFolder& folder, const std::string& g
     return folder.names([&](std::string_view name) { return contains(name, sameTag); });
 }
 
-std::vector<std::string> namesIn(const EntryFolder& folder, const std::string& groupTag,
-                                 const std::string& selectedKey) {
-    const std::string sameTag = getGroupTagPrefix(groupTag);
-    const std::string sameKey = getSelectedKeySubstring(selectedKey);
+/// The test for names of this group tag and this selected key.
+auto hasTagAndKey(const std::string& groupTag, const std::string& selectedKey) {
     // The key first, which fewer names have.
-    return folder.names(
-        [&](std::string_view name) { return contains(name, sameKey) && contains(name, sameTag); });
+    return [sameTag = getGroupTagPrefix(groupTag),
+            sameKey = getSelectedKeySubstring(selectedKey)](std::string_view name) {
+        return contains(name, sameKey) && contains(name, sameTag);
+    };
 }
 
 } // namespace
@@ -66,12 +67,12 @@ std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag
 std::vector<std::string> Endpoint::Impl::findNames(const std::string& groupTag,
                                                    const std::string& selectedKey,
                                                    const std::string& trustee) {
-    return namesIn(EntryFolder(trustee), groupTag, selectedKey);
+    return EntryFolder(trustee).names(hasTagAndKey(groupTag, selectedKey));
 }
 
 Endpoint::DataPair Endpoint::Impl::getDataPair(const std::string& name,
                                                const std::string& trustee) {
-    const std::vector<DataPair> data = getDataPairs({name}, EntryFolder(trustee), 1);
+    const std::vector<DataPair> data = getDataPairs({name}, EntryFolder(trustee));
     return data.empty() ? DataPair() : data.front();
 }
 
@@ -79,26 +80,29 @@ std::optional<Endpoint::DataPair> Endpoint::Impl::findDataPair(const std::string
                                                                const std::string& selectedKey,
                                                                const std::string& trustee) {
     const EntryFolder folder(trustee);
-    std::vector<DataPair> data = getDataPairs(namesIn(folder, groupTag, selectedKey), folder, 1);
+    const auto isWanted = hasTagAndKey(groupTag, selectedKey);
+    if (folder.trustee().isNone()) {
+        return PosixImpl::findDataPair(std::ref(isWanted), folder);
+    }
+    std::vector<DataPair> data =
+        SysVImpl::getDataPairs(folder.names(std::ref(isWanted)), folder, 1);
     return data.empty() ? std::nullopt : std::optional(std::move(data.front()));
 }
 
 std::vector<Endpoint::DataPair> Endpoint::Impl::filterDataPairs(const std::string& groupTag,
                                                                 const std::string& trustee) {
     const EntryFolder folder(trustee);
-    const std::vector<std::string> names = namesIn(folder, groupTag);
-    return getDataPairs(names, folder, names.size());
+    return getDataPairs(namesIn(folder, groupTag), folder);
 }
 
 std::vector<Endpoint::DataPair> Endpoint::Impl::getDataPairs(const std::vector<std::string>& names,
-                                                             const EntryFolder& folder,
-                                                             std::size_t most) {
+                                                             const EntryFolder& folder) {
     if (!folder.trustee().isNone()) {
-        return SysVImpl::getDataPairs(names, folder, most);
+        return SysVImpl::getDataPairs(names, folder, names.size());
     }
     std::vector<DataPair> pairs;
-    for (auto name = names.begin(); name != names.end() && pairs.size() < most; ++name) {
-        if (DataPair data = PosixImpl::getDataPair(*name, folder); isReadable(data)) {
+    for (const std::string& name : names) {
+        if (DataPair data = PosixImpl::getDataPair(name, folder); isReadable(data)) {
             pairs.push_back(std::move(data));
         }
     }

@@ -94,10 +94,9 @@ protected:
     const std::string& trusteeName() const { return trustee; }
 
 private:
-    /// The data of those of the entries that can be read, in the order of their names, at most so
-    /// many.
+    /// The data of those of the entries that can be read, in the order of their names.
     static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
-                                              const EntryFolder& folder, std::size_t most);
+                                              const EntryFolder& folder);
 
     std::string trustee;
     std::string groupTag;

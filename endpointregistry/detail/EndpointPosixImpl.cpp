@@ -4,6 +4,9 @@
 #include "endpointregistry/detail/EntryFolder.h"
 #include "endpointregistry/detail/EntrySegment.h"
 
+#include <string_view>
+#include <utility>
+
 namespace agent::spf::endpointregistry {
 
 namespace {
@@ -82,6 +85,20 @@ Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,
         return {};
     }
     return entrysegment::read(*copy, length);
+}
+
+std::optional<Endpoint::DataPair> Endpoint::PosixImpl::findDataPair(const NameTest& isWanted,
+                                                                    const EntryFolder& folder) {
+    std::optional<DataPair> found;
+    folder.anyName([&](std::string_view name) {
+        if (isWanted(name)) {
+            if (DataPair data = getDataPair(std::string(name), folder); isReadable(data)) {
+                found = std::move(data);
+            }
+        }
+        return found.has_value();
+    });
+    return found;
 }
 
 SharedMemory Endpoint::PosixImpl::findSharedMemory(const std::string& name,

@@ -3,6 +3,7 @@
 #include "endpointregistry/detail/EndpointImpl.h"
 #include "sharedmemory/SharedMemory.h"
 
+#include <optional>
 #include <string>
 
 namespace agent::spf::endpointregistry {
@@ -33,6 +34,11 @@ public:
     static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder);
 
     static DataPair getDataPair(const std::string& name, const EntryFolder& folder);
+
+    /// The data of the first entry that passes the test and can be read. The folder is read no
+    /// further than to that one.
+    static std::optional<DataPair> findDataPair(const NameTest& isWanted,
+                                                const EntryFolder& folder);
 
 private:
     /// For the holder of the entry's file: what has the segment's name is a dead publisher's.

@@ -33,7 +33,7 @@ public:
     static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder,
                                                NamedStringArray& array);
 
-    /// As `Impl::getDataPairs`; the table is read once for all.
+    /// As `Impl::getDataPairs`, but at most so many; the table is read once for all.
     static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
                                               const EntryFolder& folder, std::size_t most);
 

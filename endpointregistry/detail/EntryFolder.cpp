@@ -27,6 +27,11 @@ std::vector<std::string> EntryFolder::names(const NameTest& isWanted) const {
     return open != nullptr ? open->names(isWanted) : std::vector<std::string>();
 }
 
+bool EntryFolder::anyName(const NameTest& isWanted) const {
+    const OpenFolder* const open = folder();
+    return open != nullptr && open->anyName(isWanted);
+}
+
 EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
     const OpenFolder* const open = folder();
     if (open == nullptr) {

@@ -27,6 +27,9 @@ public:
     /// The names of the entries that pass the test.
     std::vector<std::string> names(const NameTest& isWanted) const;
 
+    /// As `OpenFolder::anyName`; none passes when there is no folder.
+    bool anyName(const NameTest& isWanted) const;
+
     enum class Publisher { alive, dead, vanished };
 
     /// What the entry's file says about its publisher; `vanished` when the file is gone. Throws

@@ -19,24 +19,33 @@ void failToReadFolder(int error) {
     throw std::runtime_error("System Error: File system inconsistency");
 }
 
-std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
-                                   const NameTest& isWanted) {
-    std::vector<std::string> names;
+bool anyName(foundation::os::DirectoryStream& entries, const NameTest& isWanted) {
     if (!entries) {
         if (errno == ENOENT) {
-            return names;
+            return false;
         }
         failToReadFolder(errno);
     }
     while (const char* entry = entries.next()) {
-        const std::string_view name = entry;
-        if (isWanted(name)) {
-            names.emplace_back(name);
+        if (isWanted(entry)) {
+            return true;
         }
     }
     if (errno != 0 && errno != ENOENT) {
         failToReadFolder(errno);
     }
+    return false;
+}
+
+std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
+                                   const NameTest& isWanted) {
+    std::vector<std::string> names;
+    anyName(entries, [&](std::string_view name) {
+        if (isWanted(name)) {
+            names.emplace_back(name);
+        }
+        return false;
+    });
     return names;
 }
 

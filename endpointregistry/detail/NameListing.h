@@ -19,8 +19,12 @@ bool containsEvery(std::string_view text, const std::vector<std::string>& parts)
 /// Whether a name is one of those that are looked for.
 using NameTest = std::function<bool(std::string_view name)>;
 
-/// The names of a listing that pass the test, in its order; none when the folder could not be
-/// opened because it is not there. Throws std::runtime_error when it cannot be read.
+/// Puts one name of a listing after the other to the test, in its order, until one passes, and
+/// tells whether one did; none does when the folder could not be opened because it is not there.
+/// Throws std::runtime_error when it cannot be read.
+bool anyName(foundation::os::DirectoryStream& entries, const NameTest& isWanted);
+
+/// The names of a listing that pass the test. Else as `anyName`.
 std::vector<std::string> listNames(foundation::os::DirectoryStream& entries,
                                    const NameTest& isWanted);
 

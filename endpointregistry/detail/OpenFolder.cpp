@@ -26,11 +26,21 @@ std::optional<OpenFolder> OpenFolder::findPrivate(const std::string& parent) {
 }
 
 std::vector<std::string> OpenFolder::names(const NameTest& isWanted) const {
+    rewind();
+    os::DirectoryStream entries(folder.get());
+    return listNames(entries, isWanted);
+}
+
+bool OpenFolder::anyName(const NameTest& isWanted) const {
+    rewind();
+    os::DirectoryStream entries(folder.get(), os::DirectoryStream::Reading::aLittle);
+    return agent::spf::endpointregistry::anyName(entries, isWanted);
+}
+
+void OpenFolder::rewind() const {
     if (std::exchange(hasBeenRead, true) && ::lseek(folder.get(), 0, SEEK_SET) != 0) {
         failToReadFolder(errno);
     }
-    os::DirectoryStream entries(folder.get());
-    return listNames(entries, isWanted);
 }
 
 } // namespace agent::spf::endpointregistry

@@ -29,6 +29,10 @@ public:
     /// Throws std::runtime_error when it cannot be read.
     std::vector<std::string> names(const NameTest& isWanted) const;
 
+    /// Puts these names to the test one after the other until one passes, and tells whether one
+    /// did. The test itself must not read the folder through this object.
+    bool anyName(const NameTest& isWanted) const;
+
     /// A file in the folder; valid for as long as this object lives.
     foundation::os::FilePlace placeOf(const std::string& name) const {
         return {folder.get(), name};
@@ -41,6 +45,9 @@ protected:
     int descriptor() const { return folder.get(); }
 
 private:
+    /// Has the next reading begin at the first name.
+    void rewind() const;
+
     foundation::os::FileDescriptor folder;
     std::string ownPath;
     mutable bool hasBeenRead = false;

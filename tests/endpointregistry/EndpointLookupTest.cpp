@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <list>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -140,6 +141,36 @@ TEST_F(Lookup, PassesOverTheDeadAndClearsThemAway) {
     EXPECT_EQ(Endpoint::list(), (DataPairs{{"living", "data"}}));
     EXPECT_FALSE(first.hasFile() || first.hasSegment());
     EXPECT_FALSE(second.hasFile() || second.hasSegment());
+}
+
+TEST_F(Lookup, FindsEachOfMany) {
+    constexpr int count = 300;
+    std::vector<Endpoint> endpoints;
+    for (int i = 0; i < count; ++i) {
+        endpoints.emplace_back(DataPair(std::to_string(i), ""), tag, std::to_string(i));
+    }
+    for (int i = 0; i < count; ++i) {
+        EXPECT_EQ(Endpoint::find(tag, std::to_string(i)), DataPair(std::to_string(i), ""));
+    }
+    EXPECT_EQ(Endpoint::find(tag, "another"), std::nullopt);
+}
+
+TEST_F(Lookup, FindsTheLivingAmongManyDead) {
+    constexpr int count = 100;
+    std::list<PlantedEntry> dead;
+    const auto leaveDead = [&](int from) {
+        for (int i = from; i < from + count; ++i) {
+            const DataPair data("dead", std::to_string(i));
+            dead.emplace_back(tests::entryName(data, tag, key, tests::noProcess),
+                              tests::segmentBytes(data));
+        }
+    };
+    leaveDead(0);
+    const Endpoint endpoint({"1", ""}, tag, key);
+    leaveDead(count);
+    EXPECT_EQ(Endpoint::find(tag, key), DataPair("1", ""));
+    EXPECT_EQ(Endpoint::list(), (DataPairs{{"1", ""}}));
+    EXPECT_EQ(tests::entryFiles().size(), 1U);
 }
 
 TEST_F(Lookup, PassesOverWhatCannotBeRead) {

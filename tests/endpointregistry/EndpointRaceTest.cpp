@@ -228,3 +228,25 @@ TEST_F(EndpointRace, ForADeadEntryIsNotLostByAPublisherOfTheSameName) {
         readers.tell("go on");
     }
 }
+
+TEST_F(EndpointRace, OfLookupsIsNotLostByWhatLivesAmongManyThatComeAndGo) {
+    constexpr int crowd = 60;
+    const tests::SharedWithChildren<Observations> observations;
+    const Endpoint endpoint(data, tag, key);
+    const Crew others(2, [&](std::size_t number, Channel&) {
+        while (!observations->isOver) {
+            std::list<Endpoint> endpoints;
+            for (int i = 0; i < crowd; ++i) {
+                const std::string name = std::to_string(number) + "/" + std::to_string(i);
+                endpoints.emplace_back(DataPair(name, ""), tag, name);
+            }
+            ++observations->sightings;
+        }
+    });
+    // Goes on until others came and went, or the test would prove nothing.
+    for (int i = 0; i < republications || observations->sightings < 10; ++i) {
+        ASSERT_EQ(Endpoint::find(tag, key), data) << "in round " << i;
+    }
+    observations->isOver = true;
+    others.expectSuccess();
+}

@@ -81,7 +81,7 @@ std::vector<Operation> entryOperations() {
         {"withdraw/0", 0, false, withdraw},
         {"withdraw/100", 100, false, withdraw},
         {"find/1", 1, false, find},
-        {"find/100", 100, false, find},
+        {"find/10", 10, false, find},
         {"findNothing/0", 0, false, findNothing},
         {"findNothing/100", 100, false, findNothing},
         {"findDead/0", 0, false, findDead},

@@ -14,8 +14,12 @@ public:
     /// Opens the directory; empty, with errno set, when it cannot be opened.
     explicit DirectoryStream(const FilePlace& place);
 
+    /// How much is read at once: `aLittle` at first, and then more and more, is for who may stop
+    /// before the end. Nobody gains by more than `much`.
+    enum class Reading : std::size_t { aLittle = 2048, much = 16384 };
+
     /// Reads on in a directory that is open and stays its owner's.
-    explicit DirectoryStream(int directory) noexcept;
+    explicit DirectoryStream(int directory, Reading reading = Reading::much) noexcept;
 
     DirectoryStream(const DirectoryStream&) = delete;
     DirectoryStream& operator=(const DirectoryStream&) = delete;
@@ -29,10 +33,11 @@ public:
 private:
     FileDescriptor own;
     int directory = -1;
+    std::size_t atOnce = static_cast<std::size_t>(Reading::much);
     std::size_t position = 0;
     std::size_t filled = 0;
-    // What the system hands out at once. Larger ones gain nothing.
-    alignas(std::max_align_t) std::array<char, 16384> buffer; // NOLINT: filled by the system
+    // NOLINTNEXTLINE(*-member-init): filled by the system
+    alignas(std::max_align_t) std::array<char, static_cast<std::size_t>(Reading::much)> buffer;
 };
 
 } // namespace foundation::os

@@ -2,6 +2,7 @@
 
 #include "foundation/os/RetryOnInterrupt.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,18 +22,20 @@ DirectoryStream::DirectoryStream(const FilePlace& place)
 }
 
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
-DirectoryStream::DirectoryStream(int directory) noexcept
-    : directory(directory) {
+DirectoryStream::DirectoryStream(int directory, Reading reading) noexcept
+    : directory(directory)
+    , atOnce(static_cast<std::size_t>(reading)) {
 }
 
 const char* DirectoryStream::next() noexcept {
     if (position == filled) {
         const auto count =
-            retryOnInterrupt([&] { return ::getdents64(directory, buffer.data(), buffer.size()); });
+            retryOnInterrupt([&] { return ::getdents64(directory, buffer.data(), atOnce); });
         if (count <= 0) {
             errno = count == 0 ? 0 : errno;
             return nullptr;
         }
+        atOnce = std::min(2 * atOnce, buffer.size());
         position = 0;
         filled = static_cast<std::size_t>(count);
     }
