@@ -119,13 +119,15 @@ std::string Folder::segmentPathOf(const Entry& entry) const {
 std::optional<DataPair> Folder::find(std::string_view groupPart, std::string_view keyPart) const {
     std::optional<DataPair> found;
     const Segments segments{AT_FDCWD, segmentFolder, segmentSuffix};
+    constexpr std::size_t little = 2048;
     const int entries = openFolder(path.c_str());
-    forEachName(entries, [&](const char* name) {
-        if (containsAsRule(name, groupPart) && contains(name, keyPart) && !found) {
+    findName(entries, little, [&](const char* name) {
+        if (containsAsRule(name, groupPart) && contains(name, keyPart)) {
             if (DataPair data = readEntry(entries, name, segments, user); isEntry(data)) {
                 found = std::move(data);
             }
         }
+        return found.has_value();
     });
     ::close(entries);
     return found;

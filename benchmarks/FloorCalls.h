@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -27,15 +28,16 @@ inline int check(int result, const char* call) {
     return result;
 }
 
-/// Calls `visit` with every name of an open folder, from where its reading stands to the end.
+/// Calls `visit` with one name of an open folder after the other, from where its reading stands,
+/// until it says that this one is it. Reads so many bytes at first, and then more and more.
 template<typename Visit>
-void forEachName(int folder, Visit visit) {
+void findName(int folder, std::size_t atOnce, Visit visit) {
     // What is compared with a name may be longer than the last one in the buffer.
     constexpr std::size_t buffered = 32768;
     constexpr std::size_t margin = 256;
     alignas(dirent64) std::array<char, buffered + margin> buffer; // NOLINT: filled by the kernel
-    for (;;) {
-        const ssize_t size = ::getdents64(folder, buffer.data(), buffered);
+    for (;; atOnce = std::min(2 * atOnce, buffered)) {
+        const ssize_t size = ::getdents64(folder, buffer.data(), std::min(atOnce, buffered));
         if (size <= 0) {
             check(static_cast<int>(size), "getdents64");
             return;
@@ -43,10 +45,22 @@ void forEachName(int folder, Visit visit) {
         for (const char* at = buffer.data(); at != buffer.data() + size;) {
             std::uint16_t length = 0;
             std::memcpy(&length, at + offsetof(dirent64, d_reclen), sizeof length);
-            visit(at + offsetof(dirent64, d_name));
+            if (visit(at + offsetof(dirent64, d_name))) {
+                return;
+            }
             at += length;
         }
     }
+}
+
+/// Calls `visit` with every name, to the end.
+template<typename Visit>
+void forEachName(int folder, Visit visit) {
+    constexpr std::size_t asMuchAsFits = 32768;
+    findName(folder, asMuchAsFits, [&](const char* name) {
+        visit(name);
+        return false;
+    });
 }
 
 inline bool beginsWith(const char* name, std::string_view part) {

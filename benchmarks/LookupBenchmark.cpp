@@ -9,6 +9,7 @@
 
 #include <benchmark/benchmark.h>
 #include <string>
+#include <vector>
 
 namespace benchmarks {
 
@@ -17,16 +18,39 @@ namespace {
 namespace registry = agent::spf::endpointregistry;
 using registry::Endpoint;
 
+/// The keys of all entries, old and new by turns: each is found at another place in the folder.
+class Keys {
+public:
+    explicit Keys(std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            keys.push_back(keyOf(i));
+        }
+    }
+
+    const std::string& next() {
+        constexpr std::size_t prime = 7919;
+        turn += prime;
+        return keys[turn % keys.size()];
+    }
+
+private:
+    std::vector<std::string> keys;
+    std::size_t turn = 0;
+};
+
 void find(benchmark::State& state, std::size_t entries) {
-    const std::string key = keyOf(0);
-    measure(state, {.entries = entries}, [&] { return Endpoint::find(groupTag, key).has_value(); });
+    Keys keys(entries);
+    measure(state, {.entries = entries},
+            [&] { return Endpoint::find(groupTag, keys.next()).has_value(); });
 }
 
 void findOnFloor(benchmark::State& state, std::size_t entries) {
     const floor::Folder folder;
-    const floor::Entry entry(dataOf(0), groupTag, keyOf(0));
-    measure(state, {.entries = entries},
-            [&] { return folder.find(entry.groupPart, entry.keyPart).has_value(); });
+    Keys keys(entries);
+    const std::string groupPart = registry::getGroupTagPrefix(groupTag);
+    measure(state, {.entries = entries}, [&] {
+        return folder.find(groupPart, registry::getSelectedKeySubstring(keys.next())).has_value();
+    });
 }
 
 void filter(benchmark::State& state, std::size_t entries) {
