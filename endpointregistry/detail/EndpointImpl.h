@@ -4,7 +4,6 @@
 #include "endpointregistry/LockedFile.h"
 #include "endpointregistry/detail/EntryFolder.h"
 
-#include <cstddef>
 #include <optional>
 #include <set>
 #include <string>

@@ -4,6 +4,7 @@
 #include "endpointregistry/detail/EntryFolder.h"
 #include "endpointregistry/detail/EntrySegment.h"
 
+#include <functional>
 #include <string_view>
 #include <utility>
 
@@ -90,14 +91,15 @@ Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,
 std::optional<Endpoint::DataPair> Endpoint::PosixImpl::findDataPair(const NameTest& isWanted,
                                                                     const EntryFolder& folder) {
     std::optional<DataPair> found;
-    folder.anyName([&](std::string_view name) {
+    const auto isReadableOne = [&](std::string_view name) {
         if (isWanted(name)) {
             if (DataPair data = getDataPair(std::string(name), folder); isReadable(data)) {
                 found = std::move(data);
             }
         }
         return found.has_value();
-    });
+    };
+    folder.anyName(std::ref(isReadableOne));
     return found;
 }
 

@@ -29,7 +29,7 @@ public:
     /// Throws std::runtime_error when it cannot be read.
     std::vector<std::string> names(const NameTest& isWanted) const;
 
-    /// Puts these names to the test one after the other until one passes, and tells whether one
+    /// Puts the names in it to the test one after the other until one passes, and tells whether one
     /// did. The test itself must not read the folder through this object.
     bool anyName(const NameTest& isWanted) const;
 

@@ -26,7 +26,7 @@ constexpr auto plainCharacters = [] {
 
 bool isPlain(std::string_view text) {
     return std::all_of(text.begin(), text.end(),
-                       [](char c) { return plainCharacters[static_cast<unsigned char>(c)]; });
+                       [](char c) { return plainCharacters.at(static_cast<unsigned char>(c)); });
 }
 
 boost::uuids::uuid uuidOf(const std::string& identity) {

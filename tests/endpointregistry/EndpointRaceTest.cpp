@@ -232,7 +232,14 @@ TEST_F(EndpointRace, ForADeadEntryIsNotLostByAPublisherOfTheSameName) {
 TEST_F(EndpointRace, OfLookupsIsNotLostByWhatLivesAmongManyThatComeAndGo) {
     constexpr int crowd = 60;
     const tests::SharedWithChildren<Observations> observations;
-    const Endpoint endpoint(data, tag, key);
+    // In the midst of others, so that it is behind the first piece of the listing in any order.
+    std::list<Endpoint> lasting;
+    for (int i = 0; i < crowd; ++i) {
+        lasting.emplace_back(DataPair("lasting", std::to_string(i)), tag, std::to_string(i));
+        if (i == crowd / 2) {
+            lasting.emplace_back(data, tag, key);
+        }
+    }
     const Crew others(2, [&](std::size_t number, Channel&) {
         while (!observations->isOver) {
             std::list<Endpoint> endpoints;
