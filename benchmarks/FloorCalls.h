@@ -20,6 +20,7 @@ inline constexpr const char* segmentFolder = "/dev/shm/";
 inline constexpr std::size_t firstLengthOffset = 8;
 inline constexpr std::size_t dataOffset = 16;
 inline constexpr std::size_t overhead = 17;
+inline constexpr std::size_t asMuchAsFits = 32768;
 
 inline int check(int result, const char* call) {
     if (result == -1) {
@@ -33,11 +34,11 @@ inline int check(int result, const char* call) {
 template<typename Visit>
 void findName(int folder, std::size_t atOnce, Visit visit) {
     // What is compared with a name may be longer than the last one in the buffer.
-    constexpr std::size_t buffered = 32768;
     constexpr std::size_t margin = 256;
-    alignas(dirent64) std::array<char, buffered + margin> buffer; // NOLINT: filled by the kernel
-    for (;; atOnce = std::min(2 * atOnce, buffered)) {
-        const ssize_t size = ::getdents64(folder, buffer.data(), std::min(atOnce, buffered));
+    // NOLINTNEXTLINE(*-member-init): filled by the kernel
+    alignas(dirent64) std::array<char, asMuchAsFits + margin> buffer;
+    for (;; atOnce = std::min(2 * atOnce, asMuchAsFits)) {
+        const ssize_t size = ::getdents64(folder, buffer.data(), atOnce);
         if (size <= 0) {
             check(static_cast<int>(size), "getdents64");
             return;
@@ -56,7 +57,6 @@ void findName(int folder, std::size_t atOnce, Visit visit) {
 /// Calls `visit` with every name, to the end.
 template<typename Visit>
 void forEachName(int folder, Visit visit) {
-    constexpr std::size_t asMuchAsFits = 32768;
     findName(folder, asMuchAsFits, [&](const char* name) {
         visit(name);
         return false;

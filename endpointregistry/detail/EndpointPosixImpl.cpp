@@ -91,7 +91,7 @@ Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,
 std::optional<Endpoint::DataPair> Endpoint::PosixImpl::findDataPair(const NameTest& isWanted,
                                                                     const EntryFolder& folder) {
     std::optional<DataPair> found;
-    const auto isReadableOne = [&](std::string_view name) {
+    const auto isTheOne = [&](std::string_view name) {
         if (isWanted(name)) {
             if (DataPair data = getDataPair(std::string(name), folder); isReadable(data)) {
                 found = std::move(data);
@@ -99,7 +99,7 @@ std::optional<Endpoint::DataPair> Endpoint::PosixImpl::findDataPair(const NameTe
         }
         return found.has_value();
     };
-    folder.anyName(std::ref(isReadableOne));
+    folder.anyName(std::ref(isTheOne));
     return found;
 }
 

@@ -14,8 +14,8 @@ public:
     /// Opens the directory; empty, with errno set, when it cannot be opened.
     explicit DirectoryStream(const FilePlace& place);
 
-    /// How much is read at once: `aLittle` at first, and then more and more, is for who may stop
-    /// before the end. Nobody gains by more than `much`.
+    /// How much is read at once: `aLittle` at first, and then more and more, is for whoever may
+    /// stop before the end. Nobody gains by more than `much`.
     enum class Reading : std::size_t { aLittle = 2048, much = 16384 };
 
     /// Reads on in a directory that is open and stays its owner's.
