@@ -2,10 +2,10 @@
 
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/TrusteeHandover.h"
-#include "endpointregistry/detail/UsersFolder.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/RetryOnInterrupt.h"
+#include "foundation/paths/UsersFolder.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -148,7 +148,7 @@ std::string getSharedFolderPath() {
         throw std::runtime_error(
             "Utils::getSharedFolderPath:Failed to get the path to Users folder");
     }
-    return sharedFolderIn(users);
+    return foundation::paths::sharedFolder();
 }
 
 } // namespace agent::spf::endpointregistry

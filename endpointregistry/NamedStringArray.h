@@ -2,14 +2,11 @@
 
 #include "sharedmemory/SharedMemory.h"
 
+#include <chrono>
 #include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
-
-namespace foundation::os {
-class Group;
-} // namespace foundation::os
 
 #pragma GCC visibility push(default)
 
@@ -23,10 +20,14 @@ namespace agent::spf::endpointregistry {
 /// in a base segment of 56 bytes and a container segment that a resize replaces by one of the next
 /// generation. Both outlive the processes that use them.
 ///
-/// Every operation opens what it needs, works under one lock per trustee, for which it waits, and
-/// lets everything go before it returns, so a process that is killed at any moment leaves a table
-/// that all others can go on using. An object keeps no table open; one thread at a time uses it,
-/// and any number of objects and processes use one table.
+/// Every operation opens what it needs, works under one lock per trustee, and lets everything go
+/// before it returns, so a process that is killed at any moment leaves a table that all others can
+/// go on using. An object keeps no table open; one thread at a time uses it, and any number of
+/// objects and processes use one table.
+///
+/// Processes that take turns with the lock are waited for, however many they are; one and the same
+/// holder that does not let go of it, because it was stopped for instance, is not for longer than
+/// `readTimeout` or `changeTimeout`.
 ///
 /// What other processes wrote is checked before it is used. A table that contradicts itself is an
 /// empty or missing one to `filter` and `erase`, and a std::runtime_error to `insert`. A container
@@ -38,6 +39,14 @@ namespace agent::spf::endpointregistry {
 class NamedStringArray {
 public:
     using SharedMemory = sharedmemory::SharedMemory;
+
+    /// After this time `filter` and `getNamedStringArrayDimensions` read without the lock, until
+    /// two readings agree: a holder that was stopped changes nothing.
+    static constexpr std::chrono::seconds readTimeout{2};
+
+    /// After this time all that changes a table throws std::runtime_error, which names the holder's
+    /// process id (0 where it has not said who it is).
+    static constexpr std::chrono::seconds changeTimeout{10};
 
     /// Names a table; touches nothing. Throws std::invalid_argument when the name is empty.
     NamedStringArray(const std::string& name, unsigned long version, const std::string& trustee);
@@ -85,20 +94,11 @@ public:
     /// largest unsigned long where it is larger than that.
     static unsigned long getContainerSize(unsigned long length, unsigned long width);
 
-    // For the library alone: the same for whoever takes several steps and has the trustee looked up
-    // once.
-    __attribute__((visibility("hidden"))) void insert(const std::vector<std::string>& entry,
-                                                      const foundation::os::Group& group);
-    __attribute__((visibility("hidden"))) void erase(const std::vector<std::string>& entry,
-                                                     const foundation::os::Group& group);
-    __attribute__((visibility("hidden"))) std::vector<std::vector<std::string>>
-    filter(const std::vector<std::string>& substrings, const foundation::os::Group& group);
-
     // The steps behind the operations, for those who examine a table.
 
     /// One attempt to initialise a base segment that was made or found; false when the caller must
-    /// try again, because another process is at it, or was and died. Waits for the table's lock.
-    /// Throws std::runtime_error when the base contradicts itself.
+    /// try again, because another process is at it, or was and died. Throws std::runtime_error when
+    /// the base contradicts itself.
     bool initializeBase(SharedMemory& base);
 
     /// Brings the table to the size that its entries take, and one more of `neededWidth` bytes
@@ -110,16 +110,6 @@ public:
     void clearLeftoverContainer(SharedMemory& base, SharedMemory& container);
 
 private:
-    using Entry = std::vector<std::string>;
-
-    void insertLocked(SharedMemory& base, const Entry& entry, const foundation::os::Group& group);
-    void eraseLocked(SharedMemory& base, const Entry& entry, const foundation::os::Group& group);
-    std::vector<Entry> filterLocked(const SharedMemory& base, const Entry& substrings,
-                                    const foundation::os::Group& group) const;
-    void shrink(SharedMemory& base, SharedMemory& container);
-    SharedMemory makeContainer(unsigned long generation, unsigned long length, unsigned long width,
-                               const foundation::os::Group& group) const;
-
     std::string baseName;
     std::string trustee;
     SharedMemory::ImplementationSpecifications implementation;

@@ -1,6 +1,8 @@
 #include "endpointregistry/detail/ArrayBase.h"
 
+#include <array>
 #include <atomic>
+#include <unistd.h>
 
 namespace agent::spf::endpointregistry {
 
@@ -59,6 +61,20 @@ bool ArrayBase::isInitialised() const {
 bool ArrayBase::setInitialised() const {
     std::uint8_t clear = 0;
     return flagsOf(bytes).compare_exchange_strong(clear, initialisedBit);
+}
+
+bool ArrayBase::initialize(std::uint64_t generation) const {
+    claimOf(bytes).store(static_cast<std::uint32_t>(::getpid()));
+    Descriptor first = current();
+    first.generation = generation;
+    setCurrent(first);
+    return setInitialised();
+}
+
+std::string ArrayBase::initialContents(std::uint64_t generation) {
+    alignas(std::uint64_t) std::array<char, size> contents{};
+    ArrayBase(contents.data()).initialize(generation);
+    return {contents.data(), contents.size()};
 }
 
 bool ArrayBase::isConsistent() const {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <sys/types.h>
 
 namespace agent::spf::endpointregistry {
@@ -44,6 +45,13 @@ public:
 
     /// False when the flags were not clear.
     bool setInitialised() const;
+
+    /// Initialises a base for this process, whose first container has this generation. False when
+    /// the flags were not clear. For whoever holds the table's lock.
+    bool initialize(std::uint64_t generation) const;
+
+    /// The bytes of a new base that this process has initialised.
+    static std::string initialContents(std::uint64_t generation);
 
     /// Whether the current descriptor is one of the two and describes a container.
     bool isConsistent() const;

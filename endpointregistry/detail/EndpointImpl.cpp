@@ -123,13 +123,18 @@ LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder) const {
             file = folder.lock(name, true);
         }
     }
-    if (file.isLocked()) {
-        return file;
+    if (!file.isLocked()) {
+        failToLock(file, folder);
     }
+    return file;
+}
+
+void Endpoint::Impl::failToLock(const LockedFile& file, const EntryFolder& folder) const {
     const int error = file.getLockError();
     const bool isTaken = error == EEXIST || error == EWOULDBLOCK ||
                          LockedFile::exists(name, LF_PARENT_PATH, trustee);
-    if (!isTaken) {
+    // A dead publisher's may be in the way of another one because somebody was stopped.
+    if (!isTaken || folder.publisherOf(name) == EntryFolder::Publisher::dead) {
         getLogger().log(foundation::log::severity::error,
                         "Endpoint::Impl::createLockedFile(): Failed to create file: <",
                         LockedFile::getParentPath(LF_PARENT_PATH, trustee, false) + name,

@@ -77,6 +77,9 @@ protected:
     /// cannot be made.
     LockedFile lockEntryFile(const EntryFolder& folder) const;
 
+    /// For a file that could not be locked: throws as `lockEntryFile` does.
+    [[noreturn]] void failToLock(const LockedFile& file, const EntryFolder& folder) const;
+
     /// Whether this can be the data of an entry; two empty strings stand for one that cannot be
     /// read.
     static bool isReadable(const DataPair& data) {

@@ -63,7 +63,10 @@ void Endpoint::PosixImpl::removeSharedMemory(const std::string& name, const std:
 
 bool Endpoint::PosixImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
                                                          const EntryFolder& folder) {
-    return folder.clearIfStale(name, [&] { removeSharedMemory(name, folder.trustee().name()); });
+    return folder.clearIfStale(name, [&] {
+        removeSharedMemory(name, folder.trustee().name());
+        return true;
+    });
 }
 
 Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,

@@ -1,6 +1,10 @@
 #include "endpointregistry/detail/EndpointSysVImpl.h"
 
+#include "endpointregistry/EntryName.h"
+#include "endpointregistry/NamedStringArray.h"
+#include "endpointregistry/detail/EntryCopy.h"
 #include "endpointregistry/detail/EntryFolder.h"
+#include "sharedmemory/SegmentOpeners.h"
 
 #include <algorithm>
 #include <climits>
@@ -16,23 +20,19 @@ namespace agent::spf::endpointregistry {
 
 namespace {
 
-NamedStringArray tableOf(const std::string& trustee) {
-    return {"qvEndpointRegistrySysV", 0, trustee};
-}
+using sharedmemory::SharedMemory;
+using Row = Table::Row;
 
-using Row = std::vector<std::string>;
-
-void eraseRows(NamedStringArray& array, const std::string& name,
-               const foundation::os::Group& trustee) {
-    for (const Row& row : array.filter({name}, trustee)) {
-        array.erase(row, trustee);
-    }
+/// The table of the entries that are shared with a group.
+Table tableOf(TableAccess& access) {
+    return {{NamedStringArray::getBaseName("qvEndpointRegistrySysV", 0, access.trustee().name())},
+            access};
 }
 
 /// A row is what some member of the group has written there.
-Endpoint::DataPair dataOf(const Row& row) {
+std::optional<Endpoint::DataPair> dataOf(const Row& row) {
     constexpr std::size_t elements = 3;
-    return row.size() < elements ? Endpoint::DataPair() : Endpoint::DataPair(row[1], row[2]);
+    return row.size() < elements ? std::nullopt : std::optional(Endpoint::DataPair(row[1], row[2]));
 }
 
 /// What the table may be asked for when it is read once for all these names.
@@ -81,35 +81,77 @@ Endpoint::SysVImpl::SysVImpl(const DataPair& data, const std::string& groupTag,
 }
 
 LockedFile Endpoint::SysVImpl::publish(const DataPair& data) const {
+    const Row row{entryName(), data.first, data.second};
+    Table::checkEntry(row);
     const EntryFolder folder(trusteeName());
-    LockedFile file = createLockedFile(folder);
-    tableOf(trusteeName()).insert({entryName(), data.first, data.second}, folder.trustee());
-    return file;
+    TableAccess access(folder.trustee());
+    Table table = tableOf(access);
+    for (;;) {
+        SharedMemory base = table.openOrCreateBase();
+        LockedFile file = createLockedFile(
+            folder, table, entrycopy::contentsOf(data, SharedMemory::Openers::tokenOf(base)));
+        if (table.insertReplacing(base, row)) {
+            return file;
+        }
+        // The table was lost meanwhile, so the copy in the file states the wrong one.
+    }
 }
 
 Endpoint::SysVImpl::~SysVImpl() {
-    if (publisher == ::getpid()) {
-        NamedStringArray table = tableOf(trusteeName());
-        eraseRows(table, entryName(), trusteeName());
+    if (publisher != ::getpid()) {
+        return;
+    }
+    const foundation::os::Group group(trusteeName());
+    TableAccess access(group);
+    if (!tableOf(access).eraseContaining(entryName(), NamedStringArray::readTimeout)) {
+        // Somebody was stopped with the table's lock. What stays is what a killed publisher leaves:
+        // the next to look sees that nobody holds the file, and clears up.
+        lockedFile.makePersistent();
     }
 }
 
 LockedFile Endpoint::SysVImpl::createLockedFile() {
-    return createLockedFile(EntryFolder(trusteeName()));
+    const EntryFolder folder(trusteeName());
+    TableAccess access(folder.trustee());
+    Table table = tableOf(access);
+    return createLockedFile(folder, table, {});
 }
 
-LockedFile Endpoint::SysVImpl::createLockedFile(const EntryFolder& folder) const {
-    LockedFile file = lockEntryFile(folder);
-    // A dead publisher's, which readers would come upon first.
-    NamedStringArray table = tableOf(trusteeName());
-    eraseRows(table, entryName(), folder.trustee());
+LockedFile Endpoint::SysVImpl::createLockedFile(const EntryFolder& folder, Table& table,
+                                                const std::string& contents) const {
+    LockedFile file = folder.lock(entryName(), true, contents);
+    if (!file.isLocked()) {
+        // Perhaps a dead publisher's: an earlier program of this process, or one whose process id
+        // was given out again. It is not taken over, since its copy is of other data.
+        folder.clearIfStale(
+            entryName(),
+            [&] { return table.eraseContaining(entryName(), NamedStringArray::changeTimeout); },
+            NamedStringArray::changeTimeout);
+        file = folder.lock(entryName(), true, contents);
+    }
+    if (!file.isLocked()) {
+        failToLock(file, folder);
+    }
     return file;
 }
 
 bool Endpoint::SysVImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
-                                                        const EntryFolder& folder,
-                                                        NamedStringArray& array) {
-    return folder.clearIfStale(name, [&] { eraseRows(array, name, folder.trustee()); });
+                                                        const EntryFolder& folder, Table& table) {
+    return folder.clearIfStale(
+        name, [&] { return table.eraseContaining(name, NamedStringArray::readTimeout); });
+}
+
+std::optional<Endpoint::DataPair>
+Endpoint::SysVImpl::getCopy(const std::string& name, const EntryFolder& folder,
+                            const std::optional<sharedmemory::SegmentToken>& table) {
+    const auto size = entrycopy::sizeFor(getLengthFromName(name));
+    const auto contents = size ? folder.contentsOfLiving(name, *size) : std::nullopt;
+    auto copy = contents ? entrycopy::parse(*contents) : std::nullopt;
+    // Where the table stands that the entry's row went into, the row is what counts.
+    if (!copy || copy->base == table) {
+        return std::nullopt;
+    }
+    return std::move(copy->data);
 }
 
 std::vector<Endpoint::DataPair>
@@ -121,23 +163,23 @@ Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names, const En
     if (readable.empty()) {
         return pairs;
     }
-    NamedStringArray table = tableOf(folder.trustee().name());
-    const auto isStale = [&](const std::string& name) {
-        return staleEndpointFoundAndCleanedUp(name, folder, table);
-    };
-    const std::vector<Row> rows = table.filter(commonParts(readable), folder.trustee());
-    const auto rowOf = firstRowsContaining(rows, readable);
+    TableAccess access(folder.trustee());
+    Table table = tableOf(access);
+    const Table::Reading reading = table.read(commonParts(readable));
+    const auto rowOf = firstRowsContaining(reading.rows, readable);
     for (const std::string& name : readable) {
         if (pairs.size() == most) {
             break;
         }
-        if (const auto row = rowOf.find(name); row != rowOf.end()) {
-            DataPair data = dataOf(*row->second);
-            if (!isStale(name) && isReadable(data)) {
-                pairs.push_back(std::move(data));
-            }
-        } else if (isPublisherGone(name)) {
-            isStale(name);
+        const auto row = rowOf.find(name);
+        const bool hasRow = row != rowOf.end();
+        if ((hasRow || isPublisherGone(name)) &&
+            staleEndpointFoundAndCleanedUp(name, folder, table)) {
+            continue;
+        }
+        auto data = hasRow ? dataOf(*row->second) : getCopy(name, folder, reading.base);
+        if (data && isReadable(*data)) {
+            pairs.push_back(std::move(*data));
         }
     }
     return pairs;

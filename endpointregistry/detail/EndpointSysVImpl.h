@@ -1,9 +1,11 @@
 #pragma once
 
-#include "endpointregistry/NamedStringArray.h"
 #include "endpointregistry/detail/EndpointImpl.h"
+#include "endpointregistry/detail/Table.h"
+#include "sharedmemory/SegmentRecord.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -14,7 +16,9 @@ namespace agent::spf::endpointregistry {
 /// row of the group's table: the entry's name, the first and the second data string.
 ///
 /// The file comes before the row and goes after it, so a row whose file nobody holds is a dead
-/// publisher's.
+/// publisher's. Where the table stands, the row is what counts. It may be lost while the publisher
+/// lives, since it goes with the login session of the member who made it, or be out of reach; then
+/// the copy of the data that is in the file answers, as `EntryCopy.h` says.
 class Endpoint::SysVImpl final : public Endpoint::Impl {
 public:
     /// Publishes the entry. Throws DuplicateEndpointError when a live process has one of this name
@@ -23,15 +27,16 @@ public:
     SysVImpl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
              const std::string& trustee);
 
-    /// Withdraws it, unless it is the copy of a forked child. Ends the process when the table
-    /// cannot be reached.
+    /// Withdraws it, unless it is the copy of a forked child. Where somebody does not let go of the
+    /// table's lock, it leaves what a killed publisher does. Ends the process when the table cannot
+    /// be reached for another reason.
     ~SysVImpl() override;
 
     LockedFile createLockedFile() override;
 
     /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
     static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder,
-                                               NamedStringArray& array);
+                                               Table& table);
 
     /// As `Impl::getDataPairs`, but at most so many; the table is read once for all.
     static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
@@ -39,7 +44,13 @@ public:
 
 private:
     LockedFile publish(const DataPair& data) const;
-    LockedFile createLockedFile(const EntryFolder& folder) const;
+    LockedFile createLockedFile(const EntryFolder& folder, Table& table,
+                                const std::string& contents) const;
+
+    /// The data of an entry without a row, from the copy in its file; nothing where the table that
+    /// was read is the one that the row belongs into, and nothing of a dead publisher's.
+    static std::optional<DataPair> getCopy(const std::string& name, const EntryFolder& folder,
+                                           const std::optional<sharedmemory::SegmentToken>& table);
 
     pid_t publisher;
     LockedFile lockedFile;

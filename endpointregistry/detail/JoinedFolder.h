@@ -1,9 +1,9 @@
 #pragma once
 
 #include "endpointregistry/detail/OpenFolder.h"
-#include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/Group.h"
+#include "foundation/os/GroupDirectory.h"
 
 #include <optional>
 #include <string>
@@ -14,13 +14,8 @@ namespace agent::spf::endpointregistry {
 /// A folder of the registry that the members of a group share, held open.
 ///
 /// `LockedFile::getParentPath` claims such a folder for its caller, so that only one member could
-/// ever use it. Here what exists is joined: a folder that belongs to the group and grants it
-/// everything, and others nothing, is used as it is, whichever member made it. What is missing is
-/// made, and appears with its final owner and mode. What exists and does not belong to the group is
-/// an error, and no place to put data.
-///
-/// The folders above are open to all, so anybody may put another folder under the same path. Hence
-/// the descriptor: what was examined is what is used.
+/// ever use it. Here what exists is joined: a group's directory is used as it is, whichever member
+/// made it, and what exists and is none is an error, and no place to put data.
 class JoinedFolder : public OpenFolder {
 public:
     // All throw std::runtime_error when the folder cannot be opened or does not belong to the
@@ -45,8 +40,7 @@ public:
     bool isStillNamed() const;
 
 private:
-    JoinedFolder(foundation::os::FileDescriptor folder, std::string path,
-                 const foundation::os::Group& trustee);
+    JoinedFolder(foundation::os::GroupDirectory directory, std::string path);
 
     gid_t ownGroup;
     foundation::os::FileIdentity identity;

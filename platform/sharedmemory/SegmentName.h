@@ -1,7 +1,5 @@
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <string>
 #include <sys/types.h>
 
@@ -20,14 +18,5 @@ struct SegmentName {
 };
 
 SegmentName segmentNameOf(const std::string& name, const std::string& trustee, uid_t user);
-
-/// The bytes that tell an identity from every other.
-std::string segmentIdentityOf(const std::string& name, const std::string& trustee, uid_t user);
-
-/// How many numbers an identity may be known by where the platform's names are numbers.
-inline constexpr std::size_t segmentKeyCount = 16;
-
-/// Those numbers, all different and none 0. Other identities may have some of them, too.
-std::array<int, segmentKeyCount> segmentKeysOf(const std::string& identity);
 
 } // namespace agent::spf::sharedmemory

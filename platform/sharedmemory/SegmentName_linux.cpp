@@ -5,8 +5,6 @@
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <climits>
-#include <cstdint>
-#include <cstring>
 #include <string_view>
 
 namespace agent::spf::sharedmemory {
@@ -38,6 +36,11 @@ std::string ownerOf(const std::string& trustee, uid_t user) {
     return trustee.empty() ? "u" + std::to_string(user) : "g" + trustee;
 }
 
+/// The bytes that tell an identity from every other.
+std::string identityOf(const std::string& name, const std::string& owner) {
+    return owner + '\0' + name;
+}
+
 } // namespace
 
 // A person who looks into /dev/shm reads "<name>@u<user id>" or "<name>@g<trustee>"; what does not
@@ -52,27 +55,8 @@ SegmentName segmentNameOf(const std::string& name, const std::string& trustee, u
     if (readableFits) {
         return {std::move(readable), {}};
     }
-    std::string identity = segmentIdentityOf(name, trustee, user);
+    std::string identity = identityOf(name, owner);
     return {"~" + boost::uuids::to_string(uuidOf(identity)), std::move(identity)};
-}
-
-std::string segmentIdentityOf(const std::string& name, const std::string& trustee, uid_t user) {
-    return ownerOf(trustee, user) + '\0' + name;
-}
-
-std::array<int, segmentKeyCount> segmentKeysOf(const std::string& identity) {
-    const boost::uuids::uuid uuid = uuidOf(identity);
-    std::uint32_t key = 0;
-    std::uint32_t step = 0;
-    std::memcpy(&key, uuid.begin(), sizeof key);
-    std::memcpy(&step, uuid.begin() + sizeof key, sizeof step);
-    step |= 1U; // An odd step comes back to no key but after all of them.
-    std::array<int, segmentKeyCount> keys{};
-    for (int& result : keys) {
-        key += key + step == 0 ? 2 * step : step;
-        result = static_cast<int>(key);
-    }
-    return keys;
 }
 
 } // namespace agent::spf::sharedmemory

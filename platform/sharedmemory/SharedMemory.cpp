@@ -9,6 +9,7 @@
 #include "sharedmemory/SysVSegment.h"
 
 #include <cerrno>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <utility>
@@ -20,22 +21,15 @@ namespace {
 namespace os = foundation::os;
 using Segments = SharedMemory::ImplementationSpecifications;
 
-/// What one implementation does.
-struct Backend {
-    decltype(&createPosixSegment) create;
-    decltype(&createFilledPosixSegment) createFilled;
-    decltype(&findPosixSegment) find;
-};
-
-Backend enter(std::size_t size, Segments implementation) {
+bool isSysV(std::size_t size, Segments implementation) {
     if (size == 0) {
         throw std::invalid_argument("Shared memory size cannot be 0");
     }
     switch (implementation) {
     case Segments::Posix:
-        return {createPosixSegment, createFilledPosixSegment, findPosixSegment};
+        return false;
     case Segments::SysV:
-        return {createSysVSegment, createFilledSysVSegment, findSysVSegment};
+        return true;
     }
     throw std::invalid_argument("Shared memory implementation is not available");
 }
@@ -48,10 +42,23 @@ std::set<std::string> getOwnGroupNames() {
     return std::move(*names);
 }
 
-/// What a caller takes for its private POSIX segment must never come from a group. Users of System
-/// V segments are told to ask which it is.
-bool looksInGroups(const os::Group& trustee, Segments implementation) {
-    return trustee.isNone() && implementation == Segments::SysV;
+/// Finds a segment, or makes it when it is missing.
+template<typename Find, typename Create>
+std::unique_ptr<SharedMemory::Segment> findOrCreate(const std::string& name, Find find,
+                                                    Create create) {
+    for (;;) {
+        SegmentLookup found = find();
+        if (found.segment) {
+            return std::move(found.segment);
+        }
+        if (found.isTaken) {
+            fail("the segment there cannot be used", name, EEXIST);
+        }
+        // Another process may be first, and may even remove its segment before the next look.
+        if (auto created = create()) {
+            return created;
+        }
+    }
 }
 
 } // namespace
@@ -59,36 +66,33 @@ bool looksInGroups(const os::Group& trustee, Segments implementation) {
 SharedMemory SharedMemory::create(const std::string& name, std::size_t size,
                                   const std::string& trustee,
                                   ImplementationSpecifications implementation) {
-    return Openers::create(name, size, trustee, implementation);
-}
-
-SharedMemory SharedMemory::Openers::create(const std::string& name, std::size_t size,
-                                           const os::Group& trustee,
-                                           ImplementationSpecifications implementation) {
-    return SharedMemory(enter(size, implementation).create(name, size, trustee));
+    const os::Group group(trustee);
+    return isSysV(size, implementation) ? Openers(group).create(name, size)
+                                        : SharedMemory(createPosixSegment(name, size, group));
 }
 
 SharedMemory SharedMemory::createFilled(const std::string& name, std::string_view contents,
                                         const std::string& trustee,
                                         ImplementationSpecifications implementation) {
-    const Backend backend = enter(contents.size(), implementation);
-    return SharedMemory(backend.createFilled(name, contents, trustee));
+    const os::Group group(trustee);
+    return isSysV(contents.size(), implementation)
+               ? Openers(group).createFilled(name, contents)
+               : SharedMemory(createFilledPosixSegment(name, contents, group));
 }
 
 SharedMemory SharedMemory::find(const std::string& name, std::size_t size,
                                 const std::string& trustee,
                                 ImplementationSpecifications implementation) {
-    return Openers::find(name, size, trustee, implementation);
-}
-
-SharedMemory SharedMemory::Openers::find(const std::string& name, std::size_t size,
-                                         const os::Group& trustee,
-                                         ImplementationSpecifications implementation) {
-    const Backend backend = enter(size, implementation);
-    SegmentLookup found = backend.find(name, size, trustee);
-    if (!found.isTaken && looksInGroups(trustee, implementation)) {
-        for (const std::string& group : getOwnGroupNames()) {
-            found = backend.find(name, size, os::Group(group));
+    const os::Group group(trustee);
+    if (!isSysV(size, implementation)) {
+        return SharedMemory(findPosixSegment(name, size, group).segment);
+    }
+    SegmentLookup found = SysVSegments(group).find(name, size);
+    // What a caller takes for its private POSIX segment must never come from a group. Users of
+    // System V segments are told to ask which it is.
+    if (!found.isTaken && group.isNone()) {
+        for (const std::string& own : getOwnGroupNames()) {
+            found = SysVSegments(os::Group(own)).find(name, size);
             if (found.isTaken) {
                 break;
             }
@@ -97,35 +101,39 @@ SharedMemory SharedMemory::Openers::find(const std::string& name, std::size_t si
     return SharedMemory(std::move(found.segment));
 }
 
-SharedMemory SharedMemory::Openers::findExactly(const std::string& name, std::size_t size,
-                                                const os::Group& trustee,
-                                                ImplementationSpecifications implementation) {
-    return SharedMemory(enter(size, implementation).find(name, size, trustee).segment);
-}
-
 SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size,
                                         const std::string& trustee,
                                         ImplementationSpecifications implementation) {
-    return Openers::createOrFind(name, size, trustee, implementation);
+    const os::Group group(trustee);
+    if (isSysV(size, implementation)) {
+        return Openers(group).createOrFind(name, size);
+    }
+    return SharedMemory(findOrCreate(
+        name, [&] { return findPosixSegment(name, size, group); },
+        [&] { return createPosixSegment(name, size, group); }));
 }
 
-SharedMemory SharedMemory::Openers::createOrFind(const std::string& name, std::size_t size,
-                                                 const os::Group& trustee,
-                                                 ImplementationSpecifications implementation) {
-    const Backend backend = enter(size, implementation);
-    for (;;) {
-        SegmentLookup found = backend.find(name, size, trustee);
-        if (found.segment) {
-            return SharedMemory(std::move(found.segment));
-        }
-        if (found.isTaken) {
-            fail("the segment there cannot be used", name, EEXIST);
-        }
-        // Another process may be first, and may even remove its segment before the next look.
-        if (auto created = backend.create(name, size, trustee)) {
-            return SharedMemory(std::move(created));
-        }
-    }
+SharedMemory SharedMemory::Openers::create(const std::string& name, std::size_t size) {
+    return SharedMemory(segments.create(name, size));
+}
+
+SharedMemory SharedMemory::Openers::createFilled(const std::string& name,
+                                                 std::string_view contents) {
+    return SharedMemory(segments.createFilled(name, contents));
+}
+
+SharedMemory SharedMemory::Openers::createOrFind(const std::string& name, std::size_t size) {
+    return SharedMemory(findOrCreate(
+        name, [&] { return segments.find(name, size); },
+        [&] { return segments.create(name, size); }));
+}
+
+SharedMemory SharedMemory::Openers::findExactly(const std::string& name, std::size_t size) {
+    return SharedMemory(segments.find(name, size).segment);
+}
+
+SegmentToken SharedMemory::Openers::tokenOf(const SharedMemory& memory) {
+    return dynamic_cast<const SysVSegment&>(*memory.segment).token();
 }
 
 std::optional<std::string> SharedMemory::read(const std::string& name, std::size_t size,

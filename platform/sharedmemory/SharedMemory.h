@@ -30,16 +30,20 @@ public:
     enum class ImplementationSpecifications : std::uint32_t {
         /// Segments of POSIX shared memory.
         Posix = 0,
-        /// Segments of System V shared memory. Since only their owner may remove them from the
-        /// kernel, one that another member of the trustee group removes is found no more, and goes
-        /// for good when its owner next makes any segment of this kind.
+        /// Segments of System V shared memory. A small file, the segment's record, stands for it in
+        /// a directory that only the trustee can write to: `/home/Shared/Corvantis/qvSharedMemory/`
+        /// and the group's number, or the user's private base folder. An attached handle holds
+        /// that directory open. Since only its owner may remove a segment from the kernel, one that
+        /// another member removes is found no more, and goes for good when its owner next makes a
+        /// segment for that trustee.
         SysV = 1,
     };
 
     // The openers. `size` is in bytes and at least 1. All throw std::invalid_argument when the
     // size is 0, the trustee is no group or the implementation is unknown, and std::runtime_error
-    // when the system refuses: too few descriptors, no memory left, no permission. Any thread may
-    // call them.
+    // when the system refuses: too few descriptors, no memory left, no permission. So do those of
+    // System V segments when what stands in the place of their directory is not the trustee's. Any
+    // thread may call them.
 
     /// Makes a new segment of exactly this size. Not attached when there is one already. It goes
     /// with the handle unless made persistent. Throws std::runtime_error also when something that
@@ -130,7 +134,7 @@ public:
 
     // Private to the library.
     class __attribute__((visibility("hidden"))) Segment;
-    struct __attribute__((visibility("hidden"))) Openers;
+    class __attribute__((visibility("hidden"))) Openers;
 
 private:
     explicit SharedMemory(std::unique_ptr<Segment> segment) noexcept;

@@ -1,6 +1,7 @@
 #include "sharedmemory/SysVKernel.h"
 
 #include <cerrno>
+#include <sys/ipc.h>
 #include <sys/shm.h>
 #include <utility>
 
@@ -11,44 +12,27 @@ namespace {
 constexpr mode_t permissionBits = 0777;
 
 Status read(const shmid_ds& segment) {
-    return {segment.shm_perm.__key, // NOLINT(bugprone-reserved-identifier): the C library's name
-            segment.shm_perm.cuid,  segment.shm_perm.uid,
-            segment.shm_perm.gid,   segment.shm_perm.mode & permissionBits,
-            segment.shm_segsz,      segment.shm_cpid,
-            segment.shm_nattch,     segment.shm_ctime};
+    const ipc_perm& permissions = segment.shm_perm;
+    return {permissions.cuid,
+            permissions.uid,
+            permissions.gid,
+            permissions.mode & permissionBits,
+            segment.shm_segsz,
+            segment.shm_cpid,
+            segment.shm_nattch,
+            permissions.__key != IPC_PRIVATE, // NOLINT(bugprone-reserved-identifier)
+            (permissions.mode & SHM_DEST) != 0};
 }
 
 } // namespace
 
-std::optional<int> findId(key_t key) {
-    // Asking for no permission, one may ask about any segment.
-    const int id = ::shmget(key, 0, 0);
-    return id == -1 ? std::nullopt : std::optional(id);
-}
-
 std::optional<Status> statusOf(int id) {
     shmid_ds segment{};
-    if (::shmctl(id, IPC_STAT, &segment) == 0) {
-        return read(segment);
-    }
-    // IPC_STAT takes permission to read. SHM_STAT_ANY does not; it looks at the id's lower part
-    // alone, so what it finds may be a later segment.
-    if (errno != EACCES) {
-        return std::nullopt;
-    }
-    const int found = ::shmctl(id, SHM_STAT_ANY, &segment);
-    if (found == id) {
-        return read(segment);
-    }
-    // Either it has gone meanwhile, or the kernel is older than the call and says EACCES again.
-    if (found != -1 || errno == EINVAL) {
-        errno = ::shmctl(id, IPC_STAT, &segment) == 0 ? EIDRM : errno;
-    }
-    return std::nullopt;
+    return ::shmctl(id, IPC_STAT, &segment) == 0 ? std::optional(read(segment)) : std::nullopt;
 }
 
-std::optional<int> makeSegment(key_t key, std::size_t size, mode_t mode) {
-    const int id = ::shmget(key, size, IPC_CREAT | IPC_EXCL | static_cast<int>(mode));
+std::optional<int> makeSegment(std::size_t size, mode_t mode) {
+    const int id = ::shmget(IPC_PRIVATE, size, IPC_CREAT | static_cast<int>(mode));
     return id == -1 ? std::nullopt : std::optional(id);
 }
 

@@ -1,26 +1,44 @@
 #pragma once
 
-#include "foundation/os/Group.h"
-#include "sharedmemory/SegmentLookup.h"
+#include "foundation/os/FileIdentity.h"
+#include "sharedmemory/RecordDirectory.h"
+#include "sharedmemory/Segment.h"
+#include "sharedmemory/SegmentRecord.h"
+#include "sharedmemory/SysVKernel.h"
 
 #include <cstddef>
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace agent::spf::sharedmemory {
 
-/// Makes and attaches to a new segment of System V shared memory; null when there is one already.
-std::unique_ptr<SharedMemory::Segment> createSysVSegment(const std::string& name, std::size_t size,
-                                                         const foundation::os::Group& trustee);
+/// What a handle holds of a segment of System V shared memory.
+class SysVSegment final : public SharedMemory::Segment {
+public:
+    /// `wholeSize` is the kernel's, the trailer included.
+    SysVSegment(std::string trustee, std::shared_ptr<const RecordDirectory> directory,
+                const std::string& recordName, const foundation::os::FileIdentity& identity,
+                const SegmentRecord& record, std::size_t wholeSize, sysv::Attachment attachment);
 
-/// The same for a segment of these contents.
-std::unique_ptr<SharedMemory::Segment>
-createFilledSysVSegment(const std::string& name, std::string_view contents,
-                        const foundation::os::Group& trustee);
+    void* address() const noexcept override { return attachment.get(); }
+    std::size_t size() const noexcept override;
+    bool isStillNamed() const noexcept override;
+    void remove() noexcept override;
 
-/// Attaches to an existing segment of exactly this name and trustee.
-SegmentLookup findSysVSegment(const std::string& name, std::size_t size,
-                              const foundation::os::Group& trustee);
+    const SegmentToken& token() const { return record.token; }
+
+private:
+    char* end() const noexcept { return attachment.get() + wholeSize; }
+
+    std::shared_ptr<const RecordDirectory> directory;
+    foundation::os::FilePlace place;
+    foundation::os::FilePlace path;
+    /// Made beforehand, since a removal must not allocate.
+    std::string hiddenName;
+    foundation::os::FileIdentity identity;
+    SegmentRecord record;
+    std::size_t wholeSize;
+    sysv::Attachment attachment;
+};
 
 } // namespace agent::spf::sharedmemory

@@ -2,13 +2,13 @@
 
 #include "foundation/os/DirectoryStream.h"
 #include "foundation/os/FolderOpening.h"
+#include "foundation/os/Renaming.h"
 #include "foundation/os/RetryOnInterrupt.h"
 #include "foundation/os/TemporaryName.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/file.h>
@@ -108,12 +108,9 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
         if (const int error = furnish(folder.get(), mode, group); error != 0) {
             return error;
         }
-        if (::renameat2(place.folder, name.get(), place.folder, place.name.c_str(),
-                        RENAME_NOREPLACE) == 0) {
-            return 0;
-        }
-        if (errno != ENOENT) {
-            return errno;
+        const int error = renameWithoutReplacing(name.place(), place);
+        if (error != ENOENT) {
+            return error;
         }
     }
 }

@@ -1,0 +1,178 @@
+#include "foundation/os/GroupDirectory.h"
+
+#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/FolderOpening.h"
+#include "foundation/os/RetryOnInterrupt.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace foundation::os {
+
+namespace {
+
+using Step = GroupDirectoryError::Step;
+
+constexpr mode_t groupOnly = S_IRWXU | S_IRWXG;
+constexpr mode_t everybody = groupOnly | S_IRWXO;
+
+gid_t idOf(const Group& group) {
+    if (const auto id = group.id()) {
+        return *id;
+    }
+    throw GroupDirectoryError(Step::examine, "Failed to look up the group", group.name(), errno);
+}
+
+/// The directory as it is; empty, with errno set, when it cannot be opened.
+FileDescriptor openExisting(const GroupDirectoryPath& path) {
+    FileDescriptor directory = openThroughNoLink(path.text(), O_RDONLY | O_DIRECTORY);
+    // Links on the way to the base are the administrator's, and not every kernel and filter knows
+    // the call.
+    return directory || errno == ENOENT ? std::move(directory)
+                                        : openFolderBelow(path.base, path.levels);
+}
+
+/// The base itself may be a link.
+FileDescriptor openBase(const std::string& base) {
+    FileDescriptor opened(
+        retryOnInterrupt([&] { return ::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+    if (!opened) {
+        throw GroupDirectoryError(Step::open, "Failed to open the directory", base, errno);
+    }
+    return opened;
+}
+
+struct stat statusOf(int directory, const char* name, const std::string& path) {
+    struct stat status {};
+    if (::fstatat(directory, name, &status, *name == '\0' ? AT_EMPTY_PATH : 0) != 0) {
+        throw GroupDirectoryError(Step::examine, "Failed to stat the path", path, errno);
+    }
+    return status;
+}
+
+/// Whether a parent with this status can give its own group to what a stranger makes in it. Whether
+/// it does is up to its set-group-id bit and to how its file system is mounted.
+bool mayHandDown(const struct stat& parent, gid_t group) {
+    return parent.st_gid == group;
+}
+
+bool isMemberOrRoot(uid_t user, const Group& group, const std::string& path) {
+    const auto isTrusted = group.trusts(user);
+    if (!isTrusted) {
+        throw GroupDirectoryError(Step::examine, "Failed to ask for the members of the group of",
+                                  path, errno);
+    }
+    return *isTrusted;
+}
+
+bool belongsTo(const Group& group, int directory, const struct stat& status,
+               const std::string& path) {
+    if (!isUsableByGroup(status, idOf(group))) {
+        return false;
+    }
+    return !mayHandDown(statusOf(directory, "..", path), idOf(group)) ||
+           isMemberOrRoot(status.st_uid, group, path);
+}
+
+/// Which directory it is, provided that it belongs to the group.
+FileIdentity examine(int directory, const Group& group, const std::string& path) {
+    const struct stat status = statusOf(directory, "", path);
+    if (!belongsTo(group, directory, status, path) || carriesAccessControlList(directory)) {
+        throw GroupDirectoryError(Step::examine, "The directory does not belong to its group", path,
+                                  EPERM);
+    }
+    return FileIdentity(status);
+}
+
+/// The directory in this place, made by `create` when it is missing, which returns 0 or an errno
+/// value.
+template<typename Create>
+FileDescriptor openOrCreateLevel(const FilePlace& place, const std::string& path, Create create) {
+    for (;;) {
+        FileDescriptor directory = openFolder(place);
+        if (directory) {
+            return directory;
+        }
+        if (errno != ENOENT) {
+            throw GroupDirectoryError(Step::open, "Failed to open the directory", path, errno);
+        }
+        const int error = create();
+        if (error != 0 && error != EEXIST) {
+            throw GroupDirectoryError(Step::create, "Failed to create the directory", path, error);
+        }
+    }
+}
+
+/// A level that everybody may pass through and add to.
+FileDescriptor openOrCreatePublicLevel(const FilePlace& place, const std::string& path) {
+    FileDescriptor directory = openOrCreateLevel(
+        place, path, [&] { return createAppearingFolder(place, everybody, std::nullopt); });
+    const mode_t mode = statusOf(directory.get(), "", path).st_mode;
+    const bool isPublic = (mode & everybody) == everybody;
+    if (!isPublic && ::fchmod(directory.get(), mode | everybody) != 0) {
+        throw GroupDirectoryError(Step::create, "Failed to make the directory public", path, errno);
+    }
+    return directory;
+}
+
+/// Makes the group's own level. The kernel refuses to give it to a group that this process is not
+/// in, whatever the user database says.
+int createOwnLevel(const FilePlace& place, const Group& group, const std::string& path) {
+    // Below a parent that may hand its group down, other members will ask who made it.
+    const bool isAskedFor = mayHandDown(statusOf(place.folder, "", path), idOf(group));
+    if (isAskedFor && !isMemberOrRoot(::geteuid(), group, path)) {
+        return EPERM;
+    }
+    return createAppearingFolder(place, groupOnly, idOf(group));
+}
+
+} // namespace
+
+std::string GroupDirectoryPath::text() const {
+    std::string path = base + "/";
+    for (const std::string& level : levels) {
+        path += level + "/";
+    }
+    return path;
+}
+
+GroupDirectory::GroupDirectory(FileDescriptor opened, const std::string& path, const Group& group)
+    : directory(std::move(opened))
+    , groupId(idOf(group))
+    , ownIdentity(examine(directory.get(), group, path)) {
+}
+
+std::optional<GroupDirectory> GroupDirectory::tryOpen(const GroupDirectoryPath& path,
+                                                      const Group& group) {
+    FileDescriptor directory = openExisting(path);
+    if (directory) {
+        return GroupDirectory(std::move(directory), path.text(), group);
+    }
+    if (errno == ENOENT) {
+        return std::nullopt;
+    }
+    throw GroupDirectoryError(Step::open, "Failed to open the directory", path.text(), errno);
+}
+
+GroupDirectory GroupDirectory::openOrCreate(const GroupDirectoryPath& path, const Group& group) {
+    idOf(group); // Before anything is made.
+    FileDescriptor above = openBase(path.base);
+    std::string here = path.base + "/";
+    for (std::size_t level = 0; level + 1 < path.levels.size(); ++level) {
+        here += path.levels[level] + "/";
+        above = openOrCreatePublicLevel({above.get(), path.levels[level]}, here);
+    }
+    const FilePlace own(above.get(), path.levels.back());
+    here += own.name + "/";
+    return {openOrCreateLevel(own, here, [&] { return createOwnLevel(own, group, here); }), here,
+            group};
+}
+
+bool isUsableByGroup(const struct stat& status, gid_t group) {
+    return status.st_gid == group && (status.st_mode & S_IRWXG) == S_IRWXG &&
+           (status.st_mode & S_IWOTH) == 0;
+}
+
+} // namespace foundation::os

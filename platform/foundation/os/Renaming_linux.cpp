@@ -1,0 +1,15 @@
+#include "foundation/os/Renaming.h"
+
+#include <cerrno>
+#include <cstdio>
+
+namespace foundation::os {
+
+int renameWithoutReplacing(const FilePlace& from, const FilePlace& to) noexcept {
+    return ::renameat2(from.folder, from.name.c_str(), to.folder, to.name.c_str(),
+                       RENAME_NOREPLACE) == 0
+               ? 0
+               : errno;
+}
+
+} // namespace foundation::os

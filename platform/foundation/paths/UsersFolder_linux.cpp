@@ -1,0 +1,9 @@
+#include "foundation/paths/UsersFolder.h"
+
+namespace foundation::paths {
+
+std::string usersFolder() {
+    return "/home";
+}
+
+} // namespace foundation::paths

@@ -1,0 +1,247 @@
+#include "sharedmemory/SysVSegments.h"
+
+#include "sharedmemory/Failure.h"
+#include "sharedmemory/SegmentName.h"
+#include "sharedmemory/SegmentTrailer.h"
+#include "sharedmemory/SysVKernel.h"
+#include "sharedmemory/SysVSegment.h"
+#include "sharedmemory/UnnamedRecord.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <limits>
+#include <optional>
+#include <unistd.h>
+#include <utility>
+
+namespace agent::spf::sharedmemory {
+
+namespace os = foundation::os;
+
+namespace {
+
+/// Whether the kernel's segment is as those of this directory are.
+bool isAsMade(const sysv::Status& status, const RecordDirectory& directory) {
+    const auto group = directory.group();
+    const bool isOurs = group ? status.group == *group
+                              : status.creator == ::geteuid() && status.owner == status.creator;
+    return isOurs && !status.isRemoved && status.mode == directory.segmentMode() &&
+           status.size > trailer::size;
+}
+
+/// What a record leads to now.
+struct NamedSegment {
+    std::size_t wholeSize = 0;
+    sysv::Attachment attachment;
+};
+
+/// The segment that a record names; nothing where that is gone, or is another one or somebody
+/// else's by now, as after a reboot or in another IPC namespace.
+std::optional<NamedSegment> segmentOf(const SegmentRecord& record,
+                                      const RecordDirectory& directory) {
+    const auto status = sysv::statusOf(record.id);
+    if (!status || !isAsMade(*status, directory)) {
+        return std::nullopt;
+    }
+    NamedSegment segment{status->size, sysv::Attachment(record.id)};
+    if (!segment.attachment) {
+        if (sysv::saysGone(errno) || errno == EACCES) {
+            return std::nullopt;
+        }
+        fail("cannot attach to the segment", {}, errno);
+    }
+    const bool isTheOne =
+        trailer::matches(segment.attachment.get() + segment.wholeSize, record.token);
+    return isTheOne ? std::optional(std::move(segment)) : std::nullopt;
+}
+
+/// What stands under a name.
+struct Examined {
+    RecordFile file;
+    std::optional<NamedSegment> segment;
+
+    bool isFree() const { return file.error == ENOENT; }
+    /// A file that is no record, or names nothing any more.
+    bool isStale() const { return file.descriptor && S_ISREG(file.status.st_mode) && !segment; }
+};
+
+Examined examine(const os::FilePlace& place, const RecordDirectory& directory) {
+    Examined found{openRecord(place), {}};
+    if (found.file.record) {
+        found.segment = segmentOf(*found.file.record, directory);
+    }
+    return found;
+}
+
+/// Makes way for a new record. What a stale one may still lead to is its owner's to remove.
+void removeStale(const os::FilePlace& place, const RecordFile& file) {
+    constexpr std::chrono::seconds timeout{10};
+    const SegmentToken token = file.record ? file.record->token : makeSegmentToken();
+    auto unnamed =
+        UnnamedRecord::takeName(place, file.identity(), UnnamedRecord::hiddenName(token), timeout);
+    if (unnamed) {
+        unnamed->leaveToOwner();
+    } else if (os::identityAt(place) == file.identity()) {
+        fail("cannot replace the record", place.name, errno);
+    }
+}
+
+/// Owner of a segment that is being made; it goes unless it gets finished.
+class NewSegment {
+public:
+    explicit NewSegment(int id)
+        : id(id) {}
+    NewSegment(const NewSegment&) = delete;
+    NewSegment& operator=(const NewSegment&) = delete;
+    ~NewSegment() {
+        if (!isFinished) {
+            sysv::removeSegment(id);
+        }
+    }
+    void finish() { isFinished = true; }
+
+private:
+    int id;
+    bool isFinished = false;
+};
+
+enum class Naming {
+    done,
+    /// Another segment has the name.
+    taken,
+    /// Somebody has taken this process for dead and removed the record.
+    lost,
+};
+
+Naming giveName(UnnamedRecord& record, const RecordDirectory& directory, const std::string& name) {
+    const os::FilePlace place = directory.placeOf(name);
+    for (;;) {
+        switch (const int error = record.giveName(place)) {
+        case 0:
+            return Naming::done;
+        case ENOENT:
+            return Naming::lost;
+        case EEXIST:
+            break;
+        default:
+            fail("cannot make the segment", name, error);
+        }
+        const Examined there = examine(place, directory);
+        if (there.segment) {
+            return Naming::taken;
+        }
+        if (there.isStale()) {
+            removeStale(place, there.file);
+        } else if (!there.isFree()) {
+            fail("cannot make the segment: something else has its name", name, EEXIST);
+        }
+    }
+}
+
+/// After a step that failed with errno set: throws, unless a login manager or an administrator has
+/// removed the segment meanwhile, so that it is worth another attempt.
+void failUnlessGone(const std::string& what, const std::string& name, int id) {
+    const int error = errno;
+    // Not judged by errno, which is EINVAL also for a group that this user namespace lacks.
+    const auto status = sysv::statusOf(id);
+    if (status && !status->isRemoved) {
+        fail(what, name, error);
+    }
+}
+
+} // namespace
+
+std::unique_ptr<SharedMemory::Segment> SysVSegments::create(const std::string& name,
+                                                            std::size_t size) {
+    return make(name, size, {});
+}
+
+std::unique_ptr<SharedMemory::Segment> SysVSegments::createFilled(const std::string& name,
+                                                                  std::string_view contents) {
+    return make(name, contents.size(), contents);
+}
+
+std::unique_ptr<SharedMemory::Segment> SysVSegments::make(const std::string& name, std::size_t size,
+                                                          std::string_view contents) {
+    if (size > std::numeric_limits<std::size_t>::max() - trailer::size) {
+        fail("cannot make the segment", name, EFBIG);
+    }
+    if (!directory) {
+        directory = std::make_shared<const RecordDirectory>(RecordDirectory::openOrCreate(trustee));
+    }
+    // Not at every look: nothing accumulates but by what is made.
+    UnnamedRecord::removeAllStale(*directory);
+    const std::string recordName = segmentNameOf(name, trustee.name(), ::geteuid()).platformName;
+    for (;;) {
+        Attempt attempt = tryMake(recordName, size, contents);
+        if (attempt.isDecided) {
+            return std::move(attempt.segment);
+        }
+    }
+}
+
+SysVSegments::Attempt SysVSegments::tryMake(const std::string& recordName, std::size_t size,
+                                            std::string_view contents) {
+    const std::size_t wholeSize = size + trailer::size;
+    UnnamedRecord record = UnnamedRecord::create(*directory);
+    const auto id = sysv::makeSegment(wholeSize, modeWhileMade);
+    if (!id) {
+        fail("cannot make the segment", recordName, errno);
+    }
+    NewSegment made(*id);
+    sysv::Attachment attachment(*id);
+    if (!attachment) {
+        failUnlessGone("cannot attach to the segment", recordName, *id);
+        return {};
+    }
+    std::copy(contents.begin(), contents.end(), attachment.get());
+    trailer::write(attachment.get() + wholeSize, record.content().token);
+    record.complete(*id);
+    if (!sysv::changeSegment(*id, directory->segmentMode(), directory->group())) {
+        failUnlessGone("cannot finish the segment", recordName, *id);
+        return {};
+    }
+    auto segment =
+        std::make_unique<SysVSegment>(trustee.name(), directory, recordName, record.identity(),
+                                      record.content(), wholeSize, std::move(attachment));
+    switch (giveName(record, *directory, recordName)) {
+    case Naming::taken:
+        return {true, nullptr};
+    case Naming::lost:
+        return {};
+    case Naming::done:
+        break;
+    }
+    if (!segment->isStillNamed()) {
+        segment->remove();
+        return {};
+    }
+    made.finish();
+    segment->becomeCreator();
+    return {true, std::move(segment)};
+}
+
+SegmentLookup SysVSegments::find(const std::string& name, std::size_t size) {
+    if (!directory) {
+        auto found = RecordDirectory::tryOpen(trustee);
+        if (!found) {
+            return {};
+        }
+        directory = std::make_shared<const RecordDirectory>(std::move(*found));
+    }
+    const std::string recordName = segmentNameOf(name, trustee.name(), ::geteuid()).platformName;
+    Examined there = examine(directory->placeOf(recordName), *directory);
+    if (!there.segment) {
+        return {nullptr, !there.isFree() && !there.isStale()};
+    }
+    if (there.segment->wholeSize - trailer::size < size) {
+        return {nullptr, true};
+    }
+    return {std::make_unique<SysVSegment>(
+                trustee.name(), directory, recordName, there.file.identity(), *there.file.record,
+                there.segment->wholeSize, std::move(there.segment->attachment)),
+            true};
+}
+
+} // namespace agent::spf::sharedmemory

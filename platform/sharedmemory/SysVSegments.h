@@ -1,0 +1,46 @@
+#pragma once
+
+#include "foundation/os/Group.h"
+#include "sharedmemory/RecordDirectory.h"
+#include "sharedmemory/SegmentLookup.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace agent::spf::sharedmemory {
+
+/// The segments of System V shared memory of one trustee, who is looked up once, and whose
+/// directory of records is opened once, when they are first needed. The trustee must outlive this
+/// object. All throw as the openers of `SharedMemory` do.
+class SysVSegments {
+public:
+    explicit SysVSegments(const foundation::os::Group& trustee)
+        : trustee(trustee) {}
+
+    /// Makes and attaches to a new segment, of zero bytes or of these contents; null when there is
+    /// one already.
+    std::unique_ptr<SharedMemory::Segment> create(const std::string& name, std::size_t size);
+    std::unique_ptr<SharedMemory::Segment> createFilled(const std::string& name,
+                                                        std::string_view contents);
+
+    /// Attaches to an existing segment of exactly this name and trustee.
+    SegmentLookup find(const std::string& name, std::size_t size);
+
+private:
+    /// Undecided when somebody has removed the new segment or its record before it was finished.
+    struct Attempt {
+        bool isDecided = false;
+        std::unique_ptr<SharedMemory::Segment> segment;
+    };
+
+    std::unique_ptr<SharedMemory::Segment> make(const std::string& name, std::size_t size,
+                                                std::string_view contents);
+    Attempt tryMake(const std::string& recordName, std::size_t size, std::string_view contents);
+
+    const foundation::os::Group& trustee;
+    std::shared_ptr<const RecordDirectory> directory;
+};
+
+} // namespace agent::spf::sharedmemory
