@@ -1,6 +1,6 @@
 #include "endpointregistry/detail/LockingOpen.h"
 
-#include "endpointregistry/detail/BriefWait.h"
+#include "endpointregistry/detail/RetryFor.h"
 #include "foundation/os/AppearingFile.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryOnInterrupt.h"
@@ -30,9 +30,9 @@ int applyLock(int descriptor, int operation) {
 /// Takes the exclusive lock unless somebody else has it exclusively. Those that share it only ask
 /// whether anybody holds it and are gone in a moment, so they are waited for.
 int lockUnlessHeld(int descriptor) {
-    constexpr auto patience = std::chrono::seconds(1);
+    constexpr auto timeout = std::chrono::seconds(1);
     int error = 0;
-    const bool isDecided = tryBriefly(patience, [&] {
+    const bool isDecided = retryFor(timeout, [&] {
         error = applyLock(descriptor, LOCK_EX | LOCK_NB);
         if (error != EWOULDBLOCK || applyLock(descriptor, LOCK_SH | LOCK_NB) != 0) {
             return true;
