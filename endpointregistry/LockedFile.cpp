@@ -29,7 +29,8 @@ LockedFile LockedFile::tryLock(const std::string& name, const std::string& paren
 
 LockedFile::LockedFile(const std::string& name, const std::string& parent,
                        const std::string& trustee, bool isExclusive, bool waitForLock)
-    : impl(std::make_unique<Impl>(name, parent, trustee, isExclusive, waitForLock)) {
+    : impl(std::make_unique<Impl>(name, parent, trustee, isExclusive,
+                                  waitForLock ? Waiting::forLock() : Waiting::never())) {
 }
 
 LockedFile::LockedFile(std::unique_ptr<Impl> impl) noexcept

@@ -1,9 +1,9 @@
 #include "endpointregistry/detail/AbandonedFile.h"
 
 #include "endpointregistry/Loggers.h"
-#include "endpointregistry/detail/BriefWait.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
+#include "endpointregistry/detail/RetryFor.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
@@ -21,13 +21,13 @@ namespace os = foundation::os;
 
 /// Not waiting without end, since a process that was stopped while it cleared up, or any other of
 /// the same user or group, may hold the lock for long.
-LockedDescriptor lockFolder(const OpenFolder& open, std::chrono::milliseconds patience) {
+LockedDescriptor lockFolder(const OpenFolder& open, std::chrono::milliseconds timeout) {
     // A file of its own, since others may look through the folder that is open.
     const os::FilePlace place = open.placeOf(".");
     os::FileDescriptor folder(os::retryOnInterrupt([&] {
         return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }));
-    const bool isLocked = folder && tryBriefly(patience, [&folder] {
+    const bool isLocked = folder && retryFor(timeout, [&folder] {
                               return os::retryOnInterrupt([&] {
                                          return ::flock(folder.get(), LOCK_EX | LOCK_NB);
                                      }) == 0;
@@ -47,7 +47,7 @@ void failIfNotAsked(int error, const OpenFolder& folder, const std::string& name
 }
 
 AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder,
-                             std::chrono::milliseconds patience)
+                             std::chrono::milliseconds timeout)
     : folder(folder)
     , place(folder.placeOf(name)) {
     // Nothing is held while the folder's lock is waited for: a publisher that wants the file takes
@@ -57,9 +57,9 @@ AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder,
         return;
     }
     fileLock.release();
-    folderLock = lockFolder(folder, patience);
+    folderLock = lockFolder(folder, timeout);
     if (!folderLock) {
-        found = Finding::heldUp;
+        found = Finding::busy;
     } else if (!examine()) {
         folderLock.release();
     }

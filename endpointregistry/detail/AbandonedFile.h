@@ -28,17 +28,17 @@ public:
         nothingToClear,
         /// The publisher is dead, but the folder's lock was not to be had; the next to look clears
         /// up.
-        heldUp,
+        busy,
         /// The publisher is dead, and this object holds the right to clear up.
         abandoned,
     };
 
     /// How long others that clear up are waited for; they are done in a moment.
-    static constexpr std::chrono::milliseconds usualPatience{20};
+    static constexpr std::chrono::milliseconds defaultTimeout{20};
 
     /// Examines a file in a folder that outlives this object. Throws as `failIfNotAsked` does.
     AbandonedFile(const std::string& name, const OpenFolder& folder,
-                  std::chrono::milliseconds patience = usualPatience);
+                  std::chrono::milliseconds timeout = defaultTimeout);
 
     Finding finding() const { return found; }
 

@@ -68,9 +68,9 @@ bool EntryFolder::clearIfStale(const std::string& name,
     if (open == nullptr) {
         return true;
     }
-    // Who was waited for in vain once is not waited for again with every other dead entry.
-    AbandonedFile file(name, *open, isHeldUp ? 0ms : AbandonedFile::usualPatience);
-    isHeldUp = isHeldUp || file.finding() == AbandonedFile::Finding::heldUp;
+    // Do not wait twice for the same holder, with every other dead entry.
+    AbandonedFile file(name, *open, isFolderBusy ? 0ms : AbandonedFile::defaultTimeout);
+    isFolderBusy = isFolderBusy || file.finding() == AbandonedFile::Finding::busy;
     if (file.finding() == AbandonedFile::Finding::abandoned) {
         removeData();
         file.remove();

@@ -51,7 +51,7 @@ private:
     foundation::os::Group group;
     mutable std::optional<OpenFolder> found;
     /// Whether the last attempt to clear up waited for others in vain.
-    mutable bool isHeldUp = false;
+    mutable bool isFolderBusy = false;
 };
 
 } // namespace agent::spf::endpointregistry

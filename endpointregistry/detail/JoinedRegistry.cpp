@@ -2,6 +2,7 @@
 
 #include "endpointregistry/detail/JoinedFolder.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
+#include "endpointregistry/detail/LockingOpen.h"
 
 #include <memory>
 #include <utility>
@@ -14,19 +15,21 @@ namespace {
 
 enum class Levels { asTheyAre, openedToEverybody };
 
-LockedFile lock(const std::string& name, const std::string& parent, const os::Group& trustee,
-                bool isExclusive, bool waitForLock, Levels levels) {
+std::unique_ptr<LockedFile::Impl> lock(const std::string& name, const std::string& parent,
+                                       const os::Group& trustee, bool isExclusive, Waiting waiting,
+                                       Levels levels) {
     if (trustee.isNone() || parent.empty()) { // The latter is refused there.
-        return {name, parent, trustee.name(), isExclusive, waitForLock};
+        return std::make_unique<LockedFile::Impl>(name, parent, trustee.name(), isExclusive,
+                                                  waiting);
     }
     for (;;) {
         JoinedFolder folder = levels == Levels::asTheyAre ? JoinedFolder::enter(parent, trustee)
                                                           : JoinedFolder::obtain(parent, trustee);
         auto impl = std::make_unique<LockedFile::Impl>(name, std::move(folder), trustee.name(),
-                                                       isExclusive, waitForLock);
+                                                       isExclusive, waiting);
         // A lock on what nobody comes to by the path keeps nobody out.
         if (impl->isStillNamed()) {
-            return LockedFile::Impl::wrap(std::move(impl));
+            return impl;
         }
     }
 }
@@ -35,15 +38,26 @@ LockedFile lock(const std::string& name, const std::string& parent, const os::Gr
 
 LockedFile createAndTryLock(const std::string& name, const std::string& parent,
                             const os::Group& trustee) {
-    return lock(name, parent, trustee, true, false, Levels::openedToEverybody);
+    return LockedFile::Impl::wrap(
+        lock(name, parent, trustee, true, Waiting::never(), Levels::openedToEverybody));
 }
 
 LockedFile getLock(const std::string& name, const std::string& parent, const os::Group& trustee) {
-    return lock(name, parent, trustee, false, true, Levels::asTheyAre);
+    return LockedFile::Impl::wrap(
+        lock(name, parent, trustee, false, Waiting::forLock(), Levels::asTheyAre));
+}
+
+LockOrHolder getLockWithin(const std::string& name, const std::string& parent,
+                           const os::Group& trustee, std::chrono::milliseconds timeout) {
+    auto impl =
+        lock(name, parent, trustee, false, Waiting::forOneHolder(timeout), Levels::asTheyAre);
+    const pid_t holder = impl->getHolder();
+    return {LockedFile::Impl::wrap(std::move(impl)), holder};
 }
 
 LockedFile tryLock(const std::string& name, const std::string& parent, const os::Group& trustee) {
-    return lock(name, parent, trustee, false, false, Levels::openedToEverybody);
+    return LockedFile::Impl::wrap(
+        lock(name, parent, trustee, false, Waiting::never(), Levels::openedToEverybody));
 }
 
 std::optional<OpenFolder> findFolder(const std::string& parent, const os::Group& trustee) {

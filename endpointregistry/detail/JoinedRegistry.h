@@ -4,8 +4,10 @@
 #include "endpointregistry/detail/OpenFolder.h"
 #include "foundation/os/Group.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 /// The locked files of records and arrays.
 ///
@@ -19,6 +21,24 @@ LockedFile createAndTryLock(const std::string& name, const std::string& parent,
                             const foundation::os::Group& trustee);
 LockedFile getLock(const std::string& name, const std::string& parent,
                    const foundation::os::Group& trustee);
+
+/// A lock, or who keeps it.
+struct LockOrHolder {
+    /// Not locked where its holder did not let go.
+    LockedFile lock;
+    /// That holder's process id, as its own process namespace numbers it; 0 when it is locked, or
+    /// when the holder has not said who it is. For messages only: any user of the file can forge
+    /// it.
+    pid_t holder;
+};
+
+/// As `getLock`, but gives up when one and the same holder keeps the lock for longer than the
+/// timeout, as a process that was stopped does. Many that take turns are waited for without end.
+/// Holders are told apart where they have waited for the lock themselves, by this function or
+/// `getLock`. With a timeout of 0 nobody is waited for.
+LockOrHolder getLockWithin(const std::string& name, const std::string& parent,
+                           const foundation::os::Group& trustee, std::chrono::milliseconds timeout);
+
 LockedFile tryLock(const std::string& name, const std::string& parent,
                    const foundation::os::Group& trustee);
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "endpointregistry/detail/LockHolder.h"
 #include "foundation/os/FileDescriptor.h"
 
 #include <sys/file.h>
@@ -27,6 +28,7 @@ public:
             release();
             descriptor = std::move(other.descriptor);
             owner = other.owner;
+            isMarked = other.isMarked;
         }
         return *this;
     }
@@ -40,9 +42,20 @@ public:
     /// Whether it is the copy that a fork made of another process's lock.
     bool isInherited() const noexcept { return descriptor && owner != ::getpid(); }
 
+    /// Marks the file with its holder for those who wait for the lock, until it is released.
+    void mark() noexcept {
+        markHolder(descriptor.get(), owner);
+        isMarked = true;
+    }
+
     /// Unlocks and closes.
     void release() noexcept {
         if (descriptor && owner == ::getpid()) {
+            // A forked child's copy of the descriptor would keep the mark, and the next holder
+            // would be taken for this process.
+            if (isMarked) {
+                unmarkHolder(descriptor.get());
+            }
             ::flock(descriptor.get(), LOCK_UN);
         }
         descriptor.reset();
@@ -54,6 +67,7 @@ public:
 private:
     foundation::os::FileDescriptor descriptor;
     pid_t owner = 0;
+    bool isMarked = false;
 };
 
 } // namespace agent::spf::endpointregistry

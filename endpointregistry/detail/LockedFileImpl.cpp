@@ -26,10 +26,10 @@ constexpr const char* inconsistency = "System Error: File system inconsistency";
 } // namespace
 
 LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string trustee,
-                       bool isExclusive, bool waitForLock)
+                       bool isExclusive, Waiting waiting)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
-    , waitForLock(waitForLock)
+    , waiting(waiting)
     , name(std::move(name))
     , trustee(std::move(trustee))
     , parentPath(findParentFolder(parent))
@@ -37,10 +37,10 @@ LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string 
 }
 
 LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
-                       bool waitForLock)
+                       Waiting waiting)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
-    , waitForLock(waitForLock)
+    , waiting(waiting)
     , name(std::move(name))
     , trustee(std::move(trustee))
     , folder(std::move(folder))
@@ -51,7 +51,7 @@ LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string truste
 LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isExclusive)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
-    , waitForLock(false)
+    , waiting(Waiting::never())
     , name(std::move(name))
     , parentPath(openFolder.path())
     , lock(keep(openAt(openFolder.placeOf(this->name)))) {
@@ -104,8 +104,7 @@ std::string LockedFile::Impl::findParentFolder(const std::string& parent) const 
 }
 
 LockingOpen LockedFile::Impl::openAt(const os::FilePlace& place) const {
-    return openAndLock(place, isExclusive ? Existing::refused : Existing::accepted,
-                       waitForLock ? Waiting::forLock : Waiting::never,
+    return openAndLock(place, isExclusive ? Existing::refused : Existing::accepted, waiting,
                        folder ? std::optional(folder->group()) : std::nullopt);
 }
 
@@ -130,7 +129,7 @@ LockedDescriptor LockedFile::Impl::lockFile() {
 
 LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
     if (opened.error != 0) {
-        if (waitForLock && opened.error != EWOULDBLOCK && opened.error != EEXIST) {
+        if (!waiting.isNever() && opened.error != EWOULDBLOCK && opened.error != EEXIST) {
             getLogger().log(severity::error, "LockedFile::lockFile(): Failed to create file: <",
                             parentPath, name, ">. (Error ", opened.error, ")");
             throw std::runtime_error(inconsistency);
@@ -139,6 +138,7 @@ LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
         isExclusive = false;
         deleteOnDestruction = false;
         lockError = opened.error;
+        holder = opened.holder;
         return {};
     }
     if (folder) {

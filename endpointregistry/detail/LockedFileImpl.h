@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
@@ -18,12 +19,12 @@ namespace agent::spf::endpointregistry {
 class LockedFile::Impl {
 public:
     Impl(std::string name, const std::string& parent, std::string trustee, bool isExclusive,
-         bool waitForLock);
+         Waiting waiting);
 
     /// In a folder that was joined: a file that another member of the group made is used as it is,
     /// and one that does not belong to the group is an error, std::runtime_error.
     Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
-         bool waitForLock);
+         Waiting waiting);
 
     /// In a private folder that is open at the moment, without waiting. The file's path is what the
     /// folder's was.
@@ -40,6 +41,8 @@ public:
     /// is no lock.
     bool isStillNamed() const;
     int getLockError() const { return lockError; }
+    /// The process that kept the lock for longer than was waited; 0 when it is not known.
+    pid_t getHolder() const { return holder; }
     std::string getTrustee() const;
 
     /// The public face of such a state.
@@ -62,8 +65,9 @@ private:
 
     bool isExclusive;
     bool deleteOnDestruction;
-    bool waitForLock;
+    Waiting waiting;
     int lockError = 0;
+    pid_t holder = 0;
     std::string name;
     std::string trustee;
     std::optional<JoinedFolder> folder;

@@ -4,6 +4,7 @@
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/FilePlace.h"
 
+#include <chrono>
 #include <optional>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -15,6 +16,9 @@ struct LockingOpen {
     LockedDescriptor lock;
     /// 0, or the errno value; EWOULDBLOCK when another holder has the lock.
     int error = 0;
+    /// The process that did not let go of the lock, where one was waited for in vain and had marked
+    /// the file; 0 otherwise.
+    pid_t holder = 0;
     /// Whether this call made the file.
     bool isNew = false;
     /// Which file it is; nothing unless it is locked.
@@ -28,14 +32,45 @@ struct LockingOpen {
 inline constexpr mode_t groupFileMode = S_IRUSR | S_IRWXG;
 
 enum class Existing { accepted, refused };
-enum class Waiting { forLock, never };
+
+/// How long a lock that another holder has is waited for.
+class Waiting {
+public:
+    /// Not at all. Only those that share the lock for a moment are waited for.
+    static constexpr Waiting never() { return Waiting(Kind::never); }
+
+    /// Without end.
+    static constexpr Waiting forLock() { return Waiting(Kind::forLock); }
+
+    /// Until one holder has kept it for that long, whatever the others do that take turns; with 0
+    /// there is one attempt. Whoever does not mark the file counts as the same holder.
+    static constexpr Waiting forOneHolder(std::chrono::milliseconds timeout) {
+        return Waiting(Kind::forOneHolder, timeout);
+    }
+
+    bool isNever() const { return kind == Kind::never; }
+    bool isWithoutEnd() const { return kind == Kind::forLock; }
+    std::chrono::milliseconds timeout() const { return holderTimeout; }
+
+private:
+    enum class Kind { never, forLock, forOneHolder };
+
+    explicit constexpr Waiting(Kind kind, std::chrono::milliseconds timeout = {})
+        : kind(kind)
+        , holderTimeout(timeout) {}
+
+    Kind kind;
+    std::chrono::milliseconds holderTimeout;
+};
 
 /// Opens and exclusively locks the regular file in this place, making it when it is missing: with
 /// mode 0400, or with `groupFileMode` for a group. A new file appears already locked, with its
 /// final group and mode, and the lock is on the file that stands there when the call returns: a
 /// file that was removed meanwhile is not what its name means. A group's, whose folder may have
 /// been put elsewhere, is for the caller to compare. `Existing::refused` yields EEXIST when there
-/// is anything under the name.
+/// is anything under the name. Whoever waits marks the file with its own process id, for others who
+/// wait, for as long as it has the lock. One who waits for one holder and gives up gets
+/// EWOULDBLOCK.
 LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existing, Waiting waiting,
                         std::optional<gid_t> group = std::nullopt);
 

@@ -1,6 +1,7 @@
 #include "endpointregistry/detail/LockingOpen.h"
 
-#include "endpointregistry/detail/BriefWait.h"
+#include "endpointregistry/detail/LockHolder.h"
+#include "endpointregistry/detail/RetryFor.h"
 #include "foundation/os/AppearingFile.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryOnInterrupt.h"
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <optional>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,12 +29,20 @@ int applyLock(int descriptor, int operation) {
     return os::retryOnInterrupt([&] { return ::flock(descriptor, operation); }) == 0 ? 0 : errno;
 }
 
+/// What became of an attempt to lock an open file.
+struct Attempt {
+    int error = 0;
+    pid_t holder = 0;
+    /// Whether its name has come to mean another file, or none, before the lock was had.
+    bool isReplaced = false;
+};
+
 /// Takes the exclusive lock unless somebody else has it exclusively. Those that share it only ask
 /// whether anybody holds it and are gone in a moment, so they are waited for.
-int lockUnlessHeld(int descriptor) {
-    constexpr auto patience = std::chrono::seconds(1);
+Attempt lockUnlessHeld(int descriptor) {
+    constexpr auto timeout = std::chrono::seconds(1);
     int error = 0;
-    const bool isDecided = tryBriefly(patience, [&] {
+    const bool isDecided = retryFor(timeout, [&] {
         error = applyLock(descriptor, LOCK_EX | LOCK_NB);
         if (error != EWOULDBLOCK || applyLock(descriptor, LOCK_SH | LOCK_NB) != 0) {
             return true;
@@ -40,7 +50,45 @@ int lockUnlessHeld(int descriptor) {
         applyLock(descriptor, LOCK_UN);
         return false;
     });
-    return isDecided ? error : EWOULDBLOCK;
+    return {isDecided ? error : EWOULDBLOCK};
+}
+
+/// Takes the exclusive lock unless one holder keeps it for the timeout. Each holder has a time of
+/// its own, so that nobody gives up for there being many.
+Attempt lockUnlessKept(int descriptor, const os::FilePlace& place,
+                       std::chrono::milliseconds timeout) {
+    using Clock = std::chrono::steady_clock;
+    std::optional<HolderMark> holder;
+    auto since = Clock::now();
+    for (Backoff backoff;; backoff.sleep()) {
+        // The times are taken after a holder was first seen and before it was last seen, so that a
+        // process that was itself stopped in between never takes two holders for one.
+        const auto now = Clock::now();
+        const int error = applyLock(descriptor, LOCK_EX | LOCK_NB);
+        if (error != EWOULDBLOCK) {
+            return {error};
+        }
+        if (const auto current = findHolder(descriptor); current != holder) {
+            holder = current;
+            since = Clock::now();
+        }
+        if (now - since >= timeout || timeout == std::chrono::milliseconds::zero()) {
+            return {EWOULDBLOCK, holder ? holder->process : 0};
+        }
+        // Its holder may keep a removed file for good, while others have long gone on with the
+        // new one.
+        if (os::identityAt(place) != os::identityOf(descriptor)) {
+            return {0, 0, true};
+        }
+    }
+}
+
+Attempt lock(int descriptor, const os::FilePlace& place, Waiting waiting) {
+    if (waiting.isNever()) {
+        return lockUnlessHeld(descriptor);
+    }
+    return waiting.isWithoutEnd() ? Attempt{applyLock(descriptor, LOCK_EX)}
+                                  : lockUnlessKept(descriptor, place, waiting.timeout());
 }
 
 /// The errno value for an open file that is no regular file; 0 for one that is.
@@ -66,8 +114,12 @@ LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLo
         if (!file) {
             return {{}, errno};
         }
-        if (const int error = takeLock(file.get()); error != 0) {
-            return {{}, error};
+        const Attempt attempt = takeLock(file.get());
+        if (attempt.isReplaced) {
+            continue;
+        }
+        if (attempt.error != 0) {
+            return {{}, attempt.error, attempt.holder};
         }
         LockedDescriptor lock(std::move(file));
 
@@ -80,7 +132,7 @@ LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLo
         }
         const os::FileIdentity identity(status);
         if (comparing == Comparing::byTheCaller || os::identityAt(place) == identity) {
-            return {std::move(lock), 0, false, identity, status};
+            return {std::move(lock), 0, 0, false, identity, status};
         }
     }
 }
@@ -97,22 +149,18 @@ LockingOpen makeLocked(const os::FilePlace& place, std::optional<gid_t> group) {
     if (file.error != 0) {
         return {{}, file.error};
     }
-    return {LockedDescriptor(std::move(file.descriptor)), 0, true, file.identity};
+    return {LockedDescriptor(std::move(file.descriptor)), 0, 0, true, file.identity};
 }
 
-} // namespace
-
-LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting waiting,
-                        std::optional<gid_t> group) {
+LockingOpen openOrMakeLocked(const os::FilePlace& place, Existing existing, Waiting waiting,
+                             std::optional<gid_t> group) {
     const Comparing comparing = group ? Comparing::byTheCaller : Comparing::withThePlace;
     for (;;) {
         // What exists is opened without O_CREAT: with fs.protected_regular set, that flag makes
         // opening another user's file in a sticky folder fail, even for root.
         if (existing == Existing::accepted) {
-            LockingOpen found = lockExisting(place, comparing, [waiting](int descriptor) {
-                return waiting == Waiting::forLock ? applyLock(descriptor, LOCK_EX)
-                                                   : lockUnlessHeld(descriptor);
-            });
+            LockingOpen found = lockExisting(
+                place, comparing, [&](int descriptor) { return lock(descriptor, place, waiting); });
             if (found.error != ENOENT) {
                 return found;
             }
@@ -124,9 +172,22 @@ LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting w
     }
 }
 
+} // namespace
+
+LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting waiting,
+                        std::optional<gid_t> group) {
+    LockingOpen opened = openOrMakeLocked(place, existing, waiting, group);
+    // Nobody waits for the locks that nobody waits to take.
+    if (opened.lock && !waiting.isNever()) {
+        opened.lock.mark();
+    }
+    return opened;
+}
+
 LockingOpen openAndShareLock(const os::FilePlace& place) {
-    return lockExisting(place, Comparing::withThePlace,
-                        [](int descriptor) { return applyLock(descriptor, LOCK_SH | LOCK_NB); });
+    return lockExisting(place, Comparing::withThePlace, [](int descriptor) {
+        return Attempt{applyLock(descriptor, LOCK_SH | LOCK_NB)};
+    });
 }
 
 } // namespace agent::spf::endpointregistry

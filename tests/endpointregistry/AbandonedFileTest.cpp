@@ -142,8 +142,8 @@ TEST_F(AbandonedFiles, CanBeTakenOverWhileOthersThatClearAreWaitedFor) {
         reader = std::thread([&] {
             while (!isOver) {
                 const Finding finding = findingOf(name);
-                EXPECT_TRUE(finding == Finding::heldUp || finding == Finding::inUse);
-                waits += finding == Finding::heldUp ? 1 : 0;
+                EXPECT_TRUE(finding == Finding::busy || finding == Finding::inUse);
+                waits += finding == Finding::busy ? 1 : 0;
             }
         });
     }
@@ -195,8 +195,8 @@ TEST_F(AbandonedFiles, AreClearedByOneAtATime) {
     const PlantedEntry other("other entry", "");
     const AbandonedFile file(name, folder());
     ASSERT_EQ(file.finding(), Finding::abandoned);
-    EXPECT_EQ(findingOf(name), Finding::heldUp);
-    EXPECT_EQ(findingOf(other.name()), Finding::heldUp);
+    EXPECT_EQ(findingOf(name), Finding::busy);
+    EXPECT_EQ(findingOf(other.name()), Finding::busy);
     EXPECT_TRUE(entry.hasFile());
     EXPECT_TRUE(other.hasFile());
 }
