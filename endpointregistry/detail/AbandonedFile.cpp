@@ -3,7 +3,7 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
-#include "endpointregistry/detail/RetryFor.h"
+#include "foundation/os/RetryFor.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
@@ -27,7 +27,7 @@ LockedDescriptor lockFolder(const OpenFolder& open, std::chrono::milliseconds ti
     os::FileDescriptor folder(os::retryOnInterrupt([&] {
         return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }));
-    const bool isLocked = folder && retryFor(timeout, [&folder] {
+    const bool isLocked = folder && os::retryFor(timeout, [&folder] {
                               return os::retryOnInterrupt([&] {
                                          return ::flock(folder.get(), LOCK_EX | LOCK_NB);
                                      }) == 0;

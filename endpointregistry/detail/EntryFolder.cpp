@@ -4,10 +4,12 @@
 #include "endpointregistry/detail/JoinedRegistry.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
+#include "foundation/os/FileBytes.h"
 
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <sys/stat.h>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
@@ -49,7 +51,7 @@ EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
     }
 }
 
-LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
+LockedFile EntryFolder::lock(const std::string& name, bool isNew, std::string_view contents) const {
     if (const OpenFolder* const open = group.isNone() ? folder() : nullptr) {
         auto impl = std::make_unique<LockedFile::Impl>(name, *open, isNew);
         if (impl->getLockError() != ENOENT) {
@@ -58,21 +60,36 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
         // Somebody has removed the folder since it was opened.
         found.reset();
     }
-    return isNew ? joined::createAndTryLock(name, parent, group)
+    return isNew ? joined::createAndTryLock(name, parent, group, contents)
                  : joined::tryLock(name, parent, group);
 }
 
-bool EntryFolder::clearIfStale(const std::string& name,
-                               const std::function<void()>& removeData) const {
+std::optional<std::string> EntryFolder::contentsOfLiving(const std::string& name,
+                                                         std::size_t size) const {
+    const OpenFolder* const open = folder();
+    if (open == nullptr) {
+        return std::nullopt;
+    }
+    const foundation::os::FileDescriptor file = openIfHeld(open->placeOf(name));
+    failIfNotAsked(errno, *open, name);
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        static_cast<std::size_t>(status.st_size) != size) {
+        return std::nullopt;
+    }
+    return foundation::os::readFirst(file.get(), size);
+}
+
+bool EntryFolder::clearIfStale(const std::string& name, const std::function<bool()>& removeData,
+                               std::chrono::milliseconds timeout) const {
     const OpenFolder* const open = folder();
     if (open == nullptr) {
         return true;
     }
     // Do not wait twice for the same holder, with every other dead entry.
-    AbandonedFile file(name, *open, isFolderBusy ? 0ms : AbandonedFile::defaultTimeout);
+    AbandonedFile file(name, *open, isFolderBusy ? 0ms : timeout);
     isFolderBusy = isFolderBusy || file.finding() == AbandonedFile::Finding::busy;
-    if (file.finding() == AbandonedFile::Finding::abandoned) {
-        removeData();
+    if (file.finding() == AbandonedFile::Finding::abandoned && removeData()) {
         file.remove();
     }
     return file.finding() != AbandonedFile::Finding::inUse;

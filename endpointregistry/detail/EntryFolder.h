@@ -1,12 +1,16 @@
 #pragma once
 
 #include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/AbandonedFile.h"
 #include "endpointregistry/detail/OpenFolder.h"
 #include "foundation/os/Group.h"
 
+#include <chrono>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace agent::spf::endpointregistry {
@@ -37,12 +41,17 @@ public:
     Publisher publisherOf(const std::string& name) const;
 
     /// Makes and locks the entry's file, which goes with the object, and with `isNew` fails where
-    /// there is one. Not locked when it cannot be had.
-    LockedFile lock(const std::string& name, bool isNew) const;
+    /// there is one. Not locked when it cannot be had. A new one of a group's has these contents.
+    LockedFile lock(const std::string& name, bool isNew, std::string_view contents = {}) const;
+
+    /// What is in the file of an entry whose publisher lives, if it is just so many bytes.
+    std::optional<std::string> contentsOfLiving(const std::string& name, std::size_t size) const;
 
     /// Whether no publisher holds the entry. What a dead one left is removed then: its data, by
-    /// `removeData`, before its file.
-    bool clearIfStale(const std::string& name, const std::function<void()>& removeData) const;
+    /// `removeData`, which tells whether it could, before its file. Others that clear up are waited
+    /// for no longer than the timeout.
+    bool clearIfStale(const std::string& name, const std::function<bool()>& removeData,
+                      std::chrono::milliseconds timeout = AbandonedFile::defaultTimeout) const;
 
 private:
     /// Nothing when there is no folder.

@@ -17,7 +17,7 @@ enum class Levels { asTheyAre, openedToEverybody };
 
 std::unique_ptr<LockedFile::Impl> lock(const std::string& name, const std::string& parent,
                                        const os::Group& trustee, bool isExclusive, Waiting waiting,
-                                       Levels levels) {
+                                       Levels levels, std::string_view contents = {}) {
     if (trustee.isNone() || parent.empty()) { // The latter is refused there.
         return std::make_unique<LockedFile::Impl>(name, parent, trustee.name(), isExclusive,
                                                   waiting);
@@ -26,7 +26,7 @@ std::unique_ptr<LockedFile::Impl> lock(const std::string& name, const std::strin
         JoinedFolder folder = levels == Levels::asTheyAre ? JoinedFolder::enter(parent, trustee)
                                                           : JoinedFolder::obtain(parent, trustee);
         auto impl = std::make_unique<LockedFile::Impl>(name, std::move(folder), trustee.name(),
-                                                       isExclusive, waiting);
+                                                       isExclusive, waiting, contents);
         // A lock on what nobody comes to by the path keeps nobody out.
         if (impl->isStillNamed()) {
             return impl;
@@ -37,9 +37,9 @@ std::unique_ptr<LockedFile::Impl> lock(const std::string& name, const std::strin
 } // namespace
 
 LockedFile createAndTryLock(const std::string& name, const std::string& parent,
-                            const os::Group& trustee) {
+                            const os::Group& trustee, std::string_view contents) {
     return LockedFile::Impl::wrap(
-        lock(name, parent, trustee, true, Waiting::never(), Levels::openedToEverybody));
+        lock(name, parent, trustee, true, Waiting::never(), Levels::openedToEverybody, contents));
 }
 
 LockedFile getLock(const std::string& name, const std::string& parent, const os::Group& trustee) {

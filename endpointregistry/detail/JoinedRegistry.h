@@ -7,6 +7,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 
 /// The locked files of records and arrays.
@@ -17,8 +18,9 @@
 /// std::runtime_error when a folder or file exists that does not belong to the group.
 namespace agent::spf::endpointregistry::joined {
 
+/// A new file of a group's appears with these contents.
 LockedFile createAndTryLock(const std::string& name, const std::string& parent,
-                            const foundation::os::Group& trustee);
+                            const foundation::os::Group& trustee, std::string_view contents = {});
 LockedFile getLock(const std::string& name, const std::string& parent,
                    const foundation::os::Group& trustee);
 

@@ -6,6 +6,7 @@
 #include "endpointregistry/detail/TrusteeHandover.h"
 #include "foundation/os/Accounts.h"
 #include "foundation/os/FileIdentity.h"
+#include "foundation/os/GroupDirectory.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -33,11 +34,11 @@ LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string 
     , name(std::move(name))
     , trustee(std::move(trustee))
     , parentPath(findParentFolder(parent))
-    , lock(lockFile()) {
+    , lock(lockFile({})) {
 }
 
 LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
-                       Waiting waiting)
+                       Waiting waiting, std::string_view contents)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
     , waiting(waiting)
@@ -45,7 +46,7 @@ LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string truste
     , trustee(std::move(trustee))
     , folder(std::move(folder))
     , parentPath(this->folder->path())
-    , lock(lockFile()) {
+    , lock(lockFile(contents)) {
 }
 
 LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isExclusive)
@@ -54,7 +55,7 @@ LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isEx
     , waiting(Waiting::never())
     , name(std::move(name))
     , parentPath(openFolder.path())
-    , lock(keep(openAt(openFolder.placeOf(this->name)))) {
+    , lock(keep(openAt(openFolder.placeOf(this->name), {}))) {
 }
 
 os::FilePlace LockedFile::Impl::place() const {
@@ -103,28 +104,28 @@ std::string LockedFile::Impl::findParentFolder(const std::string& parent) const 
     return getParentPath(parent, trustee, !trustee.empty() || name.empty());
 }
 
-LockingOpen LockedFile::Impl::openAt(const os::FilePlace& place) const {
+LockingOpen LockedFile::Impl::openAt(const os::FilePlace& place, std::string_view contents) const {
     return openAndLock(place, isExclusive ? Existing::refused : Existing::accepted, waiting,
-                       folder ? std::optional(folder->group()) : std::nullopt);
+                       {folder ? std::optional(folder->group()) : std::nullopt, contents});
 }
 
-LockingOpen LockedFile::Impl::openByPath() const {
-    LockingOpen opened = openAt(place());
+LockingOpen LockedFile::Impl::openByPath(std::string_view contents) const {
+    LockingOpen opened = openAt(place(), contents);
     const bool isAnswer =
         opened.error == 0 || opened.error == EEXIST || opened.error == EWOULDBLOCK;
     if (!isAnswer && trustee.empty()) {
         createFolder(parentPath); // Says so if that is what is wrong.
-        opened = opened.error == ENOENT ? openAt(place()) : std::move(opened);
+        opened = opened.error == ENOENT ? openAt(place(), contents) : std::move(opened);
     }
     return opened;
 }
 
-LockedDescriptor LockedFile::Impl::lockFile() {
+LockedDescriptor LockedFile::Impl::lockFile(std::string_view contents) {
     if (name.empty()) {
         getLogger().log(severity::error, "LockedFile::lockFile(): Name cannot be empty.");
         throw std::invalid_argument("LockedFile name cannot be empty");
     }
-    return keep(openByPath());
+    return keep(openByPath(contents));
 }
 
 LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
@@ -161,8 +162,7 @@ LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
 }
 
 void LockedFile::Impl::examineJoined(const struct stat& status) const {
-    constexpr mode_t permissions = S_IRWXU | S_IRWXG | S_IRWXO;
-    if (status.st_gid != folder->group() || (status.st_mode & permissions) != groupFileMode) {
+    if (!os::isUsableByGroup(status, folder->group())) {
         getLogger().log(severity::error,
                         "LockedFile::lockFile(): The file does not belong to the group: <",
                         parentPath, name, ">. (Error ", EPERM, ")");

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
@@ -24,7 +25,7 @@ public:
     /// In a folder that was joined: a file that another member of the group made is used as it is,
     /// and one that does not belong to the group is an error, std::runtime_error.
     Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
-         Waiting waiting);
+         Waiting waiting, std::string_view contents);
 
     /// In a private folder that is open at the moment, without waiting. The file's path is what the
     /// folder's was.
@@ -53,9 +54,9 @@ public:
 
 private:
     std::string findParentFolder(const std::string& parent) const;
-    LockingOpen openAt(const foundation::os::FilePlace& place) const;
-    LockingOpen openByPath() const;
-    LockedDescriptor lockFile();
+    LockingOpen openAt(const foundation::os::FilePlace& place, std::string_view contents) const;
+    LockingOpen openByPath(std::string_view contents) const;
+    LockedDescriptor lockFile(std::string_view contents);
     LockedDescriptor keep(LockingOpen opened);
     void examineJoined(const struct stat& status) const;
     foundation::os::FilePlace place() const;

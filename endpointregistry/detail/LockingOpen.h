@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <optional>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -63,16 +64,22 @@ private:
     std::chrono::milliseconds holderTimeout;
 };
 
+/// What a file is to be like that has to be made.
+struct NewFile {
+    std::optional<gid_t> group = std::nullopt;
+    std::string_view contents = {};
+};
+
 /// Opens and exclusively locks the regular file in this place, making it when it is missing: with
 /// mode 0400, or with `groupFileMode` for a group. A new file appears already locked, with its
-/// final group and mode, and the lock is on the file that stands there when the call returns: a
-/// file that was removed meanwhile is not what its name means. A group's, whose folder may have
-/// been put elsewhere, is for the caller to compare. `Existing::refused` yields EEXIST when there
-/// is anything under the name. Whoever waits marks the file with its own process id, for others who
-/// wait, for as long as it has the lock. One who waits for one holder and gives up gets
-/// EWOULDBLOCK.
+/// final group and mode and its contents, and the lock is on the file that stands there when the
+/// call returns: a file that was removed meanwhile is not what its name means. A group's, whose
+/// folder may have been put elsewhere, is for the caller to compare. `Existing::refused` yields
+/// EEXIST when there is anything under the name. Whoever waits marks the file with its own process
+/// id, for others who wait, for as long as it has the lock. One who waits for one holder and gives
+/// up gets EWOULDBLOCK.
 LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existing, Waiting waiting,
-                        std::optional<gid_t> group = std::nullopt);
+                        const NewFile& newFile = {});
 
 /// Opens the regular file in this place and shares its lock, without making the file or waiting.
 ///
@@ -80,5 +87,9 @@ LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existin
 /// they never take each other for a publisher, and a publisher that wants the lock exclusively
 /// knows them from a holder.
 LockingOpen openAndShareLock(const foundation::os::FilePlace& place);
+
+/// Opens what stands in this place for reading if somebody holds its lock; empty otherwise, with
+/// errno set: 0 where nobody does.
+foundation::os::FileDescriptor openIfHeld(const foundation::os::FilePlace& place);
 
 } // namespace agent::spf::endpointregistry

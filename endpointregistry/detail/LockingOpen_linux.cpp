@@ -1,9 +1,10 @@
 #include "endpointregistry/detail/LockingOpen.h"
 
 #include "endpointregistry/detail/LockHolder.h"
-#include "endpointregistry/detail/RetryFor.h"
 #include "foundation/os/AppearingFile.h"
+#include "foundation/os/FileBytes.h"
 #include "foundation/os/FileIdentity.h"
+#include "foundation/os/RetryFor.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
 #include <cerrno>
@@ -42,7 +43,7 @@ struct Attempt {
 Attempt lockUnlessHeld(int descriptor) {
     constexpr auto timeout = std::chrono::seconds(1);
     int error = 0;
-    const bool isDecided = retryFor(timeout, [&] {
+    const bool isDecided = os::retryFor(timeout, [&] {
         error = applyLock(descriptor, LOCK_EX | LOCK_NB);
         if (error != EWOULDBLOCK || applyLock(descriptor, LOCK_SH | LOCK_NB) != 0) {
             return true;
@@ -60,7 +61,7 @@ Attempt lockUnlessKept(int descriptor, const os::FilePlace& place,
     using Clock = std::chrono::steady_clock;
     std::optional<HolderMark> holder;
     auto since = Clock::now();
-    for (Backoff backoff;; backoff.sleep()) {
+    for (os::Backoff backoff;; backoff.sleep()) {
         // The times are taken after a holder was first seen and before it was last seen, so that a
         // process that was itself stopped in between never takes two holders for one.
         const auto now = Clock::now();
@@ -99,18 +100,22 @@ int checkKind(const struct stat& status) {
     return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
 }
 
+/// Not blocking, not followed: in a shared folder the name may have been given to a pipe or a link
+/// on purpose.
+os::FileDescriptor openToLock(const os::FilePlace& place) {
+    return os::FileDescriptor(os::retryOnInterrupt([&] {
+        return ::openat(place.folder, place.name.c_str(),
+                        O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    }));
+}
+
 enum class Comparing { withThePlace, byTheCaller };
 
 /// Opens what stands in the place and locks it with `takeLock`, until both are the same file.
 template<typename TakeLock>
 LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLock takeLock) {
     for (;;) {
-        // Not blocking, not followed: in a shared folder the name may have been given to a pipe
-        // or a link on purpose.
-        os::FileDescriptor file(os::retryOnInterrupt([&] {
-            return ::openat(place.folder, place.name.c_str(),
-                            O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-        }));
+        os::FileDescriptor file = openToLock(place);
         if (!file) {
             return {{}, errno};
         }
@@ -137,12 +142,15 @@ LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLo
     }
 }
 
-LockingOpen makeLocked(const os::FilePlace& place, std::optional<gid_t> group) {
-    const mode_t mode = group ? groupFileMode : S_IRUSR;
-    os::AppearingFile file = os::createAppearing(place, mode, [group](int descriptor) {
+LockingOpen makeLocked(const os::FilePlace& place, const NewFile& made) {
+    const mode_t mode = made.group ? groupFileMode : S_IRUSR;
+    os::AppearingFile file = os::createAppearing(place, mode, [&made](int descriptor) {
         constexpr auto sameUser = static_cast<uid_t>(-1);
-        if (group && ::fchown(descriptor, sameUser, *group) != 0) {
+        if (made.group && ::fchown(descriptor, sameUser, *made.group) != 0) {
             return errno;
+        }
+        if (const int error = os::writeAll(descriptor, made.contents, 0); error != 0) {
+            return error;
         }
         return applyLock(descriptor, LOCK_EX | LOCK_NB);
     });
@@ -153,8 +161,8 @@ LockingOpen makeLocked(const os::FilePlace& place, std::optional<gid_t> group) {
 }
 
 LockingOpen openOrMakeLocked(const os::FilePlace& place, Existing existing, Waiting waiting,
-                             std::optional<gid_t> group) {
-    const Comparing comparing = group ? Comparing::byTheCaller : Comparing::withThePlace;
+                             const NewFile& newFile) {
+    const Comparing comparing = newFile.group ? Comparing::byTheCaller : Comparing::withThePlace;
     for (;;) {
         // What exists is opened without O_CREAT: with fs.protected_regular set, that flag makes
         // opening another user's file in a sticky folder fail, even for root.
@@ -165,7 +173,7 @@ LockingOpen openOrMakeLocked(const os::FilePlace& place, Existing existing, Wait
                 return found;
             }
         }
-        LockingOpen made = makeLocked(place, group);
+        LockingOpen made = makeLocked(place, newFile);
         if (made.error != EEXIST || existing == Existing::refused) {
             return made;
         }
@@ -175,8 +183,8 @@ LockingOpen openOrMakeLocked(const os::FilePlace& place, Existing existing, Wait
 } // namespace
 
 LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting waiting,
-                        std::optional<gid_t> group) {
-    LockingOpen opened = openOrMakeLocked(place, existing, waiting, group);
+                        const NewFile& newFile) {
+    LockingOpen opened = openOrMakeLocked(place, existing, waiting, newFile);
     // Nobody waits for the locks that nobody waits to take.
     if (opened.lock && !waiting.isNever()) {
         opened.lock.mark();
@@ -188,6 +196,16 @@ LockingOpen openAndShareLock(const os::FilePlace& place) {
     return lockExisting(place, Comparing::withThePlace, [](int descriptor) {
         return Attempt{applyLock(descriptor, LOCK_SH | LOCK_NB)};
     });
+}
+
+os::FileDescriptor openIfHeld(const os::FilePlace& place) {
+    os::FileDescriptor file = openToLock(place);
+    const int error = file ? applyLock(file.get(), LOCK_SH | LOCK_NB) : errno;
+    if (file && error != EWOULDBLOCK) {
+        file.reset(); // The lock goes with it.
+    }
+    errno = file ? 0 : error;
+    return file;
 }
 
 } // namespace agent::spf::endpointregistry

@@ -1,6 +1,7 @@
 #include "sharedmemory/PosixSegment.h"
 
 #include "foundation/os/AppearingFile.h"
+#include "foundation/os/FileBytes.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/Mapping.h"
@@ -91,21 +92,6 @@ private:
     mutable os::Mapping mapping;
 };
 
-/// Writes all the bytes; returns 0 or the errno value.
-int writeAll(int descriptor, std::string_view bytes, std::size_t offset) {
-    while (!bytes.empty()) {
-        const ssize_t count = os::retryOnInterrupt([&] {
-            return ::pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        });
-        if (count == -1) {
-            return errno;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(count));
-        offset += static_cast<std::size_t>(count);
-    }
-    return 0;
-}
-
 /// Gives a new file its size and its memory, all bytes zero; returns 0 or the errno value.
 int reserve(int descriptor, std::size_t size) {
     constexpr auto largest = static_cast<std::size_t>(std::numeric_limits<off_t>::max());
@@ -165,7 +151,7 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
         constexpr std::size_t largest = std::numeric_limits<std::size_t>::max();
         int error =
             size > largest - proof.size() ? EFBIG : reserve(descriptor, size + proof.size());
-        error = error != 0 ? error : writeAll(descriptor, proof, size);
+        error = error != 0 ? error : os::writeAll(descriptor, proof, size);
         if (error != 0) {
             errno = error;
             return nullptr;
@@ -186,7 +172,7 @@ std::unique_ptr<SharedMemory::Segment> createFilledPosixSegment(const std::strin
     const std::string bytes = std::string(contents) + place.segmentName.proof;
     return make(place, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
         // Writing reserves the memory: a file system that is full refuses it.
-        if (const int error = writeAll(descriptor, bytes, 0); error != 0) {
+        if (const int error = os::writeAll(descriptor, bytes, 0); error != 0) {
             errno = error;
             return nullptr;
         }
@@ -223,20 +209,10 @@ std::optional<std::string> readPosixSegment(const std::string& name, std::size_t
     if (!file.isTrusted() || place.callersSize(file) < size) {
         return std::nullopt;
     }
-    std::string bytes(size, '\0');
-    std::size_t filled = 0;
-    while (filled < size) {
-        const ssize_t count = os::retryOnInterrupt([&] {
-            return ::pread(file.descriptor.get(), bytes.data() + filled, size - filled,
-                           static_cast<off_t>(filled));
-        });
-        if (count == -1) {
-            fail("cannot read the segment", place.path, errno);
-        }
-        if (count == 0) {
-            return std::nullopt; // Its owner has cut it short meanwhile.
-        }
-        filled += static_cast<std::size_t>(count);
+    auto bytes = os::readFirst(file.descriptor.get(), size);
+    // Where there are fewer, its owner has cut it short meanwhile.
+    if (!bytes && errno != 0) {
+        fail("cannot read the segment", place.path, errno);
     }
     return bytes;
 }

@@ -1,9 +1,9 @@
-#include "endpointregistry/detail/RetryFor.h"
+#include "foundation/os/RetryFor.h"
 
 #include <chrono>
 #include <gtest/gtest.h>
 
-using agent::spf::endpointregistry::retryFor;
+using foundation::os::retryFor;
 using namespace std::chrono_literals;
 
 TEST(RetryFor, EndsWithTheFirstAttemptThatSucceeds) {
