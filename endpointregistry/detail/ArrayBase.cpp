@@ -64,11 +64,14 @@ bool ArrayBase::setInitialised() const {
 }
 
 bool ArrayBase::initialize(std::uint64_t generation) const {
-    claimOf(bytes).store(static_cast<std::uint32_t>(::getpid()));
     Descriptor first = current();
     first.generation = generation;
     setCurrent(first);
-    return setInitialised();
+    const bool wasClear = setInitialised();
+    if (wasClear) {
+        claimOf(bytes).store(static_cast<std::uint32_t>(::getpid()));
+    }
+    return wasClear;
 }
 
 std::string ArrayBase::initialContents(std::uint64_t generation) {

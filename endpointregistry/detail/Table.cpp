@@ -101,8 +101,7 @@ bool Table::insertLocked(SharedMemory& base, const Row& entry, OldRows oldRows) 
     }
     SharedMemory container = access.findContainer(shape.baseName, before);
     if (!container.isAttached() && !isEmpty(before)) {
-        // Entries that were in it must be seen to have lost their table.
-        removeBaseOfLost(before, base);
+        replaceLost(before, base);
         return false;
     }
     if (container.isAttached() && oldRows == OldRows::go) {
@@ -126,15 +125,19 @@ bool Table::insertLocked(SharedMemory& base, const Row& entry, OldRows oldRows) 
     return true;
 }
 
-void Table::removeBaseOfLost(const ArrayBase::Descriptor& container, SharedMemory& base) {
+void Table::replaceLost(const ArrayBase::Descriptor& container, SharedMemory& base) {
     const std::string name =
         NamedStringArray::getContainerName(shape.baseName, container.generation);
     if (access.isTaken(name) || access.belongsToOtherVersion(shape.baseName, name)) {
         arrays::failInconsistent(shape.baseName);
     }
-    // Gone, as with the logout of the user who made it.
+    // Gone, as with the logout of the user who made it. A new base, whose token is another one,
+    // tells the entries that were in it that they have lost their table.
+    const std::string contents(static_cast<const char*>(base.getPointer()), ArrayBase::size);
     base.markForDeletion();
     base = SharedMemory();
+    access.createBase(shape.baseName, contents);
+    access.createContainer(shape.baseName, container);
 }
 
 void Table::erase(const Row& entry) {

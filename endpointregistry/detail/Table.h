@@ -57,7 +57,7 @@ public:
     sharedmemory::SharedMemory openOrCreateBase();
 
     /// Inserts an entry in place of all rows whose first element contains its own. False when the
-    /// base has been replaced since it was opened, or has lost its rows and was removed here.
+    /// base has been replaced since it was opened, or has lost its rows and was replaced here.
     bool insertReplacing(sharedmemory::SharedMemory& base, const Row& entry);
 
     /// Erases all rows whose first element contains this string. False, and nothing is done, when
@@ -77,9 +77,9 @@ private:
     enum class OldRows { stay, go };
 
     bool insertLocked(sharedmemory::SharedMemory& base, const Row& entry, OldRows oldRows);
-    /// For a base whose container is gone. Throws std::runtime_error where it is not gone, but
-    /// contradicts the base.
-    void removeBaseOfLost(const ArrayBase::Descriptor& container, sharedmemory::SharedMemory& base);
+    /// Makes base and container anew where the container is gone. Throws std::runtime_error where it
+    /// is not gone, but contradicts the base.
+    void replaceLost(const ArrayBase::Descriptor& container, sharedmemory::SharedMemory& base);
     void eraseLocked(sharedmemory::SharedMemory& base, const Row& entry);
     void shrink(sharedmemory::SharedMemory& base, sharedmemory::SharedMemory& container);
     template<typename Result, typename ReadOnce>

@@ -75,13 +75,21 @@ SharedMemory TableAccess::openOrCreateBase(const std::string& baseName) {
             }
             return base;
         }
-        base = segments.createFilled(baseName,
-                                     ArrayBase::initialContents(generationAfter(0, baseName)));
+        base = createBase(baseName, ArrayBase::initialContents(generationAfter(0, baseName)));
         if (base.isAttached()) {
-            base.makePersistent();
             return base;
         }
+        // Perhaps made by somebody who did not ask for the lock; but what is too small stays so.
+        if (isTaken(baseName) && !findBase(baseName).isAttached()) {
+            arrays::failInconsistent(baseName);
+        }
     }
+}
+
+SharedMemory TableAccess::createBase(const std::string& baseName, const std::string& contents) {
+    SharedMemory base = segments.createFilled(baseName, contents);
+    base.makePersistent();
+    return base;
 }
 
 SharedMemory TableAccess::findContainer(const std::string& baseName,

@@ -44,6 +44,9 @@ public:
     /// Under the lock: the base, made and initialised where it is missing or was left half made.
     sharedmemory::SharedMemory openOrCreateBase(const std::string& baseName);
 
+    /// Makes a base of these bytes; not attached when there is one.
+    sharedmemory::SharedMemory createBase(const std::string& baseName, const std::string& contents);
+
     /// The container of a descriptor; not attached when there is none, or none that large.
     sharedmemory::SharedMemory findContainer(const std::string& baseName,
                                              const ArrayBase::Descriptor& descriptor);

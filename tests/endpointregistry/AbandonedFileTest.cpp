@@ -87,7 +87,10 @@ TEST_F(AbandonedFiles, AreNotThoseThatAreGone) {
 
 TEST_F(AbandonedFiles, NeedNoFolderToBeGone) {
     const EntryFolder none("");
-    EXPECT_TRUE(none.clearIfStale(name, [] { ADD_FAILURE() << "there is no data"; }));
+    EXPECT_TRUE(none.clearIfStale(name, [] {
+        ADD_FAILURE() << "there is no data";
+        return true;
+    }));
     EXPECT_FALSE(fs::exists(tests::entryFolder()));
 }
 
@@ -163,12 +166,15 @@ TEST_F(AbandonedFiles, AreNotClearedWhileTheFolderIsHeld) {
     {
         const FolderHolder stopped;
         const EntryFolder entries("");
-        const auto fail = [] { ADD_FAILURE() << "data was removed"; };
+        const auto fail = [] {
+            ADD_FAILURE() << "data was removed";
+            return true;
+        };
         EXPECT_TRUE(entries.clearIfStale(name, fail));
         EXPECT_TRUE(entries.clearIfStale(other.name(), fail));
         EXPECT_TRUE(entry.hasFile());
     }
-    EXPECT_TRUE(EntryFolder("").clearIfStale(name, [] {}));
+    EXPECT_TRUE(EntryFolder("").clearIfStale(name, [] { return true; }));
     EXPECT_FALSE(entry.hasFile());
 }
 

@@ -1,6 +1,7 @@
 #include "endpointregistry/detail/EndpointSysVImpl.h"
 
 #include "endpointregistry/EntryName.h"
+#include "endpointregistry/NamedStringArray.h"
 #include "endpointregistry/detail/JoinedRegistry.h"
 #include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/FoldersTools.h"
@@ -275,7 +276,9 @@ TEST_F(EndpointSysVImpl, ErasesRowsWhoseNamesContainItsOwn) {
 
 TEST_F(EndpointSysVImpl, IsToldFromAStaleOne) {
     asAnna([] {
-        NamedStringArray rows = table();
+        const foundation::os::Group group(friends);
+        TableAccess access(group);
+        Table rows({NamedStringArray::getBaseName(tests::tableName, 0, friends)}, access);
         SharedTrace entry(ownName(), {ownName(), "first", "second"});
         EXPECT_FALSE(Record::staleEndpointFoundAndCleanedUp(ownName(), EntryFolder(friends), rows));
         EXPECT_TRUE(entry.isThere());

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string_view>
@@ -95,6 +96,20 @@ bool waitsForLock(pid_t process) {
         pid_t waiting = 0;
         fields >> field >> field;
         if (field == "->" && fields >> field >> field >> field >> waiting && waiting == process) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool hasOpen(pid_t process, const std::string& name) {
+    std::error_code error;
+    const std::filesystem::directory_iterator end;
+    std::filesystem::directory_iterator entry("/proc/" + std::to_string(process) + "/fd", error);
+    for (; !error && entry != end; entry.increment(error)) {
+        std::error_code closed;
+        const std::string target = std::filesystem::read_symlink(entry->path(), closed).string();
+        if (!closed && target.find("/" + name) != std::string::npos) {
             return true;
         }
     }

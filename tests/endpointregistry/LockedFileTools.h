@@ -36,6 +36,10 @@ bool isHeld(const std::string& path);
 /// Whether the process waits for a lock, as the system says; only where `canSeeWaiting`.
 bool waitsForLock(pid_t process);
 bool canSeeWaiting();
+
+/// Whether the process has a file of this name open, removed or not. Of one that others hold the
+/// lock of, it may be waiting for that lock without being queued for it.
+bool hasOpen(pid_t process, const std::string& name);
 inline const char* const whyWaitingIsNotSeen = "needs /proc/locks";
 
 /// How many descriptors this process has open.

@@ -138,20 +138,14 @@ TEST_F(NamedStringArrayBase, KeepsTheClaimsOfTheLiving) {
     EXPECT_TRUE(initialize());
 }
 
-TEST_F(NamedStringArrayBase, IsWaitedForWhileTheLivingInitialiseIt) {
-    table.plantBase({.initializer = ownId()});
-    ForkedProcess child([this](Channel& test) {
-        test.send("started");
-        array.insert("a");
-    });
-    EXPECT_EQ(child.channel().receive(), "started");
-    // Long enough for a child that does not wait, and no matter for one that does.
-    for (int attempt = 0; attempt < 1000; ++attempt) {
-        EXPECT_FALSE(initialize());
-    }
-    table.setBase({.initializer = ownId(), .flags = 1, .generation = {1, 0}});
-    EXPECT_EQ(child.waitForExit(), 0);
+TEST_F(NamedStringArrayBase, IsInitialisedByInsertionUnderTheLockWhoeverHasClaimedIt) {
+    ForkedProcess claimant([](Channel& test) { test.receive(); });
+    table.plantBase({.initializer = static_cast<std::uint32_t>(claimant.pid())});
+    array.insert("a");
     EXPECT_EQ(array.filter({}), Entries{{"a"}});
+    EXPECT_TRUE(initialize());
+    EXPECT_EQ(table.base().initializer, ownId());
+    claimant.kill();
 }
 
 TEST_F(NamedStringArrayBase, IsRefusedWhenItsFlagsAreSetBeforeItIsInitialised) {

@@ -124,8 +124,8 @@ protected:
             },
             [&](int step) {
                 tests::as(accounts::ben, [&] { expectSound(shared, outcomes, step); });
-                tests::as(accounts::anna, tests::useSharedMemory);
-                tests::as(accounts::ben, tests::useSharedMemory);
+                tests::as(accounts::anna, tests::useSharedMemoryOfFriends);
+                tests::as(accounts::ben, tests::useSharedMemoryOfFriends);
                 EXPECT_EQ(tests::kernelSegments().size(), 2U) << "killed at step " << step;
             },
             stepsOf(becomeAnna) - 1);

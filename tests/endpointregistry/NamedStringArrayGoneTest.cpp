@@ -32,7 +32,8 @@ protected:
     void meanwhile(const std::function<void()>& operation, const std::function<void()>& others) {
         std::optional<LockedFile> lock = table.lock();
         ForkedProcess child([&](Channel&) { operation(); });
-        tests::waitUntil([&] { return tests::waitsForLock(child.pid()); }, "waiting for the lock");
+        tests::waitUntil([&] { return tests::hasOpen(child.pid(), "baseLock"); },
+                         "waiting for the lock");
         others();
         lock.reset();
         EXPECT_EQ(child.waitForExit(), 0);
@@ -134,7 +135,8 @@ TEST_F(NamedStringArrayGone, AndTheLockFileWithThemAreMadeAnew) {
     array.insert("first");
     std::optional<LockedFile> lock = table.lock();
     ForkedProcess child([this](Channel&) { table.array().insert("next"); });
-    tests::waitUntil([&] { return tests::waitsForLock(child.pid()); }, "waiting for the lock");
+    tests::waitUntil([&] { return tests::hasOpen(child.pid(), "baseLock"); },
+                     "waiting for the lock");
     removeByHand();
     lock->markForDeletion();
     lock.reset();

@@ -52,10 +52,7 @@ protected:
             hasStopped = first.run(step);
             ForkedProcess second([&whole](Channel&) { whole(); });
             tests::waitUntil(
-                [&] {
-                    return hasEnded(second) || tests::waitsForLock(second.pid()) ||
-                           hasToWait(second.pid());
-                },
+                [&] { return hasEnded(second) || tests::hasOpen(second.pid(), "baseLock"); },
                 "going as far as it can");
             if (hasStopped) {
                 EXPECT_FALSE(first.run(std::numeric_limits<int>::max())) << step;
@@ -74,26 +71,6 @@ protected:
     const Action insert = [this] { table.array().insert("a"); };
     const Action insertOther = [this] { table.array().insert("b"); };
     const Action remove = [this] { table.remove(); };
-
-private:
-    /// Whether another one is making or initialising the base, for which an insertion waits.
-    bool hasToWait(pid_t process) const {
-        const auto segment = table.findBase();
-        if (!segment.isAttached()) {
-            const auto ids = tests::kernelSegments();
-            return std::any_of(ids.begin(), ids.end(),
-                               [process](int id) { return makerOf(id) != process; });
-        }
-        tests::BaseContent base;
-        std::memcpy(&base, segment.getPointer(), sizeof(base));
-        return base.flags == 0 && base.initializer != 0 &&
-               base.initializer != static_cast<std::uint32_t>(process);
-    }
-
-    static pid_t makerOf(int id) {
-        shmid_ds status{};
-        return ::shmctl(id, IPC_STAT, &status) == 0 ? status.shm_cpid : 0;
-    }
 };
 
 bool hasBoth(const Entries& rows) {

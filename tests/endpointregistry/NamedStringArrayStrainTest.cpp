@@ -189,7 +189,7 @@ TEST_F(NamedStringArrayStrain, BetweenUsersLosesNoRowAndDoublesNone) {
         accounts::become(number % 2 == 0 ? accounts::anna : accounts::ben);
     });
     tests::as(accounts::anna, [this] { expectAllRows(shared); });
-    tests::as(accounts::ben, tests::useSharedMemory);
-    tests::as(accounts::anna, tests::useSharedMemory);
+    tests::as(accounts::ben, tests::useSharedMemoryOfFriends);
+    tests::as(accounts::anna, tests::useSharedMemoryOfFriends);
     EXPECT_EQ(tests::kernelSegments().size(), 2U);
 }

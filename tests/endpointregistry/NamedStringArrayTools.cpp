@@ -193,8 +193,8 @@ void forgetAllSegments() {
     }
 }
 
-void useSharedMemory() {
-    EXPECT_TRUE(SharedMemory::create("something else", 1, "", sysv).isCreator());
+void useSharedMemoryOfFriends() {
+    EXPECT_TRUE(SharedMemory::create("something else", 1, accounts::friends, sysv).isCreator());
 }
 
 void expectMessages(const std::function<void()>& call, const std::vector<Message>& messages) {

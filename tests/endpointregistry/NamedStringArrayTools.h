@@ -102,8 +102,8 @@ std::vector<int> kernelSegments();
 /// the highest number is.
 void forgetAllSegments();
 
-/// Has the caller's user clear away what others removed of its segments.
-void useSharedMemory();
+/// Has the caller's user clear away what others removed of its segments of the friends'.
+void useSharedMemoryOfFriends();
 
 /// Expects the call to write exactly these messages to the registry's channel, with these
 /// severities, and nothing to any other.

@@ -35,7 +35,7 @@ protected:
     /// Lets every user remove what others removed of its segments, and counts the rest.
     static std::size_t segmentsAtLast() {
         for (const std::string& user : {accounts::anna, accounts::ben}) {
-            as(user, tests::useSharedMemory);
+            as(user, tests::useSharedMemoryOfFriends);
         }
         return tests::kernelSegments().size();
     }
