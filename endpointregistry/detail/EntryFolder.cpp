@@ -5,11 +5,13 @@
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 #include "foundation/os/FileBytes.h"
+#include "foundation/paths/UsersFolder.h"
 
 #include <cerrno>
 #include <chrono>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
@@ -66,7 +68,10 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew, std::string_vi
 
 std::optional<std::string> EntryFolder::contentsOfLiving(const std::string& name,
                                                          std::size_t size) const {
-    const OpenFolder* const open = folder();
+    // Where nothing can be shared, there is no entry to ask for; that is no error here.
+    const bool canBeThere =
+        group.isNone() || ::access(foundation::paths::sharedFolder().c_str(), F_OK) == 0;
+    const OpenFolder* const open = canBeThere ? folder() : nullptr;
     if (open == nullptr) {
         return std::nullopt;
     }

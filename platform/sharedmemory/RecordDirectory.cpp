@@ -100,6 +100,10 @@ std::optional<RecordDirectory> RecordDirectory::tryOpen(const os::Group& trustee
                    ? std::optional(RecordDirectory(directory->takeDescriptor(), path.text(), group))
                    : std::nullopt;
     } catch (const os::GroupDirectoryError& failure) {
+        // Of a group that this process is not in.
+        if (failure.step() == os::GroupDirectoryError::Step::open && failure.error() == EACCES) {
+            return std::nullopt;
+        }
         failWith(failure);
     }
 }

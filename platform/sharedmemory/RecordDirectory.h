@@ -21,7 +21,7 @@ public:
     // Both throw std::invalid_argument when the trustee is no group, and std::runtime_error when
     // the directory cannot be opened or made, or is not the trustee's.
 
-    /// Nothing when there is none.
+    /// Nothing when there is none, or this process may not enter it.
     static std::optional<RecordDirectory> tryOpen(const foundation::os::Group& trustee);
     static RecordDirectory openOrCreate(const foundation::os::Group& trustee);
 
