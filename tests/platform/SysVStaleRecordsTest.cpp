@@ -106,10 +106,9 @@ TEST_F(SysVStaleRecords, OfAnotherIpcNamespaceNameNothingAndAreReplaced) {
     sysv::removeFromKernel(here.id);
 }
 
-TEST_F(SysVStaleRecords, OfAnotherIpcNamespaceAreNotRemovedByAHandleFromThere) {
-    elsewhereAs(accounts::anna, [] {
+TEST_F(SysVStaleRecords, ThatWereRemovedByHandLetAHandleSpareTheNextSegmentOfTheName) {
+    as(accounts::anna, [] {
         SharedMemory earlier = createForFriends("name");
-        // Somebody from here takes the name.
         EXPECT_TRUE(fs::remove(sysv::recordOf("name", accounts::friends)));
         SharedMemory later = createForFriends("name");
         EXPECT_TRUE(later.isCreator());
