@@ -17,9 +17,6 @@ namespace {
 
 namespace accounts = tests::accounts;
 namespace fs = std::filesystem;
-using foundation::os::Group;
-using foundation::os::GroupDirectory;
-using foundation::os::GroupDirectoryError;
 
 /// What decides is the rights of a process, and not what the user database says of its user.
 class GroupDirectoryProcesses : public tests::GroupDirectoryTest {

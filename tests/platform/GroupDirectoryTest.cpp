@@ -19,8 +19,6 @@ namespace {
 
 namespace accounts = tests::accounts;
 namespace fs = std::filesystem;
-using foundation::os::GroupDirectory;
-using foundation::os::GroupDirectoryError;
 using foundation::os::GroupDirectoryPath;
 
 /// A directory that belongs to a group, and what is none.
