@@ -126,7 +126,16 @@ mode_t RecordDirectory::recordMode() const {
     return ownGroup ? S_IRUSR | S_IRGRP : S_IRUSR;
 }
 
-RecordFile openRecord(const os::FilePlace& place) {
+bool RecordFile::reread() noexcept {
+    if (::fstat(descriptor.get(), &status) != 0) {
+        error = errno;
+        return false;
+    }
+    record = isFinal(status) ? readRecord(descriptor.get()) : std::nullopt;
+    return true;
+}
+
+RecordFile tryOpenRecord(const os::FilePlace& place) noexcept {
     RecordFile file;
     file.descriptor = os::FileDescriptor(os::retryOnInterrupt([&] {
         return ::openat(place.folder, place.name.c_str(),
@@ -134,16 +143,16 @@ RecordFile openRecord(const os::FilePlace& place) {
     }));
     if (!file.descriptor) {
         file.error = errno;
-        if (file.error == EMFILE || file.error == ENFILE || file.error == ENOMEM) {
-            fail("cannot open the record", place.name, file.error);
-        }
-        return file;
+    } else if (!file.reread()) {
+        file.descriptor.reset();
     }
-    if (::fstat(file.descriptor.get(), &file.status) != 0) {
-        fail("cannot examine the record", place.name, errno);
-    }
-    if (isFinal(file.status)) {
-        file.record = readRecord(file.descriptor.get());
+    return file;
+}
+
+RecordFile openRecord(const os::FilePlace& place) {
+    RecordFile file = tryOpenRecord(place);
+    if (file.error == EMFILE || file.error == ENFILE || file.error == ENOMEM) {
+        fail("cannot open the record", place.name, file.error);
     }
     return file;
 }

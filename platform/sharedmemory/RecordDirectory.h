@@ -63,10 +63,15 @@ struct RecordFile {
     std::optional<SegmentRecord> record;
 
     foundation::os::FileIdentity identity() const { return foundation::os::FileIdentity(status); }
+
+    /// Looks again at what it is and says. False, with `error` set, when it cannot be examined.
+    bool reread() noexcept;
 };
 
-/// Opens what stands in a place, follows no link and waits for nobody. Throws std::runtime_error
-/// when there is no descriptor or memory left.
+/// Opens what stands in a place, follows no link and waits for nobody.
+RecordFile tryOpenRecord(const foundation::os::FilePlace& place) noexcept;
+
+/// The same. Throws std::runtime_error when there is no descriptor or memory left.
 RecordFile openRecord(const foundation::os::FilePlace& place);
 
 } // namespace agent::spf::sharedmemory

@@ -1,10 +1,10 @@
 #include "sharedmemory/SysVSegment.h"
 
 #include "sharedmemory/SegmentTrailer.h"
-#include "sharedmemory/UnnamedRecord.h"
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <utility>
 
 namespace agent::spf::sharedmemory {
@@ -39,15 +39,23 @@ bool SysVSegment::isStillNamed() const noexcept {
 }
 
 void SysVSegment::remove() noexcept {
-    // Others are at a record for a moment only. Where one was stopped in it, the trailer says to
-    // all who find the record that its segment is gone.
-    constexpr std::chrono::milliseconds aMoment{20};
     std::copy(lastBytes().begin(), lastBytes().end(), attachment.get());
-    auto unnamed = UnnamedRecord::takeName(place, identity, std::move(hiddenName), aMoment);
+    auto unnamed = takeRecord();
     trailer::markRemoved(end(), record.token);
     if (!sysv::removeSegment(record.id) && unnamed) {
         unnamed->leaveToOwner();
     }
+}
+
+std::optional<UnnamedRecord> SysVSegment::takeRecord() noexcept {
+    // Others are at a record for a moment only. Where one was stopped in it, the trailer says to
+    // all who find the record that its segment is gone.
+    constexpr std::chrono::milliseconds aMoment{20};
+    RecordFile file = tryOpenRecord(place);
+    // Not told by the file's identity, which may be a later one's once the file is gone.
+    return file.record == record
+               ? UnnamedRecord::takeName(place, std::move(file), std::move(hiddenName), aMoment)
+               : std::nullopt;
 }
 
 } // namespace agent::spf::sharedmemory

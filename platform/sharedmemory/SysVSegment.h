@@ -5,9 +5,11 @@
 #include "sharedmemory/Segment.h"
 #include "sharedmemory/SegmentRecord.h"
 #include "sharedmemory/SysVKernel.h"
+#include "sharedmemory/UnnamedRecord.h"
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace agent::spf::sharedmemory {
@@ -28,6 +30,9 @@ public:
     const SegmentToken& token() const { return record.token; }
 
 private:
+    /// Takes the name away, where it still stands for this segment.
+    std::optional<UnnamedRecord> takeRecord() noexcept;
+
     char* end() const noexcept { return attachment.get() + wholeSize; }
 
     std::shared_ptr<const RecordDirectory> directory;

@@ -24,10 +24,9 @@ namespace {
 /// Whether the kernel's segment is as those of this directory are.
 bool isAsMade(const sysv::Status& status, const RecordDirectory& directory) {
     const auto group = directory.group();
-    const bool isOurs = group ? status.group == *group
-                              : status.creator == ::geteuid() && status.owner == status.creator;
-    return isOurs && !status.isRemoved && status.mode == directory.segmentMode() &&
-           status.size > trailer::size;
+    const bool isOurs = group ? status.group == *group : status.creator == ::geteuid();
+    return isOurs && status.owner == status.creator && !status.hasKey && !status.isRemoved &&
+           status.mode == directory.segmentMode() && status.size > trailer::size;
 }
 
 /// What a record leads to now.
@@ -75,14 +74,15 @@ Examined examine(const os::FilePlace& place, const RecordDirectory& directory) {
 }
 
 /// Makes way for a new record. What a stale one may still lead to is its owner's to remove.
-void removeStale(const os::FilePlace& place, const RecordFile& file) {
+void removeStale(const os::FilePlace& place, RecordFile file) {
     constexpr std::chrono::seconds timeout{10};
+    const os::FileIdentity identity = file.identity();
     const SegmentToken token = file.record ? file.record->token : makeSegmentToken();
     auto unnamed =
-        UnnamedRecord::takeName(place, file.identity(), UnnamedRecord::hiddenName(token), timeout);
+        UnnamedRecord::takeName(place, std::move(file), UnnamedRecord::hiddenName(token), timeout);
     if (unnamed) {
         unnamed->leaveToOwner();
-    } else if (os::identityAt(place) == file.identity()) {
+    } else if (os::identityAt(place) == identity) {
         fail("cannot replace the record", place.name, errno);
     }
 }
@@ -127,12 +127,13 @@ Naming giveName(UnnamedRecord& record, const RecordDirectory& directory, const s
         default:
             fail("cannot make the segment", name, error);
         }
-        const Examined there = examine(place, directory);
+        Examined there = examine(place, directory);
         if (there.segment) {
             return Naming::taken;
         }
         if (there.isStale()) {
-            removeStale(place, there.file);
+            removeStale(place, std::move(there.file));
+            UnnamedRecord::removeAllStale(directory); // It may be this user's own.
         } else if (!there.isFree()) {
             fail("cannot make the segment: something else has its name", name, EEXIST);
         }
@@ -187,7 +188,12 @@ SysVSegments::Attempt SysVSegments::tryMake(const std::string& recordName, std::
     UnnamedRecord record = UnnamedRecord::create(*directory);
     const auto id = sysv::makeSegment(wholeSize, modeWhileMade);
     if (!id) {
-        fail("cannot make the segment", recordName, errno);
+        const int error = errno;
+        // Where no more can be made, whoever asks for one that there is need not know.
+        if (examine(directory->placeOf(recordName), *directory).segment) {
+            return {true, nullptr};
+        }
+        fail("cannot make the segment", recordName, error);
     }
     NewSegment made(*id);
     sysv::Attachment attachment(*id);

@@ -31,6 +31,11 @@ bool tryLock(int descriptor) noexcept {
     return os::retryOnInterrupt([&] { return ::flock(descriptor, LOCK_EX | LOCK_NB); }) == 0;
 }
 
+bool hasName(int descriptor) noexcept {
+    struct stat status {};
+    return ::fstat(descriptor, &status) == 0 && status.st_nlink > 0;
+}
+
 void write(int descriptor, const SegmentRecord& record, const std::string& name) {
     const SegmentRecord::Bytes bytes = record.bytes();
     const ssize_t count =
@@ -50,7 +55,8 @@ os::FileDescriptor createLocked(const os::FilePlace& place) {
     if (!file) {
         fail("cannot make the record", place.name, errno);
     }
-    if (!tryLock(file.get())) {
+    // Without its name nobody would be told what a maker that is killed has made.
+    if (!tryLock(file.get()) || !hasName(file.get())) {
         file.reset();
     }
     return file;
@@ -66,42 +72,50 @@ void initialize(int descriptor, const RecordDirectory& directory, const std::str
     }
 }
 
+// Who may write to the directory can forge a record, but not whose file it is: no record leads to a
+// segment of another user than its own, whatever root, who may remove all, is told by it.
+
 /// Removes what a maker that was killed made before it could write which segment that is.
-void removeSegmentsMadeBy(pid_t maker) {
+void removeSegmentsMadeBy(pid_t maker, uid_t owner) {
     sysv::forEachReadable([&](int id, const sysv::Status& status) {
-        if (!status.hasKey && status.creator == ::geteuid() && status.mode == modeWhileMade &&
+        if (!status.hasKey && status.creator == owner && status.mode == modeWhileMade &&
             status.maker == maker && status.attachments == 0) {
             sysv::removeSegment(id);
         }
     });
 }
 
-/// Whether a segment is the one that a record was written for. The number may be anybody's by now.
-bool isSegmentOf(const SegmentRecord& record) {
+/// Removes the segment that a record was written for. The number may be another one's by now, which
+/// is left alone. False when it is not known which, or the system refuses.
+bool removeSegmentOf(const SegmentRecord& record, uid_t owner) {
     const auto status = sysv::statusOf(record.id);
-    if (!status || status->size < trailer::size) {
-        return false;
+    if (!status || status->hasKey || status->creator != owner || status->size < trailer::size) {
+        return true;
     }
     const sysv::Attachment attachment(record.id);
-    return attachment && trailer::belongsTo(attachment.get() + status->size, record.token);
+    if (!attachment) {
+        return sysv::saysGone(errno);
+    }
+    return !trailer::belongsTo(attachment.get() + status->size, record.token) ||
+           sysv::removeSegment(record.id) || sysv::saysGone(errno);
 }
 
 /// Whether there is nothing left that the record could lead to.
-bool removeSegmentOf(const SegmentRecord& record) {
-    if (!record.namesSegment()) {
-        removeSegmentsMadeBy(record.maker);
-        return true;
+bool removeWhatIsOf(const SegmentRecord& record, uid_t owner) {
+    if (record.namesSegment()) {
+        return removeSegmentOf(record, owner);
     }
-    return !isSegmentOf(record) || sysv::removeSegment(record.id) || sysv::saysGone(errno);
+    removeSegmentsMadeBy(record.maker, owner);
+    return true;
 }
 
 void removeIfStale(const os::FilePlace& place) {
-    const RecordFile file = openRecord(place);
+    RecordFile file = openRecord(place);
     const bool isOwn = file.status.st_uid == ::geteuid() || ::geteuid() == root;
-    // Its maker may have given it its name before it was locked here.
+    // Until it is locked here, its maker may give it its name, or write to it and be killed.
     if (file.descriptor && isOwn && S_ISREG(file.status.st_mode) &&
         tryLock(file.descriptor.get()) && os::identityAt(place) == file.identity() &&
-        (!file.record || removeSegmentOf(*file.record))) {
+        file.reread() && (!file.record || removeWhatIsOf(*file.record, file.status.st_uid))) {
         ::unlinkat(place.folder, place.name.c_str(), 0);
     }
 }
@@ -136,23 +150,17 @@ UnnamedRecord UnnamedRecord::create(const RecordDirectory& directory) {
     }
 }
 
-std::optional<UnnamedRecord> UnnamedRecord::takeName(const os::FilePlace& name,
-                                                     const os::FileIdentity& identity,
+std::optional<UnnamedRecord> UnnamedRecord::takeName(const os::FilePlace& name, RecordFile file,
                                                      std::string hiddenName,
                                                      std::chrono::milliseconds timeout) noexcept {
-    os::FileDescriptor file(os::retryOnInterrupt([&] {
-        return ::openat(name.folder, name.name.c_str(),
-                        O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    }));
     // Whoever takes a record's name away holds its lock, so it cannot come to be another one's
     // between the look and the renaming.
-    if (!file || os::identityOf(file.get()) != identity ||
-        !os::retryFor(timeout, [&] { return tryLock(file.get()); }) ||
-        os::identityAt(name) != identity ||
+    if (!os::retryFor(timeout, [&] { return tryLock(file.descriptor.get()); }) ||
+        os::identityAt(name) != file.identity() ||
         ::renameat(name.folder, name.name.c_str(), name.folder, hiddenName.c_str()) != 0) {
         return std::nullopt;
     }
-    return UnnamedRecord({name.folder, std::move(hiddenName)}, std::move(file));
+    return UnnamedRecord({name.folder, std::move(hiddenName)}, std::move(file.descriptor));
 }
 
 UnnamedRecord::~UnnamedRecord() {
@@ -177,9 +185,15 @@ void UnnamedRecord::complete(int segment) {
 int UnnamedRecord::giveName(const os::FilePlace& name) noexcept {
     const int error = os::renameWithoutReplacing(hidden, name);
     if (error == 0) {
-        file.reset();
+        letGo();
     }
     return error;
+}
+
+// Closing alone would leave it to a child that another thread has forked meanwhile.
+void UnnamedRecord::letGo() noexcept {
+    ::flock(file.get(), LOCK_UN);
+    file.reset();
 }
 
 void UnnamedRecord::removeAllStale(const RecordDirectory& directory) {

@@ -31,12 +31,11 @@ public:
     /// it cannot be made.
     static UnnamedRecord create(const RecordDirectory& directory);
 
-    /// Takes its name from a record, so that nobody finds the segment any more. Nothing when the
-    /// name stands for another record by now, or somebody else is at this one for longer than the
-    /// time. The hidden name is the caller's to prepare: nothing is allocated here.
+    /// Takes its name from an open record, so that nobody finds the segment any more. Nothing when
+    /// the name stands for another record by now, or somebody else is at this one for longer than
+    /// the time. The hidden name is the caller's to prepare: nothing is allocated here.
     static std::optional<UnnamedRecord> takeName(const foundation::os::FilePlace& name,
-                                                 const foundation::os::FileIdentity& identity,
-                                                 std::string hiddenName,
+                                                 RecordFile file, std::string hiddenName,
                                                  std::chrono::milliseconds timeout) noexcept;
 
     /// Which file it is. Throws std::runtime_error when it cannot be examined.
@@ -60,13 +59,16 @@ public:
     int giveName(const foundation::os::FilePlace& name) noexcept;
 
     /// Leaves it as the note to its owner.
-    void leaveToOwner() noexcept { file.reset(); }
+    void leaveToOwner() noexcept { letGo(); }
 
     /// Removes what this user's unnamed records that nobody is at stand for, and then these.
     static void removeAllStale(const RecordDirectory& directory);
 
 private:
     UnnamedRecord(foundation::os::FilePlace hidden, foundation::os::FileDescriptor locked) noexcept;
+
+    /// Unlocks the file and closes it.
+    void letGo() noexcept;
 
     foundation::os::FilePlace hidden;
     /// Holds the lock; empty when there is nothing to remove any more.

@@ -41,12 +41,6 @@ std::string sharedFolder(const std::string& parent, const std::string& trustee) 
            agent::spf::endpointregistry::hashString(trustee) + "/";
 }
 
-void provideSharedFolder() {
-    if (::access("/home/Shared", F_OK) != 0) {
-        makeFolder("/home/Shared", 0777);
-    }
-}
-
 std::string ownGroup() {
     const auto group = foundation::os::findGroupName(::getegid());
     if (!group) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "foundation/os/FileDescriptor.h"
+#include "tests/support/SharedFolder.h"
 
 #include <chrono>
 #include <cstddef>
@@ -18,9 +19,6 @@ std::string privateBase();
 /// The folders of a parent name, private and shared, each with a trailing separator.
 std::string privateFolder(const std::string& parent);
 std::string sharedFolder(const std::string& parent, const std::string& trustee);
-
-/// Makes the folder below which users share, unless it is there.
-void provideSharedFolder();
 
 /// The name of a group to which the calling process may hand its files.
 std::string ownGroup();

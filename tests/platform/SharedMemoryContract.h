@@ -2,12 +2,12 @@
 
 #include "tests/platform/SharedMemoryTools.h"
 #include "tests/platform/SysVTools.h"
+#include "tests/support/SharedFolder.h"
 
 #include <cstddef>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/shm.h>
 #include <vector>
 
 namespace tests {
@@ -16,15 +16,16 @@ namespace tests {
 class SharedMemoryContract
     : public testing::TestWithParam<SharedMemory::ImplementationSpecifications> {
 protected:
+    void SetUp() override { provideSharedFolder(); }
+
     void TearDown() override {
         EXPECT_EQ(segmentFiles(), std::vector<std::string>());
         EXPECT_EQ(sysv::segments().size(), 0U);
+        EXPECT_EQ(sysv::allRecords(), std::vector<std::string>());
         for (const auto& path : segmentFiles()) {
             std::filesystem::remove_all(path);
         }
-        for (const auto& segment : sysv::segments()) {
-            ::shmctl(segment.id, IPC_RMID, nullptr);
-        }
+        sysv::removeAllSegments();
     }
 
     static SharedMemory create(const std::string& name, std::size_t size = someSize,

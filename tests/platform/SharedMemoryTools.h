@@ -42,11 +42,13 @@ inline bool isZero(std::span<const std::uint8_t> bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](auto byte) { return byte == 0; });
 }
 
-/// The paths of all files of shared memory.
+/// The paths of all segments of POSIX shared memory. The users' own folders beside them are none.
 inline std::vector<std::string> segmentFiles() {
     std::vector<std::string> paths;
     for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-        paths.push_back(entry.path());
+        if (!entry.path().filename().string().starts_with("Corvantis-")) {
+            paths.push_back(entry.path());
+        }
     }
     return paths;
 }

@@ -19,6 +19,7 @@ using sysv::createForFriends;
 using sysv::createOrFindForFriends;
 using sysv::findForFriends;
 using sysv::useTheService;
+using sysv::useTheServiceForFriends;
 using tests::bytesOf;
 using tests::Channel;
 using tests::ForkedProcess;
@@ -76,6 +77,7 @@ TEST(SysVPrivateCrash, LeavesAWholeSegmentOrNone) {
                             EXPECT_TRUE(isWhole(memory));
                             EXPECT_FALSE(memory.isCreator());
                             EXPECT_EQ(sysv::segments().size(), 1U) << "nothing unfinished remains";
+                            EXPECT_EQ(sysv::allRecords().size(), 1U);
                             memory.markForDeletion();
                         }
                         EXPECT_EQ(sysv::segments().size(), 0U);
@@ -88,6 +90,7 @@ TEST(SysVPrivateCrash, LeavesNothingUnfinishedOnceTheUserUsesTheService) {
                         useTheService();
                         SharedMemory finished = sysv::find("name");
                         EXPECT_EQ(sysv::segments().size(), finished.isAttached() ? 1U : 0U);
+                        EXPECT_EQ(sysv::allRecords().size(), finished.isAttached() ? 1U : 0U);
                         EXPECT_TRUE(!finished.isAttached() || isWhole(finished));
                         finished.markForDeletion();
                     });
@@ -131,12 +134,14 @@ void expectRecovery(const std::string& first) {
     EXPECT_EQ(countOfMode(0660), 1);
     as(first, leaveSegment);
     EXPECT_EQ(sysv::segments().size(), 1U) << "each has used the service";
+    EXPECT_EQ(sysv::allRecords().size(), 1U);
     as(second, [] {
         EXPECT_TRUE(isWhole(findForFriends("name")));
         findForFriends("name").markForDeletion();
     });
-    as(first, useTheService);
+    as(first, useTheServiceForFriends);
     EXPECT_EQ(sysv::segments().size(), 0U);
+    EXPECT_EQ(sysv::allRecords().size(), 0U);
 }
 
 TEST_F(SysVCrash, OfACreatorIsRecoveredFromByItsUser) {
@@ -243,12 +248,13 @@ TEST_F(SysVCrash, OfAnOwnerThatCleansUpLeavesTheRestToItsNextUse) {
     killAtEveryStep(
         [] {
             accounts::become(accounts::anna);
-            useTheService();
+            useTheServiceForFriends();
         },
         20,
         [&prepare] {
-            as(accounts::anna, useTheService);
+            as(accounts::anna, useTheServiceForFriends);
             EXPECT_EQ(sysv::segments().size(), 1U);
+            EXPECT_EQ(sysv::hiddenRecords().size(), 0U);
             as(accounts::anna, [] {
                 SharedMemory kept = findForFriends("kept");
                 EXPECT_TRUE(isWhole(kept));
@@ -258,7 +264,7 @@ TEST_F(SysVCrash, OfAnOwnerThatCleansUpLeavesTheRestToItsNextUse) {
         });
     as(accounts::anna, [] {
         findForFriends("kept").markForDeletion();
-        useTheService();
+        useTheServiceForFriends();
     });
     EXPECT_EQ(sysv::segments().size(), 0U);
 }

@@ -26,7 +26,7 @@ class SysVForeignSegments : public sysv::SysVUsersTest {
 protected:
     /// Makes one in a process of anna's that has ended then.
     static int plantAsAnna(mode_t mode, const std::string& content) {
-        as(accounts::anna, [&] { sysv::plant(IPC_PRIVATE, mode, content); });
+        as(accounts::anna, [&] { sysv::plant(mode, content); });
         return sysv::onlySegment().id;
     }
 
@@ -35,10 +35,11 @@ protected:
         const pid_t lastUser = lastUserOf(id);
         as(accounts::anna, [] {
             sysv::useTheService();
+            sysv::useTheServiceForFriends();
             SharedMemory memory = createForFriends("name");
             EXPECT_TRUE(memory.isCreator());
         });
-        as(accounts::anna, sysv::useTheService);
+        as(accounts::anna, sysv::useTheServiceForFriends);
         EXPECT_EQ(sysv::onlySegment(), segment);
         EXPECT_EQ(lastUserOf(id), lastUser);
         sysv::removeFromKernel(id);
@@ -59,7 +60,7 @@ TEST_F(SysVForeignSegments, WithoutAKeyAreNotTakenForRemovedOnes) {
         content = sysv::contentOf(sysv::onlySegment().id);
     }
     sysv::removeFromKernel(sysv::onlySegment().id);
-    ASSERT_EQ(content.back(), '\1');
+    as(accounts::anna, sysv::useTheServiceForFriends); // There is no note any more.
     for (const mode_t mode : {0600U, 0660U}) {
         expectUntouchedByItsUser(plantAsAnna(mode, content));
     }

@@ -64,8 +64,8 @@ protected:
         for (const auto& creators : board->creators) {
             EXPECT_EQ(creators, 1U);
         }
-        sysv::as(accounts::anna, sysv::useTheService);
-        sysv::as(accounts::ben, sysv::useTheService);
+        sysv::as(accounts::anna, sysv::useTheServiceForFriends);
+        sysv::as(accounts::ben, sysv::useTheServiceForFriends);
     }
 
     sysv::Shared<Board> board;
@@ -173,8 +173,8 @@ TEST_F(SysVRaces, WithRemovalsNeverShowTwoSegmentsAtATime) {
         EXPECT_EQ(process.waitForExit(), 0);
     }
     EXPECT_GT(count->made, 0);
-    sysv::as(accounts::anna, sysv::useTheService);
-    sysv::as(accounts::ben, sysv::useTheService);
+    sysv::as(accounts::anna, sysv::useTheServiceForFriends);
+    sysv::as(accounts::ben, sysv::useTheServiceForFriends);
 }
 
 } // namespace

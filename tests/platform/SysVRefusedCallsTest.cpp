@@ -2,12 +2,12 @@
 #include "tests/platform/SysVTools.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <seccomp.h>
 #include <stdexcept>
 #include <sys/ipc.h>
-#include <vector>
 
 namespace {
 
@@ -20,39 +20,74 @@ using tests::SharedMemory;
 /// Processes that a security policy denies what the permissions of segments grant.
 class SysVRefusedCalls : public sysv::SysVTest {
 protected:
-    /// Runs the body in a child that may not look up any key that a segment has.
-    static void withoutLookups(int error, const std::function<void()>& body) {
+    static void withRefused(int call, int error, const std::function<void()>& body) {
         EXPECT_EQ(tests::runInChild([&] {
-                      tests::refuseCalls({SCMP_SYS(shmget)}, [error](const auto& call) {
-                          constexpr std::size_t flags = 2;
-                          return call.arguments.at(flags) == 0 ? error : 0;
-                      });
+                      tests::refuseCalls({call}, error);
                       body();
                   }),
                   0);
     }
 };
 
-TEST_F(SysVRefusedCalls, AreErrorsWhereASegmentWithTheKeyIs) {
-    const SharedMemory made = create("name");
-    for (const int error : {EACCES, EPERM, ENOMEM}) {
-        withoutLookups(error, [] {
-            EXPECT_THROW(find("name"), std::runtime_error);
+TEST_F(SysVRefusedCalls, AreErrorsWhereASegmentCannotBeMade) {
+    for (const int error : {EACCES, EPERM, ENOMEM, ENOSPC}) {
+        withRefused(SCMP_SYS(shmget), error, [] {
             EXPECT_THROW(create("name"), std::runtime_error);
             EXPECT_THROW(createOrFind("name"), std::runtime_error);
         });
     }
-    EXPECT_EQ(sysv::onlySegment().attachments, 1U);
-    EXPECT_TRUE(made.isStillNamed());
+    EXPECT_EQ(sysv::allRecords().size(), 0U);
 }
 
-TEST_F(SysVRefusedCalls, AreErrorsWhereNoSegmentIs) {
-    withoutLookups(EACCES, [] {
-        EXPECT_THROW(find("name"), std::runtime_error);
+TEST_F(SysVRefusedCalls, AreErrorsWhereASegmentCannotBeAttachedTo) {
+    for (const int error : {ENOMEM, EPERM}) {
+        withRefused(SCMP_SYS(shmat), error, [] {
+            EXPECT_THROW(create("name"), std::runtime_error);
+            EXPECT_THROW(createOrFind("name"), std::runtime_error);
+            EXPECT_FALSE(find("name").isAttached());
+        });
+        const SharedMemory made = create("name");
+        withRefused(SCMP_SYS(shmat), error, [] {
+            EXPECT_THROW(find("name"), std::runtime_error);
+            EXPECT_THROW(create("name"), std::runtime_error);
+            EXPECT_THROW(createOrFind("name"), std::runtime_error);
+        });
+        EXPECT_TRUE(made.isStillNamed());
+        EXPECT_EQ(sysv::onlySegment().attachments, 1U);
+        EXPECT_EQ(sysv::allRecords().size(), 1U);
+    }
+}
+
+TEST_F(SysVRefusedCalls, AreErrorsWhereARecordCannotBeWrittenOrNamed) {
+    for (const int call : {SCMP_SYS(pwrite64), SCMP_SYS(fchmod), SCMP_SYS(renameat2)}) {
+        SCOPED_TRACE(call);
+        create("name"); // The folder is there.
+        withRefused(call, EPERM, [] {
+            EXPECT_THROW(create("name"), std::runtime_error);
+            EXPECT_THROW(createOrFind("name"), std::runtime_error);
+        });
+        EXPECT_EQ(sysv::segments().size(), 0U);
+        EXPECT_EQ(sysv::allRecords().size(), 0U);
+    }
+}
+
+TEST_F(SysVRefusedCalls, AreErrorsWhereThereIsNoRandomness) {
+    withRefused(SCMP_SYS(getrandom), ENOSYS, [] {
         EXPECT_THROW(create("name"), std::runtime_error);
-        EXPECT_THROW(createOrFind("name"), std::runtime_error);
+        EXPECT_FALSE(find("name").isAttached());
     });
     EXPECT_EQ(sysv::segments().size(), 0U);
+}
+
+TEST_F(SysVRefusedCalls, DoNotLoseWhatIsLeftToClearUp) {
+    // What cannot be looked at now is looked at another time.
+    create("name").makePersistent();
+    const auto record = sysv::readRecord(sysv::recordOf("name"));
+    std::filesystem::rename(sysv::recordOf("name"), sysv::recordFolder() + ".unnamed-left");
+    withRefused(SCMP_SYS(shmat), ENOMEM, [] { EXPECT_THROW(create("name"), std::runtime_error); });
+    EXPECT_EQ(sysv::onlySegment().id, record.id);
+    EXPECT_EQ(sysv::hiddenRecords().size(), 1U);
+    sysv::useTheService();
 }
 
 TEST_F(SysVRefusedCalls, AreErrorsWhereASegmentCannotBeGivenItsMode) {

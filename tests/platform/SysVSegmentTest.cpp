@@ -37,7 +37,7 @@ TEST_F(SysVSegment, IsItsUsersAloneUnderAnyUmask) {
 
 TEST_F(SysVSegment, IsOneOfTheKernels) {
     const SharedMemory memory = create("name");
-    EXPECT_EQ(sysv::onlySegment().key, sysv::keysOf("name")[0]);
+    EXPECT_EQ(sysv::onlySegment().key, IPC_PRIVATE);
     EXPECT_GE(sysv::onlySegment().size, tests::someSize);
     EXPECT_TRUE(tests::segmentFiles().empty());
 }
@@ -93,6 +93,7 @@ TEST_F(SysVSegment, IsNotNamedAnyMoreOnceAnotherProgramHasRemovedIt) {
     EXPECT_TRUE(later.isCreator());
     EXPECT_FALSE(memory.isStillNamed());
     EXPECT_EQ(bytesOf(memory)[0], 7);
+    sysv::useTheService();
 }
 
 // UndefinedBehaviorSanitizer, which is on together with AddressSanitizer here, probes memory
@@ -122,13 +123,14 @@ protected:
     }
 };
 
-TEST_F(SysVWithoutDescriptors, FindsItsPrivateSegment) {
+TEST_F(SysVWithoutDescriptors, DoesNotTakeItsPrivateSegmentForMissing) {
     sysv::as(tests::accounts::anna, [] { create("name").makePersistent(); });
     asAnna([] {
-        SharedMemory found = find("name");
-        EXPECT_TRUE(found.isAttached());
-        found.markForDeletion();
+        EXPECT_THROW(find("name"), std::runtime_error);
+        EXPECT_THROW(create("name"), std::runtime_error);
+        EXPECT_THROW(createOrFind("name"), std::runtime_error);
     });
+    sysv::as(tests::accounts::anna, [] { find("name").markForDeletion(); });
 }
 
 TEST_F(SysVWithoutDescriptors, DoesNotTakeAGroupsSegmentForMissing) {

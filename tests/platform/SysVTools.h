@@ -1,13 +1,13 @@
 #pragma once
 
-#include "sharedmemory/SegmentName.h"
 #include "sharedmemory/SharedMemory.h"
+#include "tests/platform/RecordTools.h"
 #include "tests/platform/SharedMemoryTools.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/SharedFolder.h"
 #include "tests/support/TestAccounts.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -98,13 +98,6 @@ inline KernelSegment onlySegment() {
     return all.at(0);
 }
 
-/// The keys under which the calling user's segment of this identity may stand, in their order.
-inline std::array<key_t, agent::spf::sharedmemory::segmentKeyCount>
-keysOf(const std::string& name, const std::string& trustee = "", uid_t user = ::geteuid()) {
-    using namespace agent::spf::sharedmemory;
-    return segmentKeysOf(segmentIdentityOf(name, trustee, user));
-}
-
 /// The bytes of a segment, which the caller may read.
 inline std::string contentOf(int id) {
     shmid_ds status{};
@@ -117,9 +110,9 @@ inline std::string contentOf(int id) {
     return content;
 }
 
-/// Makes a segment as any other program might, and returns its id.
-inline int plant(key_t key, mode_t mode, const std::string& content) {
-    const int id = ::shmget(key, content.size(), IPC_CREAT | IPC_EXCL | static_cast<int>(mode));
+/// Makes a segment that has no key as any other program might, and returns its id.
+inline int plant(mode_t mode, const std::string& content) {
+    const int id = ::shmget(IPC_PRIVATE, content.size(), IPC_CREAT | static_cast<int>(mode));
     demand(id != -1, "shmget");
     void* const address = ::shmat(id, nullptr, 0);
     // NOLINTNEXTLINE: the system call's own mark of failure
@@ -143,13 +136,21 @@ inline void removeFromKernel(int id) {
     demand(::shmctl(id, IPC_RMID, nullptr) == 0, "shmctl");
 }
 
-/// Uses the service so that it tidies up: makes something that does not stay.
-inline void useTheService() {
-    SharedMemory memory = create("something else");
+/// Uses the service for this trustee so that it tidies up: makes something that does not stay.
+inline void useTheServiceFor(const std::string& trustee) {
+    SharedMemory memory = create("something else", someSize, trustee);
     if (!memory.isAttached()) {
-        memory = find("something else"); // Of one that was killed at this.
+        memory = find("something else", someSize, trustee); // Of one that was killed at this.
     }
     memory.markForDeletion();
+}
+
+inline void useTheService() {
+    useTheServiceFor("");
+}
+
+inline void useTheServiceForFriends() {
+    useTheServiceFor(accounts::friends);
 }
 
 /// Runs `body` in a child as this user and expects it to succeed.
@@ -209,14 +210,23 @@ private:
     Content* content;
 };
 
-/// Expects every test to leave the kernel without segments.
+/// Takes away whatever the service keeps, in the kernel and in folders.
+inline void removeAllSegments() {
+    for (const auto& segment : segments()) {
+        ::shmctl(segment.id, IPC_RMID, nullptr);
+    }
+    removeAllRecordFolders();
+}
+
+/// Expects every test to leave the kernel without segments, and no record of any.
 class SysVTest : public testing::Test {
 protected:
+    void SetUp() override { provideSharedFolder(); }
+
     void TearDown() override {
         EXPECT_EQ(segments().size(), 0U);
-        for (const auto& segment : segments()) {
-            ::shmctl(segment.id, IPC_RMID, nullptr);
-        }
+        EXPECT_EQ(allRecords(), std::vector<std::string>());
+        removeAllSegments();
     }
 };
 
@@ -227,6 +237,7 @@ protected:
         if (!accounts::available()) {
             GTEST_SKIP() << accounts::whyNot;
         }
+        SysVTest::SetUp();
     }
 };
 

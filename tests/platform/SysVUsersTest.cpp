@@ -1,6 +1,7 @@
 #include "tests/platform/SysVTools.h"
 
 #include <cerrno>
+#include <functional>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -8,6 +9,7 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -87,7 +89,7 @@ TEST_F(SysVUsers, KeepASharedSegmentFromStrangers) {
     Owner anna(accounts::anna, "name", accounts::friends);
     const int id = sysv::onlySegment().id;
     as(accounts::carl, [id] {
-        EXPECT_FALSE(findForFriends("name").isAttached());
+        EXPECT_THROW(findForFriends("name"), std::runtime_error);
         EXPECT_FALSE(find("name").isAttached());
         EXPECT_THROW(createForFriends("name"), std::runtime_error);
         EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
@@ -108,21 +110,51 @@ TEST_F(SysVUsers, CannotMakeASegmentForAGroupThatTheyAreNotIn) {
         EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
     });
     EXPECT_EQ(sysv::segments().size(), 0U);
+    EXPECT_EQ(sysv::pathsIn(sysv::groupsRecords), std::vector<std::string>());
 }
 
-TEST_F(SysVUsers, CannotMakeASegmentForAGroupThatOnlyTheirProcessIsIn) {
-    EXPECT_EQ(tests::runInChild([] {
+/// Runs the body as carl in a process that has the friends' rights, by its effective group or by a
+/// supplementary one, as "newgrp" or a service manager hands them out.
+void asCarlAmongFriends(bool isEffective, const std::function<void()>& body) {
+    EXPECT_EQ(tests::runInChild([&] {
                   const uid_t carl = accounts::userId(accounts::carl);
+                  const gid_t own = accounts::groupId(accounts::carl);
                   const gid_t friends = accounts::groupId(accounts::friends);
-                  EXPECT_EQ(::setgroups(1, &friends), 0);
-                  EXPECT_EQ(::setgid(friends), 0);
-                  EXPECT_EQ(::setuid(carl), 0);
-                  // The others ask the user database, and would not use it.
-                  EXPECT_THROW(createForFriends("name"), std::runtime_error);
-                  EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
+                  ASSERT_EQ(::setgroups(1, isEffective ? &own : &friends), 0);
+                  ASSERT_EQ(::setgid(isEffective ? friends : own), 0);
+                  ASSERT_EQ(::setuid(carl), 0);
+                  body();
               }),
               0);
-    EXPECT_EQ(sysv::segments().size(), 0U);
+}
+
+TEST_F(SysVUsers, MakeAndUseSegmentsForAGroupThatOnlyTheirProcessIsIn) {
+    for (const bool isEffective : {true, false}) {
+        SCOPED_TRACE(isEffective ? "effective" : "supplementary");
+        asCarlAmongFriends(isEffective, [] {
+            SharedMemory made = createOrFindForFriends("name");
+            EXPECT_TRUE(made.isCreator());
+            bytesOf(made)[0] = 7;
+            made.makePersistent();
+        });
+        as(accounts::anna, [] {
+            SharedMemory found = findForFriends("name");
+            ASSERT_TRUE(found.isAttached());
+            EXPECT_EQ(bytesOf(found)[0], 7);
+            found.markForDeletion();
+        });
+        as(accounts::anna, [] { createForFriends("name").makePersistent(); });
+        asCarlAmongFriends(isEffective, [] {
+            SharedMemory found = findForFriends("name");
+            EXPECT_TRUE(found.isAttached());
+            EXPECT_TRUE(found.isStillNamed());
+            EXPECT_FALSE(createForFriends("name").isAttached());
+            found.markForDeletion();
+        });
+        as(accounts::anna, sysv::useTheServiceForFriends);
+        EXPECT_EQ(sysv::segments().size(), 0U);
+        sysv::removeAllRecordFolders(); // The next time they make the folder as well.
+    }
 }
 
 TEST_F(SysVUsers, DoNotMakeASecondSegmentBesideOneThatTheirProcessMayNotAttachTo) {
@@ -157,7 +189,7 @@ TEST_F(SysVUsers, TrustRootAsTheyTrustMembers) {
         EXPECT_TRUE(findForFriends("name").isAttached());
         EXPECT_FALSE(createForFriends("name").isAttached());
     });
-    as(accounts::carl, [] { EXPECT_FALSE(findForFriends("name").isAttached()); });
+    as(accounts::carl, [] { EXPECT_THROW(findForFriends("name"), std::runtime_error); });
 }
 
 TEST_F(SysVUsers, HaveSeparateSegmentsForEveryTrustee) {

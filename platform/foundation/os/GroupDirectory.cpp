@@ -4,7 +4,9 @@
 #include "foundation/os/FolderOpening.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -105,10 +107,28 @@ FileDescriptor openOrCreateLevel(const FilePlace& place, const std::string& path
     }
 }
 
+/// The group for a new level above the group's own: another one where this process has one, since
+/// below a parent of the group's the database would be asked for good. Nothing for the usual one.
+std::optional<gid_t> groupForLevelAbove(gid_t group) {
+    if (::getegid() != group) {
+        return std::nullopt;
+    }
+    if (::getgid() != group) {
+        return ::getgid();
+    }
+    std::vector<gid_t> others(NGROUPS_MAX);
+    const int count = ::getgroups(NGROUPS_MAX, others.data());
+    others.resize(static_cast<std::size_t>(std::max(count, 0)));
+    const auto other = std::ranges::find_if(others, [group](gid_t one) { return one != group; });
+    return other == others.end() ? std::nullopt : std::optional(*other);
+}
+
 /// A level that everybody may pass through and add to.
-FileDescriptor openOrCreatePublicLevel(const FilePlace& place, const std::string& path) {
-    FileDescriptor directory = openOrCreateLevel(
-        place, path, [&] { return createAppearingFolder(place, everybody, std::nullopt); });
+FileDescriptor openOrCreatePublicLevel(const FilePlace& place, gid_t group,
+                                       const std::string& path) {
+    FileDescriptor directory = openOrCreateLevel(place, path, [&] {
+        return createAppearingFolder(place, everybody, groupForLevelAbove(group));
+    });
     const mode_t mode = statusOf(directory.get(), "", path).st_mode;
     const bool isPublic = (mode & everybody) == everybody;
     if (!isPublic && ::fchmod(directory.get(), mode | everybody) != 0) {
@@ -157,12 +177,12 @@ std::optional<GroupDirectory> GroupDirectory::tryOpen(const GroupDirectoryPath& 
 }
 
 GroupDirectory GroupDirectory::openOrCreate(const GroupDirectoryPath& path, const Group& group) {
-    idOf(group); // Before anything is made.
+    const gid_t id = idOf(group); // Before anything is made.
     FileDescriptor above = openBase(path.base);
     std::string here = path.base + "/";
     for (std::size_t level = 0; level + 1 < path.levels.size(); ++level) {
         here += path.levels[level] + "/";
-        above = openOrCreatePublicLevel({above.get(), path.levels[level]}, here);
+        above = openOrCreatePublicLevel({above.get(), path.levels[level]}, id, here);
     }
     const FilePlace own(above.get(), path.levels.back());
     here += own.name + "/";

@@ -49,7 +49,10 @@ private:
 /// others may not write to it. Neither the user database nor the user who made it is asked, so it
 /// stays good when that user leaves the group or the database cannot be reached. The one other way
 /// to a group's id is a parent that hands its own down; below a parent that has the group's id, the
-/// directory's owner must be root or a member, which the database decides.
+/// directory's owner must be root or a member, which the database decides. What nobody can tell is
+/// where a directory was made: a stranger who may write to another directory that hands down the
+/// group's id, on the same file system, can make one there and move it here. Where the group has
+/// such directories, an administrator makes this one beforehand.
 ///
 /// The levels above are open to all, so anybody may put another directory under the same path.
 /// Hence the descriptor: what was examined is what is used.
