@@ -1,6 +1,7 @@
 #include "sharedmemory/RecordDirectory.h"
 
 #include "fl/i18n/UstringConversion.h"
+#include "foundation/os/Accounts.h"
 #include "foundation/os/AppearingFolder.h"
 #include "foundation/os/FolderOpening.h"
 #include "foundation/os/GroupDirectory.h"
@@ -84,6 +85,14 @@ std::optional<SegmentRecord> readRecord(int descriptor) {
 
 } // namespace
 
+RecordDirectory::RecordDirectory(os::FileDescriptor directory, std::string path,
+                                 std::optional<gid_t> group)
+    : directory(std::move(directory))
+    , ownPath(std::move(path))
+    , ownGroup(group)
+    , ownUser(group ? 0 : ::geteuid()) {
+}
+
 std::optional<RecordDirectory> RecordDirectory::tryOpen(const os::Group& trustee) {
     const auto group = groupOf(trustee);
     if (!group) {
@@ -100,8 +109,8 @@ std::optional<RecordDirectory> RecordDirectory::tryOpen(const os::Group& trustee
                    ? std::optional(RecordDirectory(directory->takeDescriptor(), path.text(), group))
                    : std::nullopt;
     } catch (const os::GroupDirectoryError& failure) {
-        // Of a group that this process is not in.
-        if (failure.step() == os::GroupDirectoryError::Step::open && failure.error() == EACCES) {
+        if (failure.step() == os::GroupDirectoryError::Step::open && failure.error() == EACCES &&
+            !os::isInGroup(*group)) {
             return std::nullopt;
         }
         failWith(failure);

@@ -21,7 +21,8 @@ public:
     // Both throw std::invalid_argument when the trustee is no group, and std::runtime_error when
     // the directory cannot be opened or made, or is not the trustee's.
 
-    /// Nothing when there is none, or this process may not enter it.
+    /// Nothing when there is none, or when it is closed to this process, which is not in
+    /// the group.
     static std::optional<RecordDirectory> tryOpen(const foundation::os::Group& trustee);
     static RecordDirectory openOrCreate(const foundation::os::Group& trustee);
 
@@ -33,6 +34,9 @@ public:
     /// Where the place is found by whoever comes by the directory's path.
     foundation::os::FilePlace pathOf(const std::string& name) const { return ownPath + name; }
 
+    /// Whose it is where it is the user's own; of no meaning for a group's.
+    uid_t user() const { return ownUser; }
+
     /// The group that segments and records are given to; nothing for the user's own.
     std::optional<gid_t> group() const { return ownGroup; }
 
@@ -42,15 +46,13 @@ public:
 
 private:
     RecordDirectory(foundation::os::FileDescriptor directory, std::string path,
-                    std::optional<gid_t> group)
-        : directory(std::move(directory))
-        , ownPath(std::move(path))
-        , ownGroup(group) {}
+                    std::optional<gid_t> group);
 
     foundation::os::FileDescriptor directory;
     /// With a trailing "/".
     std::string ownPath;
     std::optional<gid_t> ownGroup;
+    uid_t ownUser;
 };
 
 /// A file in such a directory, opened for reading.

@@ -24,7 +24,7 @@ namespace {
 /// Whether the kernel's segment is as those of this directory are.
 bool isAsMade(const sysv::Status& status, const RecordDirectory& directory) {
     const auto group = directory.group();
-    const bool isOurs = group ? status.group == *group : status.creator == ::geteuid();
+    const bool isOurs = group ? status.group == *group : status.creator == directory.user();
     return isOurs && status.owner == status.creator && !status.hasKey && !status.isRemoved &&
            status.mode == directory.segmentMode() && status.size > trailer::size;
 }
@@ -173,7 +173,8 @@ std::unique_ptr<SharedMemory::Segment> SysVSegments::make(const std::string& nam
     }
     // Not at every look: nothing accumulates but by what is made.
     UnnamedRecord::removeAllStale(*directory);
-    const std::string recordName = segmentNameOf(name, trustee.name(), ::geteuid()).platformName;
+    const std::string recordName =
+        segmentNameOf(name, trustee.name(), directory->user()).platformName;
     for (;;) {
         Attempt attempt = tryMake(recordName, size, contents);
         if (attempt.isDecided) {
@@ -236,7 +237,8 @@ SegmentLookup SysVSegments::find(const std::string& name, std::size_t size) {
         }
         directory = std::make_shared<const RecordDirectory>(std::move(*found));
     }
-    const std::string recordName = segmentNameOf(name, trustee.name(), ::geteuid()).platformName;
+    const std::string recordName =
+        segmentNameOf(name, trustee.name(), directory->user()).platformName;
     Examined there = examine(directory->placeOf(recordName), *directory);
     if (!there.segment) {
         return {nullptr, !there.isFree() && !there.isStale()};

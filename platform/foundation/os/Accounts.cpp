@@ -74,6 +74,22 @@ bool isInGroupList(const User& user, gid_t group) {
     return std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
+/// The calling process's supplementary groups; nothing, with errno set, when the system does not
+/// tell.
+std::optional<std::vector<gid_t>> findOwnGroups() {
+    const int most = ::getgroups(0, nullptr);
+    if (most < 0) {
+        return std::nullopt;
+    }
+    std::vector<gid_t> ids(static_cast<std::size_t>(most));
+    const int count = most == 0 ? 0 : ::getgroups(most, ids.data());
+    if (count < 0) {
+        return std::nullopt;
+    }
+    ids.resize(static_cast<std::size_t>(count));
+    return ids;
+}
+
 } // namespace
 
 std::optional<std::string> findUserName(uid_t user) {
@@ -117,19 +133,18 @@ std::optional<bool> isMember(uid_t user, gid_t group) {
     return (isListed && *isListed) || isInGroupList(*account, group);
 }
 
+bool isInGroup(gid_t group) {
+    const auto ids = findOwnGroups();
+    return group == ::getegid() || !ids || std::find(ids->begin(), ids->end(), group) != ids->end();
+}
+
 std::optional<std::set<std::string>> findOwnGroupNames() {
-    const int most = ::getgroups(0, nullptr);
-    if (most < 0) {
+    const auto ids = findOwnGroups();
+    if (!ids) {
         return std::nullopt;
     }
-    std::vector<gid_t> ids(static_cast<std::size_t>(most));
-    const int count = most == 0 ? 0 : ::getgroups(most, ids.data());
-    if (count < 0) {
-        return std::nullopt;
-    }
-    ids.resize(static_cast<std::size_t>(count));
     std::set<std::string> names;
-    for (const gid_t id : ids) {
+    for (const gid_t id : *ids) {
         if (auto name = findGroupName(id)) {
             names.insert(std::move(*name));
         } else if (!saysNoSuchEntry(errno) && errno != ERANGE) {

@@ -29,6 +29,10 @@ bool saysNoSuchEntry(int error);
 /// nothing, with errno set, when that cannot be asked.
 std::optional<bool> isMember(uid_t user, gid_t group);
 
+/// Whether the calling process is in the group, as the kernel sees it: its effective group or a
+/// supplementary one. One that cannot be asked about is.
+bool isInGroup(gid_t group);
+
 /// The names of the calling process's supplementary groups, without those that have none; nothing,
 /// with errno set, when the system does not tell.
 std::optional<std::set<std::string>> findOwnGroupNames();
