@@ -197,7 +197,7 @@ void registerPeer(Worlds& worlds, const Kind& kind) {
     for (const std::size_t count : {1U, 1000U}) {
         registration.addTimed("publishAndWithdraw", count, publishAndWithdraw);
     }
-    for (const std::size_t count : {1U, 10U, 80U, 100U, 500U, 1000U}) {
+    for (const std::size_t count : {1U, 10U, 80U, 100U, 500U, 1000U, 10000U}) {
         registration.addTimed("find", count, find);
     }
     for (const std::size_t count : {10U, 100U, 1000U}) {

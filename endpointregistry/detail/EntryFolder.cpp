@@ -1,9 +1,11 @@
 #include "endpointregistry/detail/EntryFolder.h"
 
 #include "endpointregistry/detail/AbandonedFile.h"
+#include "endpointregistry/detail/EntryHint.h"
 #include "endpointregistry/detail/JoinedRegistry.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
+#include "endpointregistry/detail/ParentPath.h"
 
 #include <cerrno>
 #include <chrono>
@@ -17,9 +19,37 @@ using namespace std::chrono_literals;
 const OpenFolder* EntryFolder::folder() const {
     // That there was none is not remembered: the first entry makes it.
     if (!found) {
-        found = joined::findFolder(parent, group);
+        found =
+            group.isNone() ? OpenFolder::open(privatePath()) : joined::findFolder(parent, group);
+        if (!found) {
+            forget();
+        }
     }
     return found ? &*found : nullptr;
+}
+
+const std::string& EntryFolder::privatePath() const {
+    if (pathOfPrivate.empty()) {
+        pathOfPrivate = parentPathOf(parent, {}, false);
+    }
+    return pathOfPrivate;
+}
+
+void EntryFolder::forget() const {
+    found.reset();
+    pathOfPrivate.clear();
+}
+
+std::string EntryFolder::hintFolder() const {
+    const std::string& path = privatePath();
+    std::string hints;
+    hints.reserve(path.size());
+    hints.append(path, 0, path.rfind(parent)).append(EntryHint::parent).append(1, '/');
+    return hints;
+}
+
+bool EntryFolder::isHeldAtItsPath(const std::string& name) const {
+    return openAndShareLock(privatePath() + name).error == EWOULDBLOCK;
 }
 
 std::vector<std::string> EntryFolder::names(const NameTest& isWanted) const {
@@ -56,7 +86,7 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
             return LockedFile::Impl::wrap(std::move(impl));
         }
         // Somebody has removed the folder since it was opened.
-        found.reset();
+        forget();
     }
     return isNew ? joined::createAndTryLock(name, parent, group)
                  : joined::tryLock(name, parent, group);
@@ -64,6 +94,9 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
 
 bool EntryFolder::clearIfStale(const std::string& name,
                                const std::function<void()>& removeData) const {
+    if (!found && group.isNone() && isHeldAtItsPath(name)) {
+        return false;
+    }
     const OpenFolder* const open = folder();
     if (open == nullptr) {
         return true;
