@@ -91,7 +91,7 @@ std::optional<Endpoint::DataPair> Endpoint::Impl::findDataPair(const std::string
     if (folder.trustee().isNone()) {
         // An empty text stands for any, of which no hint tells.
         if (!groupTag.empty() && !selectedKey.empty()) {
-            const EntryHint hint(folder.hintFolder(), isWanted.sameTag, isWanted.sameKey);
+            const EntryHint hint(folder.privateBase(), isWanted.sameTag, isWanted.sameKey);
             if (auto data = PosixImpl::findHinted(hint, std::ref(isWanted), folder)) {
                 return data;
             }

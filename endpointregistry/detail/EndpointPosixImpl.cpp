@@ -64,7 +64,7 @@ SharedMemory Endpoint::PosixImpl::replaceSharedMemory(const DataPair& data,
 
 void Endpoint::PosixImpl::leaveHint(const EntryFolder& folder) noexcept {
     try {
-        const EntryHint place(folder.hintFolder(), getGroupTagPrefix(getGroupTag()),
+        const EntryHint place(folder.privateBase(), getGroupTagPrefix(getGroupTag()),
                               getSelectedKeySubstring(getSelectedKey()));
         hint = PublishedHint(place, entryName());
     } catch (...) { // NOLINT(bugprone-empty-catch): then there is none
@@ -73,7 +73,7 @@ void Endpoint::PosixImpl::leaveHint(const EntryFolder& folder) noexcept {
 
 void Endpoint::PosixImpl::removeTraces(const std::string& name, const EntryFolder& folder) {
     if (folder.trustee().isNone()) {
-        EntryHint::removeThatOf(name, folder.hintFolder());
+        EntryHint::removeThatOf(name, folder.privateBase());
     }
     SharedMemory segment = findSharedMemory(name, folder.trustee().name());
     if (segment.isAttached()) {

@@ -10,17 +10,30 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
 
 using namespace std::chrono_literals;
 
+namespace {
+
+/// Of a file in the folder of private entries, or of the folder itself with a trailing "/".
+std::string pathOf(const std::string& base, std::string_view name) {
+    constexpr std::string_view parent = EntryFolder::parent;
+    std::string path;
+    path.reserve(base.size() + parent.size() + 1 + name.size());
+    return path.append(base).append(parent).append(1, '/').append(name);
+}
+
+} // namespace
+
 const OpenFolder* EntryFolder::folder() const {
     // That there was none is not remembered: the first entry makes it.
     if (!found) {
-        found =
-            group.isNone() ? OpenFolder::open(privatePath()) : joined::findFolder(parent, group);
+        found = group.isNone() ? OpenFolder::open(pathOf(privateBase(), {}))
+                               : joined::findFolder(parent, group);
         if (!found) {
             forget();
         }
@@ -28,28 +41,20 @@ const OpenFolder* EntryFolder::folder() const {
     return found ? &*found : nullptr;
 }
 
-const std::string& EntryFolder::privatePath() const {
-    if (pathOfPrivate.empty()) {
-        pathOfPrivate = parentPathOf(parent, {}, false);
+const std::string& EntryFolder::privateBase() const {
+    if (base.empty()) {
+        base = privateBasePath();
     }
-    return pathOfPrivate;
+    return base;
 }
 
 void EntryFolder::forget() const {
     found.reset();
-    pathOfPrivate.clear();
-}
-
-std::string EntryFolder::hintFolder() const {
-    const std::string& path = privatePath();
-    std::string hints;
-    hints.reserve(path.size());
-    hints.append(path, 0, path.rfind(parent)).append(EntryHint::parent).append(1, '/');
-    return hints;
+    base.clear();
 }
 
 bool EntryFolder::isHeldAtItsPath(const std::string& name) const {
-    return openAndShareLock(privatePath() + name).error == EWOULDBLOCK;
+    return openAndShareLock(pathOf(privateBase(), name)).error == EWOULDBLOCK;
 }
 
 std::vector<std::string> EntryFolder::names(const NameTest& isWanted) const {

@@ -24,9 +24,9 @@ public:
 
     const foundation::os::Group& trustee() const { return group; }
 
-    /// Where the hints to private entries lie: beside their folder, with a trailing "/". Throws
-    /// std::runtime_error when the private base is not to be trusted.
-    std::string hintFolder() const;
+    /// Where the folder of private entries lies, as `privateBasePath` tells it: examined once for
+    /// all that follows.
+    const std::string& privateBase() const;
 
     /// The names of the entries that pass the test.
     std::vector<std::string> names(const NameTest& isWanted) const;
@@ -52,10 +52,6 @@ private:
     /// Nothing when there is no folder.
     const OpenFolder* folder() const;
 
-    /// Where the folder of private entries lies, whether it is there or not. The base above it is
-    /// examined once for all that follows.
-    const std::string& privatePath() const;
-
     /// Whether a publisher holds the private entry; asked without the folder, which opening it and
     /// closing it again would take longer for than the question. False where it cannot be asked.
     bool isHeldAtItsPath(const std::string& name) const;
@@ -63,7 +59,7 @@ private:
     void forget() const;
 
     foundation::os::Group group;
-    mutable std::string pathOfPrivate;
+    mutable std::string base;
     mutable std::optional<OpenFolder> found;
     /// Whether the last attempt to clear up waited for others in vain.
     mutable bool isHeldUp = false;

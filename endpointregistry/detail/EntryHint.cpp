@@ -15,6 +15,9 @@ namespace agent::spf::endpointregistry {
 
 namespace {
 
+/// The folder of all hints, in the private base.
+constexpr std::string_view parent = "qvEndpointHints";
+
 /// What every entry's name begins with, before the hash of its group tag.
 constexpr std::string_view entryPrefix = "qvER";
 constexpr std::size_t longestHash = 16;
@@ -25,11 +28,11 @@ bool makeLink(const std::string& path, const std::string& text) {
 
 } // namespace
 
-EntryHint::EntryHint(const std::string& folder, std::string_view tagPrefix,
+EntryHint::EntryHint(const std::string& base, std::string_view tagPrefix,
                      std::string_view keyPart) {
     const std::string_view tagHash = tagPrefix.substr(entryPrefix.size());
-    path.reserve(folder.size() + tagHash.size() + keyPart.size());
-    path.append(folder).append(tagHash).append(keyPart);
+    path.reserve(base.size() + parent.size() + 1 + tagHash.size() + keyPart.size());
+    path.append(base).append(parent).append(1, '/').append(tagHash).append(keyPart);
 }
 
 std::optional<std::string> EntryHint::read() const {
@@ -68,7 +71,7 @@ void EntryHint::remove() const noexcept {
     ::unlink(path.c_str());
 }
 
-void EntryHint::removeThatOf(std::string_view entry, const std::string& folder) {
+void EntryHint::removeThatOf(std::string_view entry, const std::string& base) {
     const std::size_t key = entry.find('k');
     const std::size_t length = entry.find('l', std::min(key, entry.size()));
     if (!entry.starts_with(entryPrefix) || length == std::string_view::npos) {
@@ -81,7 +84,7 @@ void EntryHint::removeThatOf(std::string_view entry, const std::string& folder) 
     const std::size_t longestTag = std::min(hashes, longestHash);
     for (std::size_t tag = shortestTag; tag <= longestTag; ++tag) {
         const std::string_view tagPrefix = entry.substr(0, entryPrefix.size() + tag);
-        EntryHint(folder, tagPrefix, entry.substr(key, length - key))
+        EntryHint(base, tagPrefix, entry.substr(key, length - key))
             .removeIfItSays(std::string(entry));
     }
 }

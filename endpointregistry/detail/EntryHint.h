@@ -16,20 +16,17 @@ namespace agent::spf::endpointregistry {
 /// lock, and one that is lost costs time only.
 class EntryHint {
 public:
-    /// The folder of all hints, in the private base.
-    static constexpr std::string_view parent = "qvEndpointHints";
-
-    /// `folder` is the path of that folder, with a trailing "/"; the other two are what
-    /// `getGroupTagPrefix` and `getSelectedKeySubstring` return for texts that are not empty.
-    EntryHint(const std::string& folder, std::string_view tagPrefix, std::string_view keyPart);
+    /// `base` is the private base with a trailing "/", the other two are what `getGroupTagPrefix`
+    /// and `getSelectedKeySubstring` return for texts that are not empty.
+    EntryHint(const std::string& base, std::string_view tagPrefix, std::string_view keyPart);
 
     /// What the hint says, which may be any text; nothing when there is no hint. A text that is too
     /// long for the name of a file is cut where it is known to be so.
     std::optional<std::string> read() const;
 
     /// Has the hint name this entry, in the place of whatever it said before, and makes the folder
-    /// when it is missing. Tells whether it could. Only for the publisher of the entry, once nobody
-    /// else can publish the same key.
+    /// of hints when it is missing. Tells whether it could. Only for the publisher of the entry,
+    /// once nobody else can publish the same key.
     bool write(const std::string& entry) const;
 
     /// Removes the hint if it says this. One that is written between the look and the removal is
@@ -40,7 +37,7 @@ public:
     void remove() const noexcept;
 
     /// Removes the hint that names this entry, if there is one. The entry's name may be any.
-    static void removeThatOf(std::string_view entry, const std::string& folder);
+    static void removeThatOf(std::string_view entry, const std::string& base);
 
 private:
     std::string path;

@@ -28,9 +28,10 @@ using Strings = std::vector<std::string>;
 
 const std::string tag = "tag";
 const std::string key = "key";
+const std::string base = tests::privateBase() + "/";
 
 EntryHint hintOf(const std::string& selectedKey) {
-    return {tests::hintFolder(), getGroupTagPrefix(tag), getSelectedKeySubstring(selectedKey)};
+    return {base, getGroupTagPrefix(tag), getSelectedKeySubstring(selectedKey)};
 }
 
 class EntryHintTest : public tests::RegistryTest {
@@ -89,7 +90,7 @@ TEST_F(EntryHintTest, OfAnEntryIsFoundByItsNameAlone) {
     const std::string name = tests::entryName({"ab", "c"}, tag, key, 1);
     ASSERT_TRUE(hintOf(key).write(name));
     ASSERT_TRUE(hintOf("other key").write(name));
-    EntryHint::removeThatOf(name, tests::hintFolder());
+    EntryHint::removeThatOf(name, base);
     EXPECT_EQ(hintOf(key).read(), std::nullopt);
     EXPECT_EQ(hintOf("other key").read(), name);
     hintOf("other key").remove();
@@ -99,10 +100,10 @@ TEST_F(EntryHintTest, OfAStrangeNameIsNone) {
     ASSERT_TRUE(hintOf(key).write("text"));
     for (const char* const name : {"", "k", "l", "qvER", "qvERk", "qvERl", "qvERkl", "qvERlk",
                                    "xqvERabkcl3p1v0", "qvERabkc", "qvERk1l3p1v0"}) {
-        EntryHint::removeThatOf(name, tests::hintFolder());
+        EntryHint::removeThatOf(name, base);
     }
-    EntryHint::removeThatOf("qvER" + std::string(200, 'a') + "kbl1p1v0", tests::hintFolder());
-    EntryHint::removeThatOf("qvER" + std::string(200, 'k') + "kbl1p1v0", tests::hintFolder());
+    EntryHint::removeThatOf("qvER" + std::string(200, 'a') + "kbl1p1v0", base);
+    EntryHint::removeThatOf("qvER" + std::string(200, 'k') + "kbl1p1v0", base);
     EXPECT_EQ(tests::hintFiles().size(), 1U);
     hintOf(key).remove();
 }
