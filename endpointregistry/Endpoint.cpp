@@ -72,7 +72,7 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
         }
         auto record = std::make_unique<PosixImpl>(data, groupTag, selectedKey, folder);
         if (synonyms.hasOnly(record->entryName())) {
-            record->leaveHint(folder);
+            record->leaveHint(folder, synonyms.tagPrefix(), synonyms.keyPart());
             primary = std::move(record);
             return;
         }

@@ -62,11 +62,10 @@ SharedMemory Endpoint::PosixImpl::replaceSharedMemory(const DataPair& data,
     }
 }
 
-void Endpoint::PosixImpl::leaveHint(const EntryFolder& folder) noexcept {
+void Endpoint::PosixImpl::leaveHint(const EntryFolder& folder, std::string_view tagPrefix,
+                                    std::string_view keyPart) noexcept {
     try {
-        const EntryHint place(folder.privateBase(), getGroupTagPrefix(getGroupTag()),
-                              getSelectedKeySubstring(getSelectedKey()));
-        hint = PublishedHint(place, entryName());
+        hint = PublishedHint(EntryHint(folder.privateBase(), tagPrefix, keyPart), entryName());
     } catch (...) { // NOLINT(bugprone-empty-catch): then there is none
     }
 }

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace agent::spf::endpointregistry {
 
@@ -31,10 +32,11 @@ public:
     static sharedmemory::SharedMemory findSharedMemory(const std::string& name,
                                                        const std::string& trustee);
 
-    /// Leaves the hint by which `find` comes to this entry. Only for an entry that stays: one that
-    /// no other stands in the way of. It is found without a hint as well, so nothing is reported
-    /// where none can be made.
-    void leaveHint(const EntryFolder& folder) noexcept;
+    /// Leaves the hint by which `find` comes to this entry, whose tag and key give these pieces of
+    /// names. Only for an entry that stays: one that no other stands in the way of. It is found
+    /// without a hint as well, so nothing is reported where none can be made.
+    void leaveHint(const EntryFolder& folder, std::string_view tagPrefix,
+                   std::string_view keyPart) noexcept;
 
     /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
     static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder);
