@@ -1,7 +1,6 @@
 #include "endpointregistry/detail/EntryFolder.h"
 
 #include "endpointregistry/detail/AbandonedFile.h"
-#include "endpointregistry/detail/EntryHint.h"
 #include "endpointregistry/detail/JoinedRegistry.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
@@ -99,6 +98,7 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew) const {
 
 bool EntryFolder::clearIfStale(const std::string& name,
                                const std::function<void()>& removeData) const {
+    // As a rule it lives, and nothing else is asked of the folder.
     if (!found && group.isNone() && isHeldAtItsPath(name)) {
         return false;
     }

@@ -52,10 +52,11 @@ private:
     /// Nothing when there is no folder.
     const OpenFolder* folder() const;
 
-    /// Whether a publisher holds the private entry; asked without the folder, which opening it and
-    /// closing it again would take longer for than the question. False where it cannot be asked.
+    /// Whether a publisher holds the private entry. Asked by the path of its file: to open the
+    /// folder for that and close it again would take longer. False where it cannot be asked.
     bool isHeldAtItsPath(const std::string& name) const;
 
+    /// What is known of the folder does not hold any more.
     void forget() const;
 
     foundation::os::Group group;

@@ -170,7 +170,7 @@ TEST_F(HostileHint, MayBeAnythingButALink) {
     }
 }
 
-TEST_F(HostileHint, MakesRoomForAPublishersUnlessItIsAFolder) {
+TEST_F(HostileHint, IsReplacedByAPublisherWhereItIsAPipe) {
     tests::provideHintFolder();
     ASSERT_EQ(::mkfifo(hint().c_str(), 0600), 0);
     const Endpoint endpoint(data, tag, key);
