@@ -59,8 +59,9 @@ measure() {
 for ((pass = 1; pass <= passes; pass++)); do
     echo "Pass $pass of $passes" >&2
     measure "registry-$pass" registry_benchmark
+    measure "record-$pass" record_benchmark
 done
 echo "Peers" >&2
 measure peers peers_benchmark \
     "--benchmark_repetitions=$passes" --benchmark_enable_random_interleaving=true
-"${table[@]}" "$results"/registry-*.json "$results"/peers.json
+"${table[@]}" "$results"/registry-*.json "$results"/record-*.json "$results"/peers.json

@@ -11,4 +11,7 @@ void registerConcurrency();
 void registerStartUp();
 void registerCost();
 
+// Those that reach beneath the public headers, and are another program for it.
+void registerRecords();
+
 } // namespace benchmarks

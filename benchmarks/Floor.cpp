@@ -65,11 +65,12 @@ DataPair readSegment(int segment, std::size_t length, uid_t user) {
     return {std::string(data, firstLength), std::string(data + firstLength, length - firstLength)};
 }
 
-/// The data of an entry whose publisher lives, or two empty strings.
-DataPair readEntry(int folder, const char* entryName, const Segments& segments, uid_t user) {
-    const std::string_view name = entryName;
+/// The data of an entry whose publisher lives, or two empty strings. The entry's file is looked for
+/// in the folder, or by its path.
+DataPair readEntry(int folder, const char* file, std::string_view name, const Segments& segments,
+                   uid_t user) {
     const auto process = static_cast<pid_t>(numberAfter('p', name));
-    if (::getpgid(process) == -1 && !isLocked(folder, entryName)) {
+    if (::getpgid(process) == -1 && !isLocked(folder, file)) {
         return {};
     }
     const int segment = openSegment(segments, name);
@@ -77,7 +78,7 @@ DataPair readEntry(int folder, const char* entryName, const Segments& segments, 
         return {};
     }
     DataPair data;
-    if (isLocked(folder, entryName)) {
+    if (isLocked(folder, file)) {
         data = readSegment(segment, numberAfter('l', name), user);
     }
     ::close(segment);
@@ -88,10 +89,10 @@ bool isEntry(const DataPair& data) {
     return !data.first.empty() || !data.second.empty();
 }
 
-std::string makeFolders(uid_t user) {
+std::string makeFolder(uid_t user, const std::string& name) {
     std::string path = "/dev/shm/Corvantis-" + std::to_string(user);
     ::mkdir(path.c_str(), S_IRWXU);
-    path += "/qvEndpointRegistry/";
+    path += "/" + name + "/";
     ::mkdir(path.c_str(), S_IRWXU);
     return path;
 }
@@ -107,8 +108,9 @@ Entry::Entry(DataPair data, const std::string& groupTag, const std::string& sele
 }
 
 Folder::Folder()
-    : path(makeFolders(::geteuid()))
-    , user(::geteuid())
+    : user(::geteuid())
+    , path(makeFolder(user, "qvEndpointRegistry"))
+    , hints(makeFolder(user, "qvEndpointHints"))
     , segmentSuffix("@u" + std::to_string(user)) {
 }
 
@@ -116,14 +118,46 @@ std::string Folder::segmentPathOf(const Entry& entry) const {
     return segmentFolder + entry.name + segmentSuffix;
 }
 
+std::string Folder::hintPathOf(std::string_view groupPart, std::string_view keyPart) const {
+    constexpr std::size_t beforeHash = std::string_view("qvER").size();
+    std::string hint;
+    hint.reserve(hints.size() + groupPart.size() + keyPart.size());
+    return hint.append(hints).append(groupPart.substr(beforeHash)).append(keyPart);
+}
+
 std::optional<DataPair> Folder::find(std::string_view groupPart, std::string_view keyPart) const {
+    std::optional<DataPair> found = findHinted(groupPart, keyPart);
+    return found ? found : findListed(groupPart, keyPart);
+}
+
+std::optional<DataPair> Folder::findHinted(std::string_view groupPart,
+                                           std::string_view keyPart) const {
+    constexpr std::size_t longestName = 255;
+    std::array<char, longestName + 1> text; // NOLINT(*-member-init): filled by readlink
+    const std::string hint = hintPathOf(groupPart, keyPart);
+    const ssize_t length = ::readlink(hint.c_str(), text.data(), longestName);
+    if (length == -1) {
+        return std::nullopt;
+    }
+    text.at(static_cast<std::size_t>(length)) = '\0';
+    const char* const name = text.data();
+    if (!containsAsRule(name, groupPart) || !contains(name, keyPart)) {
+        return std::nullopt;
+    }
+    const Segments segments{AT_FDCWD, segmentFolder, segmentSuffix};
+    DataPair data = readEntry(AT_FDCWD, (path + name).c_str(), name, segments, user);
+    return isEntry(data) ? std::optional(std::move(data)) : std::nullopt;
+}
+
+std::optional<DataPair> Folder::findListed(std::string_view groupPart,
+                                           std::string_view keyPart) const {
     std::optional<DataPair> found;
     const Segments segments{AT_FDCWD, segmentFolder, segmentSuffix};
     constexpr std::size_t little = 2048;
     const int entries = openFolder(path.c_str());
     findName(entries, little, [&](const char* name) {
         if (containsAsRule(name, groupPart) && contains(name, keyPart)) {
-            if (DataPair data = readEntry(entries, name, segments, user); isEntry(data)) {
+            if (DataPair data = readEntry(entries, name, name, segments, user); isEntry(data)) {
                 found = std::move(data);
             }
         }
@@ -140,7 +174,7 @@ std::vector<DataPair> Folder::list(std::string_view groupPart) const {
     const int entries = openFolder(path.c_str());
     forEachName(entries, [&](const char* name) {
         if (containsAsRule(name, groupPart)) {
-            if (DataPair data = readEntry(entries, name, segments, user); isEntry(data)) {
+            if (DataPair data = readEntry(entries, name, name, segments, user); isEntry(data)) {
                 found.push_back(std::move(data));
             }
         }

@@ -41,10 +41,16 @@ public:
 
     std::string pathOf(const Entry& entry) const { return path + entry.name; }
     std::string segmentPathOf(const Entry& entry) const;
+    std::string hintPathOf(std::string_view groupPart, std::string_view keyPart) const;
 
-    const std::string path;
     const uid_t user;
+    const std::string path;
+    const std::string hints;
     const std::string segmentSuffix;
+
+private:
+    std::optional<DataPair> findHinted(std::string_view groupPart, std::string_view keyPart) const;
+    std::optional<DataPair> findListed(std::string_view groupPart, std::string_view keyPart) const;
 };
 
 /// An entry that lives as long as the object.
@@ -65,6 +71,7 @@ public:
 private:
     std::string path;
     std::string segmentPath;
+    std::string hintPath;
     int lock = -1;
 };
 

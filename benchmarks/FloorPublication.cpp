@@ -69,7 +69,8 @@ void makeSegment(const std::string& path, const DataPair& data) {
 
 Publication::Publication(const Folder& folder, const Entry& entry, Synonyms synonyms)
     : path(folder.pathOf(entry))
-    , segmentPath(folder.segmentPathOf(entry)) {
+    , segmentPath(folder.segmentPathOf(entry))
+    , hintPath(folder.hintPathOf(entry.groupPart, entry.keyPart)) {
     const int entries = openFolder(folder.path.c_str());
     if (synonyms == Synonyms::areSought && countSynonyms(entries, entry) != 0) {
         throw std::runtime_error("a synonym exists");
@@ -83,16 +84,19 @@ Publication::Publication(const Folder& folder, const Entry& entry, Synonyms syno
         }
     }
     ::close(entries);
+    check(::symlink(entry.name.c_str(), hintPath.c_str()), "symlink");
 }
 
 Publication::Publication(Publication&& other) noexcept
     : path(std::move(other.path))
     , segmentPath(std::move(other.segmentPath))
+    , hintPath(std::move(other.hintPath))
     , lock(std::exchange(other.lock, -1)) {
 }
 
 Publication::~Publication() {
     if (lock != -1) {
+        ::unlink(hintPath.c_str());
         ::unlink(segmentPath.c_str());
         ::unlink(path.c_str());
         ::close(lock);

@@ -18,7 +18,7 @@ namespace {
 namespace registry = agent::spf::endpointregistry;
 using registry::Endpoint;
 
-/// The keys of all entries, old and new by turns: each is found at another place in the folder.
+/// The keys of so many entries, old and new by turns.
 class Keys {
 public:
     explicit Keys(std::size_t count) {
@@ -38,15 +38,22 @@ private:
     std::size_t turn = 0;
 };
 
-void find(benchmark::State& state, std::size_t entries) {
-    Keys keys(entries);
+/// Which entries are looked up.
+enum class Wanted { eachByTurns, oneAgainAndAgain };
+
+Keys keysOf(std::size_t entries, Wanted wanted) {
+    return Keys(wanted == Wanted::eachByTurns ? entries : 1);
+}
+
+void find(benchmark::State& state, std::size_t entries, Wanted wanted) {
+    Keys keys = keysOf(entries, wanted);
     measure(state, {.entries = entries},
             [&] { return Endpoint::find(groupTag, keys.next()).has_value(); });
 }
 
-void findOnFloor(benchmark::State& state, std::size_t entries) {
+void findOnFloor(benchmark::State& state, std::size_t entries, Wanted wanted) {
     const floor::Folder folder;
-    Keys keys(entries);
+    Keys keys = keysOf(entries, wanted);
     const std::string groupPart = registry::getGroupTagPrefix(groupTag);
     measure(state, {.entries = entries}, [&] {
         return folder.find(groupPart, registry::getSelectedKeySubstring(keys.next())).has_value();
@@ -70,12 +77,21 @@ void listOnFloor(benchmark::State& state, std::size_t entries, const std::string
     reportPerEntry(state, entries);
 }
 
+void addFind(const std::string& name, std::size_t entries, Wanted wanted) {
+    add("registry/" + name, entries,
+        [wanted](auto& state, std::size_t count) { find(state, count, wanted); });
+    add("floor/" + name, entries,
+        [wanted](auto& state, std::size_t count) { findOnFloor(state, count, wanted); });
+}
+
 } // namespace
 
 void registerLookups() {
     for (const std::size_t entries : {1UL, 10UL, 80UL, 100UL, 500UL, 1000UL, 10000UL}) {
-        add("registry/find", entries, find);
-        add("floor/find", entries, findOnFloor);
+        addFind("find", entries, Wanted::eachByTurns);
+    }
+    for (const std::size_t entries : {1UL, 80UL, 1000UL, 10000UL}) {
+        addFind("findAgain", entries, Wanted::oneAgainAndAgain);
     }
     for (const std::size_t entries : entryCounts) {
         add("registry/filter", entries, filter);

@@ -70,11 +70,12 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
         if (synonyms.anyLives()) {
             throw DuplicateEndpointError("A synonym endpoint has been found during construction");
         }
-        primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, folder);
-        if (synonyms.hasOnly(primary->entryName())) {
+        auto record = std::make_unique<PosixImpl>(data, groupTag, selectedKey, folder);
+        if (synonyms.hasOnly(record->entryName())) {
+            record->leaveHint(folder, synonyms.tagPrefix(), synonyms.keyPart());
+            primary = std::move(record);
             return;
         }
-        primary.reset();
     }
 }
 

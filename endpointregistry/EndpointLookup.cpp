@@ -63,7 +63,7 @@ std::vector<Endpoint::DataPair> Endpoint::list(std::set<std::string> trustees) {
 
 std::optional<Endpoint::DataPair> Endpoint::findFromLocal(const std::string& groupTag,
                                                           const std::string& selectedKey) {
-    return find(groupTag, selectedKey, {local});
+    return Impl::findDataPair(groupTag, selectedKey, local);
 }
 
 std::optional<Endpoint::DataPair> Endpoint::find(const std::string& groupTag,

@@ -116,6 +116,10 @@ def goals(results):
         own, others = (results.median(f"{subject}/{row}") for subject in ("registry", peer))
         return own / others if own and others else None
 
+    def growth(operation, entries):
+        return results.ratio(f"registry/{operation}/{entries}", f"registry/{operation}/1")
+
+    record = "registry/publishAndWithdrawRecord/1"
     two = results.ratio("registry/find/100/processes:2", "registry/find/100/processes:1",
                         "items_per_second")
     cost = "registry/cost/100"
@@ -124,10 +128,17 @@ def goals(results):
          floor_ratio("publishAndWithdraw/1")),
         ("publish and withdraw, 1000 entries, over the floor", "<=", 1.15,
          floor_ratio("publishAndWithdraw/1000")),
+        ("publish and withdraw with a hint, 1 entry, over without", "<=", 1.12,
+         results.ratio(f"{record}/withHint", f"{record}/withoutHint")),
         ("find, 1 entry, over the floor", "<=", 1.3, floor_ratio("find/1")),
-        ("find, 1000 entries, over the floor", "<=", 1.15, floor_ratio("find/1000")),
+        ("find, 1000 entries, over the floor", "<=", 1.3, floor_ratio("find/1000")),
+        ("find of one key, 1000 entries over 1", "<=", 1.3, growth("findAgain", 1000)),
+        ("find of one key, 10000 entries over 1", "<=", 1.3, growth("findAgain", 10000)),
         ("list, 1000 entries, over the floor", "<=", 1.3, floor_ratio("list/1000")),
-        ("find, 80 entries, over Redis", "<=", 1, peer_ratio("find/80", "redis")),
+        *((f"find of one key, {entries} entries, over Redis", "<=", 1,
+           peer_ratio(f"findAgain/{entries}", "redis")) for entries in (1, 80, 1000, 10000)),
+        *((f"find of each key, {entries} entries, over Redis", "<=", 1,
+           peer_ratio(f"find/{entries}", "redis")) for entries in (1, 80, 1000, 10000)),
         ("find, 500 entries, over D-Bus", "<=", 1, peer_ratio("find/500", "dbus")),
         ("find through a group, 1 entry, over a private find", "<=", 3,
          results.ratio("registry/findShared/1", "registry/find/1")),

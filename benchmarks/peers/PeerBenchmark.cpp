@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace benchmarks::peers {
 
@@ -95,13 +96,24 @@ void publishAndWithdraw(benchmark::State& state, World& world, std::size_t count
     }
 }
 
-void find(benchmark::State& state, World& world, std::size_t) {
-    const std::string key = numberedEntry(0).key;
+/// The first so many entries, by turns.
+void findEach(benchmark::State& state, World& world, std::size_t count) {
+    constexpr std::size_t prime = 7919;
+    std::vector<std::string> keys;
+    for (std::size_t i = 0; i < count; ++i) {
+        keys.push_back(numberedEntry(i).key);
+    }
+    std::size_t turn = 0;
     for (auto _ : state) {
-        if (!world.getConnection().find(key)) {
+        turn += prime;
+        if (!world.getConnection().find(keys[turn % count])) {
             throw std::runtime_error("what is published was not found");
         }
     }
+}
+
+void findAgain(benchmark::State& state, World& world, std::size_t) {
+    findEach(state, world, 1);
 }
 
 void list(benchmark::State& state, World& world, std::size_t count) {
@@ -197,8 +209,11 @@ void registerPeer(Worlds& worlds, const Kind& kind) {
     for (const std::size_t count : {1U, 1000U}) {
         registration.addTimed("publishAndWithdraw", count, publishAndWithdraw);
     }
-    for (const std::size_t count : {1U, 10U, 80U, 100U, 500U, 1000U}) {
-        registration.addTimed("find", count, find);
+    for (const std::size_t count : {1U, 10U, 80U, 100U, 500U, 1000U, 10000U}) {
+        registration.addTimed("find", count, findEach);
+    }
+    for (const std::size_t count : {1U, 80U, 1000U, 10000U}) {
+        registration.addTimed("findAgain", count, findAgain);
     }
     for (const std::size_t count : {10U, 100U, 1000U}) {
         registration.addTimed("list", count, list);

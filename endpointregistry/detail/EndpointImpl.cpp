@@ -5,6 +5,7 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
 #include "endpointregistry/detail/EndpointSysVImpl.h"
+#include "endpointregistry/detail/EntryHint.h"
 #include "endpointregistry/detail/NameListing.h"
 #include "endpointregistry/detail/Synonyms.h"
 #include "foundation/os/Process.h"
@@ -26,14 +27,20 @@ std::vector<std::string> namesIn(const EntryFolder& folder, const std::string& g
     return folder.names([&](std::string_view name) { return contains(name, sameTag); });
 }
 
-/// The test for names of this group tag and this selected key.
-auto hasTagAndKey(const std::string& groupTag, const std::string& selectedKey) {
-    // The key first, which fewer names have.
-    return [sameTag = getGroupTagPrefix(groupTag),
-            sameKey = getSelectedKeySubstring(selectedKey)](std::string_view name) {
+/// The test for names of one group tag and one selected key.
+struct HasTagAndKey {
+    HasTagAndKey(const std::string& groupTag, const std::string& selectedKey)
+        : sameTag(getGroupTagPrefix(groupTag))
+        , sameKey(getSelectedKeySubstring(selectedKey)) {}
+
+    bool operator()(std::string_view name) const {
+        // The key first, which fewer names have.
         return contains(name, sameKey) && contains(name, sameTag);
-    };
-}
+    }
+
+    std::string sameTag;
+    std::string sameKey;
+};
 
 } // namespace
 
@@ -67,7 +74,7 @@ std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag
 std::vector<std::string> Endpoint::Impl::findNames(const std::string& groupTag,
                                                    const std::string& selectedKey,
                                                    const std::string& trustee) {
-    return EntryFolder(trustee).names(hasTagAndKey(groupTag, selectedKey));
+    return EntryFolder(trustee).names(HasTagAndKey(groupTag, selectedKey));
 }
 
 Endpoint::DataPair Endpoint::Impl::getDataPair(const std::string& name,
@@ -80,8 +87,15 @@ std::optional<Endpoint::DataPair> Endpoint::Impl::findDataPair(const std::string
                                                                const std::string& selectedKey,
                                                                const std::string& trustee) {
     const EntryFolder folder(trustee);
-    const auto isWanted = hasTagAndKey(groupTag, selectedKey);
+    const HasTagAndKey isWanted(groupTag, selectedKey);
     if (folder.trustee().isNone()) {
+        // An empty text stands for any, of which no hint tells.
+        if (!groupTag.empty() && !selectedKey.empty()) {
+            const EntryHint hint(folder.privateBase(), isWanted.sameTag, isWanted.sameKey);
+            if (auto data = PosixImpl::findHinted(hint, std::ref(isWanted), folder)) {
+                return data;
+            }
+        }
         return PosixImpl::findDataPair(std::ref(isWanted), folder);
     }
     std::vector<DataPair> data =

@@ -4,6 +4,7 @@
 #include "endpointregistry/detail/EntryFolder.h"
 #include "endpointregistry/detail/EntrySegment.h"
 
+#include <climits>
 #include <functional>
 #include <string_view>
 #include <utility>
@@ -16,6 +17,11 @@ using sharedmemory::SharedMemory;
 
 constexpr auto implementation = SharedMemory::ImplementationSpecifications::Posix;
 
+/// Whether this is no path that leads out of the folder of entries.
+bool canBeFileName(std::string_view name) {
+    return name.size() <= NAME_MAX && name.find('/') == std::string_view::npos;
+}
+
 } // namespace
 
 Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag,
@@ -27,7 +33,7 @@ Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag
                                const std::string& selectedKey, const EntryFolder& folder)
     : Impl(data, groupTag, selectedKey, folder.trustee().name())
     , lockedFile(lockEntryFile(folder))
-    , sharedMemory(replaceSharedMemory(data)) {
+    , sharedMemory(replaceSharedMemory(data, folder)) {
 }
 
 LockedFile Endpoint::PosixImpl::createLockedFile() {
@@ -45,18 +51,31 @@ SharedMemory Endpoint::PosixImpl::createSharedMemory(const DataPair& data) const
     return segment;
 }
 
-SharedMemory Endpoint::PosixImpl::replaceSharedMemory(const DataPair& data) const {
+SharedMemory Endpoint::PosixImpl::replaceSharedMemory(const DataPair& data,
+                                                      const EntryFolder& folder) const {
     try {
         return createSharedMemory(data);
     } catch (const DuplicateEndpointError&) {
         // Looked for only when it is in the way, which it is next to never.
-        removeSharedMemory(entryName(), trusteeName());
+        removeTraces(entryName(), folder);
         return createSharedMemory(data);
     }
 }
 
-void Endpoint::PosixImpl::removeSharedMemory(const std::string& name, const std::string& trustee) {
-    if (SharedMemory segment = findSharedMemory(name, trustee); segment.isAttached()) {
+void Endpoint::PosixImpl::leaveHint(const EntryFolder& folder, std::string_view tagPrefix,
+                                    std::string_view keyPart) noexcept {
+    try {
+        hint = PublishedHint(EntryHint(folder.privateBase(), tagPrefix, keyPart), entryName());
+    } catch (...) { // NOLINT(bugprone-empty-catch): then there is none
+    }
+}
+
+void Endpoint::PosixImpl::removeTraces(const std::string& name, const EntryFolder& folder) {
+    if (folder.trustee().isNone()) {
+        EntryHint::removeThatOf(name, folder.privateBase());
+    }
+    SharedMemory segment = findSharedMemory(name, folder.trustee().name());
+    if (segment.isAttached()) {
         segment.markForDeletion();
     }
 }
@@ -64,7 +83,7 @@ void Endpoint::PosixImpl::removeSharedMemory(const std::string& name, const std:
 bool Endpoint::PosixImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
                                                          const EntryFolder& folder) {
     return folder.clearIfStale(name, [&] {
-        removeSharedMemory(name, folder.trustee().name());
+        removeTraces(name, folder);
         return true;
     });
 }
@@ -89,6 +108,23 @@ Endpoint::DataPair Endpoint::PosixImpl::getDataPair(const std::string& name,
         return {};
     }
     return entrysegment::read(*copy, length);
+}
+
+std::optional<Endpoint::DataPair> Endpoint::PosixImpl::findHinted(const EntryHint& hint,
+                                                                  const NameTest& isWanted,
+                                                                  const EntryFolder& folder) {
+    const std::optional<std::string> name = hint.read();
+    if (!name) {
+        return std::nullopt;
+    }
+    if (canBeFileName(*name) && isWanted(*name)) {
+        if (DataPair data = getDataPair(*name, folder); isReadable(data)) {
+            return data;
+        }
+    }
+    // By now it may be that of somebody who has just published the key.
+    hint.removeIfItSays(*name);
+    return std::nullopt;
 }
 
 std::optional<Endpoint::DataPair> Endpoint::PosixImpl::findDataPair(const NameTest& isWanted,

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "endpointregistry/detail/EndpointImpl.h"
+#include "endpointregistry/detail/EntryHint.h"
 #include "sharedmemory/SharedMemory.h"
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace agent::spf::endpointregistry {
 
@@ -30,10 +32,21 @@ public:
     static sharedmemory::SharedMemory findSharedMemory(const std::string& name,
                                                        const std::string& trustee);
 
+    /// Leaves the hint by which `find` comes to this entry, whose tag and key give these pieces of
+    /// names. Only for an entry that stays: one that no other stands in the way of. It is found
+    /// without a hint as well, so nothing is reported where none can be made.
+    void leaveHint(const EntryFolder& folder, std::string_view tagPrefix,
+                   std::string_view keyPart) noexcept;
+
     /// Whether no publisher holds the entry of this name; what a dead one left is removed then.
     static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder);
 
     static DataPair getDataPair(const std::string& name, const EntryFolder& folder);
+
+    /// The data of the entry that the hint names, if that passes the test and can be read. A hint
+    /// that leads to no such entry is removed.
+    static std::optional<DataPair> findHinted(const EntryHint& hint, const NameTest& isWanted,
+                                              const EntryFolder& folder);
 
     /// The data of the first entry that passes the test and can be read. The folder is read no
     /// further than to that one.
@@ -42,13 +55,17 @@ public:
 
 private:
     /// For the holder of the entry's file: what has the segment's name is a dead publisher's.
-    sharedmemory::SharedMemory replaceSharedMemory(const DataPair& data) const;
+    sharedmemory::SharedMemory replaceSharedMemory(const DataPair& data,
+                                                   const EntryFolder& folder) const;
 
-    static void removeSharedMemory(const std::string& name, const std::string& trustee);
+    /// Removes what a dead publisher left beside the entry's file, for whoever has the file's lock.
+    static void removeTraces(const std::string& name, const EntryFolder& folder);
 
-    // The data goes before the lock that guards it.
+    // The hint goes before the data, and that before the lock that guards both: for as long as the
+    // file stands, whoever looks next finds what a crash has left of the rest.
     LockedFile lockedFile;
     sharedmemory::SharedMemory sharedMemory;
+    PublishedHint hint;
 };
 
 } // namespace agent::spf::endpointregistry

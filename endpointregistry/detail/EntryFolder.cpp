@@ -4,12 +4,14 @@
 #include "endpointregistry/detail/JoinedRegistry.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
+#include "endpointregistry/detail/ParentPath.h"
 #include "foundation/os/FileBytes.h"
 #include "foundation/paths/UsersFolder.h"
 
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -18,12 +20,44 @@ namespace agent::spf::endpointregistry {
 
 using namespace std::chrono_literals;
 
+namespace {
+
+/// Of a file in the folder of private entries, or of the folder itself with a trailing "/".
+std::string pathOf(const std::string& base, std::string_view name) {
+    constexpr std::string_view parent = EntryFolder::parent;
+    std::string path;
+    path.reserve(base.size() + parent.size() + 1 + name.size());
+    return path.append(base).append(parent).append(1, '/').append(name);
+}
+
+} // namespace
+
 const OpenFolder* EntryFolder::folder() const {
     // That there was none is not remembered: the first entry makes it.
     if (!found) {
-        found = joined::findFolder(parent, group);
+        found = group.isNone() ? OpenFolder::open(pathOf(privateBase(), {}))
+                               : joined::findFolder(parent, group);
+        if (!found) {
+            forget();
+        }
     }
     return found ? &*found : nullptr;
+}
+
+const std::string& EntryFolder::privateBase() const {
+    if (base.empty()) {
+        base = privateBasePath();
+    }
+    return base;
+}
+
+void EntryFolder::forget() const {
+    found.reset();
+    base.clear();
+}
+
+bool EntryFolder::isHeldAtItsPath(const std::string& name) const {
+    return openAndShareLock(pathOf(privateBase(), name)).error == EWOULDBLOCK;
 }
 
 std::vector<std::string> EntryFolder::names(const NameTest& isWanted) const {
@@ -60,7 +94,7 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew, std::string_vi
             return LockedFile::Impl::wrap(std::move(impl));
         }
         // Somebody has removed the folder since it was opened.
-        found.reset();
+        forget();
     }
     return isNew ? joined::createAndTryLock(name, parent, group, contents)
                  : joined::tryLock(name, parent, group);
@@ -87,6 +121,10 @@ std::optional<std::string> EntryFolder::contentsOfLiving(const std::string& name
 
 bool EntryFolder::clearIfStale(const std::string& name, const std::function<bool()>& removeData,
                                std::chrono::milliseconds timeout) const {
+    // As a rule it lives, and nothing else is asked of the folder.
+    if (!found && group.isNone() && isHeldAtItsPath(name)) {
+        return false;
+    }
     const OpenFolder* const open = folder();
     if (open == nullptr) {
         return true;

@@ -28,6 +28,10 @@ public:
 
     const foundation::os::Group& trustee() const { return group; }
 
+    /// Where the folder of private entries lies, as `privateBasePath` tells it: examined once for
+    /// all that follows.
+    const std::string& privateBase() const;
+
     /// The names of the entries that pass the test.
     std::vector<std::string> names(const NameTest& isWanted) const;
 
@@ -57,7 +61,15 @@ private:
     /// Nothing when there is no folder.
     const OpenFolder* folder() const;
 
+    /// Whether a publisher holds the private entry. Asked by the path of its file: to open the
+    /// folder for that and close it again would take longer. False where it cannot be asked.
+    bool isHeldAtItsPath(const std::string& name) const;
+
+    /// What is known of the folder does not hold any more.
+    void forget() const;
+
     foundation::os::Group group;
+    mutable std::string base;
     mutable std::optional<OpenFolder> found;
     /// Whether the last attempt to clear up waited for others in vain.
     mutable bool isFolderBusy = false;

@@ -13,7 +13,10 @@ namespace agent::spf::endpointregistry {
 namespace os = foundation::os;
 
 std::optional<OpenFolder> OpenFolder::findPrivate(const std::string& parent) {
-    std::string path = parentPathOf(parent, {}, false);
+    return open(parentPathOf(parent, {}, false));
+}
+
+std::optional<OpenFolder> OpenFolder::open(const std::string& path) {
     os::FileDescriptor folder(os::retryOnInterrupt(
         [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (!folder) {
@@ -22,7 +25,7 @@ std::optional<OpenFolder> OpenFolder::findPrivate(const std::string& parent) {
         }
         failToReadFolder(errno);
     }
-    return OpenFolder(std::move(folder), std::move(path));
+    return OpenFolder(std::move(folder), path);
 }
 
 std::vector<std::string> OpenFolder::names(const NameTest& isWanted) const {

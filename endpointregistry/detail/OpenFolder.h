@@ -24,6 +24,10 @@ public:
     /// std::runtime_error when it cannot be opened or the private base is not to be trusted.
     static std::optional<OpenFolder> findPrivate(const std::string& parent);
 
+    /// The folder at this path, with a trailing "/", in a base that was examined just now; nothing
+    /// when there is none. Throws std::runtime_error when it cannot be opened.
+    static std::optional<OpenFolder> open(const std::string& path);
+
     /// The names in it that pass the test, in the order in which the folder lists them. What is
     /// made after the folder was opened may be missing from the first call, not from a later one.
     /// Throws std::runtime_error when it cannot be read.

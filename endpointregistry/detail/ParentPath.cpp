@@ -16,11 +16,9 @@ namespace {
 using foundation::log::severity;
 
 std::string getPrivateFolderPath(const std::string& parent, bool create) {
-    // The path service has made the base, or made sure that it can be trusted.
-    std::string path = fl::i18n::ustring_to_utf8(
-        foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateBase));
-    path.reserve(path.size() + parent.size() + 2);
-    path.append("/").append(parent).append("/");
+    std::string path = privateBasePath();
+    path.reserve(path.size() + parent.size() + 1);
+    path.append(parent).append("/");
     if (create) {
         createFolder(path);
     }
@@ -49,6 +47,13 @@ std::string getTrusteeFolderPath(const std::string& parent, const std::string& t
 }
 
 } // namespace
+
+std::string privateBasePath() {
+    // The path service has made the base, or made sure that it can be trusted.
+    return fl::i18n::ustring_to_utf8(
+               foundation::paths::getCorvantisPath(foundation::paths::LocationHint::PrivateBase)) +
+           "/";
+}
 
 std::string parentPathOf(const std::string& parent, const std::string& trustee, bool create) {
     return trustee.empty() ? getPrivateFolderPath(parent, create)

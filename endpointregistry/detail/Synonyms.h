@@ -17,6 +17,10 @@ public:
     Synonyms(const Endpoint::DataPair& data, const std::string& groupTag,
              const std::string& selectedKey, const EntryFolder& folder);
 
+    /// What the names of this group tag and of this selected key have.
+    const std::string& tagPrefix() const { return sameTag; }
+    const std::string& keyPart() const { return sameKey; }
+
     std::set<std::string> names() const;
 
     /// How many of them are alive; one that has vanished since it was listed counts as well.

@@ -66,6 +66,19 @@ std::vector<std::string> entryFiles() {
     return isThere(entryFolder()) ? namesIn(entryFolder()) : std::vector<std::string>();
 }
 
+std::string hintFolder() {
+    return privateFolder("qvEndpointHints");
+}
+
+std::string hintPath(const std::string& groupTag, const std::string& selectedKey) {
+    return hintFolder() + registry::hashString(groupTag) + "k" + registry::hashString(selectedKey);
+}
+
+std::vector<std::string> hintFiles() {
+    const bool isFolder = fs::is_directory(fs::status(hintFolder()));
+    return isFolder ? namesIn(hintFolder()) : std::vector<std::string>();
+}
+
 std::vector<std::string> segmentFiles() {
     std::vector<std::string> names = namesIn(segmentFolder);
     std::erase_if(names, [](const std::string& name) {
@@ -149,6 +162,7 @@ void RegistryTest::SetUp() {
 
 void RegistryTest::TearDown() {
     EXPECT_EQ(entryFiles(), std::vector<std::string>());
+    EXPECT_EQ(hintFiles(), std::vector<std::string>());
     EXPECT_EQ(segmentFiles(), std::vector<std::string>());
 }
 

@@ -23,6 +23,13 @@ std::string segmentPath(const std::string& name);
 /// The names of all files in the calling user's entry folder; none where there is no folder.
 std::vector<std::string> entryFiles();
 
+/// Where the calling user's hints to entries are, and that of a group tag and a selected key.
+std::string hintFolder();
+std::string hintPath(const std::string& groupTag, const std::string& selectedKey);
+
+/// The names of all hints of the calling user; none where there is no folder.
+std::vector<std::string> hintFiles();
+
 /// The names of all segments of shared memory, whoever owns them.
 std::vector<std::string> segmentFiles();
 
