@@ -86,6 +86,12 @@ public:
     // with the same data, group tag and selected key, which members of the group find with the
     // lookups that search it. The private entry stays. All throw std::invalid_argument on an empty
     // object.
+    //
+    // Members work on a group's table by turns, and wait for as long as others take turns. One who
+    // was stopped in it (by a debugger, for instance) is not waited for without end: lookups and
+    // withdrawals go on after 2 seconds, `addTrustees` gives up after 10 (see the timeouts of
+    // `NamedStringArray`). What is shared stays in sight for as long as its publisher lives, also
+    // when the table is lost, as with the logout of the user who made it.
 
     /// Shares the entry with these groups, too; those it is shared with already and the empty
     /// string are passed over. Groups are taken in ascending order.
@@ -97,7 +103,8 @@ public:
     /// a zero byte; DuplicateEndpointError when another object of this process shares an entry of
     /// the same data, tag and key with the group; std::runtime_error when the shared folder of this
     /// machine is missing, when something stands in a place of the group that does not belong to
-    /// it, when the private entry cannot be read any more, or when the system refuses. Groups
+    /// it, when a member who was stopped does not let go of the group's table (the text names the
+    /// process), when the private entry cannot be read any more, or when the system refuses. Groups
     /// before the one that failed stay shared.
     void addTrustees(std::set<std::string> trustees);
 
@@ -108,7 +115,9 @@ public:
     /// not find the entry. Throws std::runtime_error when the caller's own registry cannot be read.
     ///
     /// This, and every other way to end a sharing, ends the process when the group's table cannot
-    /// be reached for want of descriptors, memory or rights.
+    /// be reached for want of descriptors, memory or rights. Where a member who was stopped does not
+    /// let go of the table, it leaves what a killed publisher leaves, for the next to look to clear
+    /// away.
     void removeTrustees(std::set<std::string> trustees);
 
     /// Ends the sharing with all groups.
