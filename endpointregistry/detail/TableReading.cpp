@@ -32,7 +32,8 @@ Result Table::readSafely(ReadOnce readOnce) {
             return {};
         }
         const auto lock = access.tryLock(NamedStringArray::readTimeout);
-        if (!base.isStillNamed()) {
+        // One that the system has removed may be read as well: what lives is to be found.
+        if (SharedMemory::Openers::isMarkedRemoved(base)) {
             continue;
         }
         Result now = readOnce(base);

@@ -29,6 +29,10 @@ public:
     /// What tells an attached System V segment from every other there ever was.
     static SegmentToken tokenOf(const SharedMemory& memory);
 
+    /// Whether a user of the service has removed an attached System V segment. What the system
+    /// removes, as at a logout, is only `isStillNamed` aware of.
+    static bool isMarkedRemoved(const SharedMemory& memory);
+
 private:
     SysVSegments segments;
 };

@@ -136,6 +136,10 @@ SegmentToken SharedMemory::Openers::tokenOf(const SharedMemory& memory) {
     return dynamic_cast<const SysVSegment&>(*memory.segment).token();
 }
 
+bool SharedMemory::Openers::isMarkedRemoved(const SharedMemory& memory) {
+    return dynamic_cast<const SysVSegment&>(*memory.segment).isMarkedRemoved();
+}
+
 std::optional<std::string> SharedMemory::read(const std::string& name, std::size_t size,
                                               const std::string& trustee,
                                               ImplementationSpecifications implementation) {

@@ -30,8 +30,12 @@ std::size_t SysVSegment::size() const noexcept {
     return wholeSize - trailer::size;
 }
 
+bool SysVSegment::isMarkedRemoved() const noexcept {
+    return !trailer::matches(end(), record.token);
+}
+
 bool SysVSegment::isStillNamed() const noexcept {
-    if (!trailer::matches(end(), record.token) || os::identityAt(path) != identity) {
+    if (isMarkedRemoved() || os::identityAt(path) != identity) {
         return false;
     }
     const auto status = sysv::statusOf(record.id);

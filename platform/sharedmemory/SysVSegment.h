@@ -29,6 +29,9 @@ public:
 
     const SegmentToken& token() const { return record.token; }
 
+    /// Whether a user of the service has removed it, which takes no system call to find out.
+    bool isMarkedRemoved() const noexcept;
+
 private:
     /// Takes the name away, where it still stands for this segment.
     std::optional<UnnamedRecord> takeRecord() noexcept;
