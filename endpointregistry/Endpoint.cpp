@@ -72,6 +72,7 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
         }
         primary = std::make_unique<PosixImpl>(data, groupTag, selectedKey, folder);
         if (synonyms.hasOnly(primary->entryName())) {
+            folder.tellReady(primary->entryName());
             return;
         }
         primary.reset();

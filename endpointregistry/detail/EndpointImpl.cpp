@@ -3,6 +3,7 @@
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/Groups.h"
 #include "endpointregistry/Loggers.h"
+#include "endpointregistry/detail/BriefWait.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
 #include "endpointregistry/detail/EndpointSysVImpl.h"
 #include "endpointregistry/detail/NameListing.h"
@@ -10,6 +11,7 @@
 #include "foundation/os/Process.h"
 
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <string_view>
@@ -109,19 +111,18 @@ std::vector<Endpoint::DataPair> Endpoint::Impl::getDataPairs(const std::vector<s
     return pairs;
 }
 
-LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder) const {
-    // Nearly always the name is new. If it is not, its holder may be dead, or may go between two
-    // attempts.
+LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder,
+                                         const std::function<void()>& removeData) const {
+    // Nearly always the name is new. If it is not, its holder may be dead: an earlier program of
+    // this process, or one whose process id was given out again. Or it may go between two attempts.
+    constexpr auto patience = std::chrono::seconds(1);
     LockedFile file = folder.lock(name, true);
     if (!file.isLocked()) {
-        file = folder.lock(name, false);
-        if (file.isLocked()) {
-            // Left by a dead publisher: an earlier program of this process, or one whose process id
-            // was given out again.
-            file.markForDeletion();
-        } else {
+        tryBriefly(patience, [&] {
+            const bool isStale = folder.clearIfStale(name, removeData);
             file = folder.lock(name, true);
-        }
+            return file.isLocked() || !isStale;
+        });
     }
     if (file.isLocked()) {
         return file;

@@ -84,6 +84,7 @@ LockedFile Endpoint::SysVImpl::publish(const DataPair& data) const {
     const EntryFolder folder(trusteeName());
     LockedFile file = createLockedFile(folder);
     tableOf(trusteeName()).insert({entryName(), data.first, data.second}, folder.trustee());
+    folder.tellReady(entryName());
     return file;
 }
 
@@ -99,10 +100,11 @@ LockedFile Endpoint::SysVImpl::createLockedFile() {
 }
 
 LockedFile Endpoint::SysVImpl::createLockedFile(const EntryFolder& folder) const {
-    LockedFile file = lockEntryFile(folder);
-    // A dead publisher's, which readers would come upon first.
     NamedStringArray table = tableOf(trusteeName());
-    eraseRows(table, entryName(), folder.trustee());
+    const auto removeRows = [&] { eraseRows(table, entryName(), folder.trustee()); };
+    LockedFile file = lockEntryFile(folder, removeRows);
+    // A dead publisher's, which readers would come upon first.
+    removeRows();
     return file;
 }
 
