@@ -95,7 +95,9 @@ public:
     // what happened meanwhile is not lost.
 
     /// What has happened since the last call, in order, without waiting; at first all entries that
-    /// are there. Each appearance and each disappearance is reported once, the appearance first.
+    /// are there, in no particular order, like all that come to light at once when a folder appears
+    /// or more has happened than the system keeps (fs.inotify.max_queued_events). Each appearance
+    /// and each disappearance is reported once, the appearance first.
     ///
     /// Entries whose publication and end both fall between two calls may go unreported; so may the
     /// end of one whose very name is published anew before the next call, together with its return.

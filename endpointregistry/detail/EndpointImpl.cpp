@@ -128,8 +128,10 @@ LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder,
         return file;
     }
     const int error = file.getLockError();
-    const bool isTaken = error == EEXIST || error == EWOULDBLOCK ||
-                         LockedFile::exists(name, LF_PARENT_PATH, trustee);
+    // What stands there may be no file that anybody could have locked.
+    const bool isTaken =
+        (error == EEXIST && folder.publisherOf(name) != EntryFolder::Publisher::dead) ||
+        LockedFile::exists(name, LF_PARENT_PATH, trustee);
     if (!isTaken) {
         getLogger().log(foundation::log::severity::error,
                         "Endpoint::Impl::createLockedFile(): Failed to create file: <",
