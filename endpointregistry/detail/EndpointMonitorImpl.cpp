@@ -1,10 +1,7 @@
 #include "endpointregistry/detail/EndpointMonitorImpl.h"
 
-#include "endpointregistry/Loggers.h"
-
 #include <algorithm>
 #include <cerrno>
-#include <stdexcept>
 #include <utility>
 
 namespace agent::spf::endpointregistry {
@@ -29,12 +26,7 @@ EndpointMonitor::Impl::Impl(std::string groupTag, std::set<std::string> trustees
     , wakeUp(folders.descriptor()) {
     if (!wakeUp) {
         const int error = errno;
-        const std::string reason = foundation::os::reasonForNoWatch(error);
-        getLogger().log(foundation::log::severity::error,
-                        "EndpointMonitor: Failed to make a descriptor: ", reason, ". (Error ",
-                        error, ")");
-        throw std::runtime_error("Endpoint Registry Error: The system allows no further watch: " +
-                                 reason);
+        failToWatch(foundation::os::reasonForNoWakeUp(error), error);
     }
     for (const std::string& trustee : ownTrustees) {
         perTrustee.emplace_back(trustee, ownTag, events);

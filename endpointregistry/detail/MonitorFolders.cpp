@@ -16,14 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using Kind = foundation::os::DirectoryChange::Kind;
 
-[[noreturn]] void failToWatch(const std::string& path, int error) {
-    const std::string reason = foundation::os::reasonForNoWatch(error);
-    getLogger().log(foundation::log::severity::error, "EndpointMonitor: Failed to watch: <", path,
-                    ">: ", reason, ". (Error ", error, ")");
-    throw std::runtime_error("Endpoint Registry Error: The system allows no further watch: " +
-                             reason);
-}
-
 /// The path of a trustee's entries, without a slash at its end.
 fs::path folderOf(const std::string& trustee) {
     return fs::path(parentPathOf(EntryFolder::parent, trustee, false)).parent_path();
@@ -31,9 +23,17 @@ fs::path folderOf(const std::string& trustee) {
 
 } // namespace
 
+void failToWatch(const std::string& reason, int error) {
+    getLogger().log(foundation::log::severity::error,
+                    "EndpointMonitor(): Failed to watch: ", reason, ". (Error ", error, ")");
+    throw std::runtime_error("Endpoint Registry Error: The system allows no further watch: " +
+                             reason);
+}
+
 MonitorFolders::MonitorFolders() {
     if (!watch) {
-        failToWatch({}, errno);
+        const int error = errno;
+        failToWatch(foundation::os::reasonForNoWatch(error), error);
     }
 }
 
@@ -101,8 +101,9 @@ bool MonitorFolders::watchEntries(const fs::path& folder, std::size_t trustee) {
 
 std::optional<int> MonitorFolders::add(const fs::path& folder, Links links) {
     auto number = watch.add(folder, links);
-    if (!number && (errno == ENOSPC || errno == ENOMEM)) {
-        failToWatch(folder, errno);
+    const int error = errno;
+    if (!number && (error == ENOSPC || error == ENOMEM)) {
+        failToWatch(foundation::os::reasonForNoWatch(error), error);
     }
     // One that is missing, or not to be read, is found so by whoever reads it, too.
     return number;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -11,6 +12,9 @@
 #include <vector>
 
 namespace agent::spf::endpointregistry {
+
+/// Logs and throws std::runtime_error, which name the limit that keeps a monitor from watching.
+[[noreturn]] void failToWatch(const std::string& reason, int error);
 
 /// The folders that a monitor watches: those of the entries, and so much of the way to them that no
 /// folder can appear, vanish or be put in another's place unnoticed.

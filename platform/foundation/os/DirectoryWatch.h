@@ -75,8 +75,8 @@ private:
     std::set<int> withoutInodes;
 };
 
-/// Why there is no watch, from the errno value of `DirectoryWatch` or `add`: which limit is reached
-/// and its value, as in "fs.inotify.max_user_watches (8192)", or else "error 13".
+/// Why there is no watch, from the errno value of `DirectoryWatch` or `add`, as
+/// `reasonForNoDescriptor` tells it.
 std::string reasonForNoWatch(int error);
 
 } // namespace foundation::os

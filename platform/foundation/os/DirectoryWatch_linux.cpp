@@ -2,6 +2,7 @@
 
 #include "foundation/os/HighDescriptor.h"
 #include "foundation/os/RetryOnInterrupt.h"
+#include "foundation/os/SystemLimits.h"
 #include "foundation/os/TemporaryName.h"
 
 #include <array>
@@ -11,10 +12,8 @@
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <linux/magic.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <sys/vfs.h>
 #include <system_error>
 #include <unistd.h>
@@ -75,17 +74,6 @@ void handOver(const inotify_event& event, std::string_view name, bool hasInodes,
     }
 }
 
-/// The value of a limit of this kind, as the system tells it; "?" where it does not.
-std::string valueOf(const std::string& limit) {
-    std::ifstream file("/proc/sys/fs/inotify/" + limit);
-    std::string value;
-    return file >> value ? value : "?";
-}
-
-std::string describe(const std::string& limit) {
-    return "fs.inotify." + limit + " (" + valueOf(limit) + ")";
-}
-
 /// Whether this process has a descriptor left.
 bool hasDescriptorLeft() {
     const FileDescriptor any(::open("/", O_PATH | O_CLOEXEC));
@@ -143,17 +131,14 @@ bool DirectoryWatch::read(const Taker& take) {
 }
 
 std::string reasonForNoWatch(int error) {
+    // A user has one such limit on the machine and one in each user namespace.
     if (error == ENOSPC) {
-        return describe("max_user_watches");
+        return describeLowest({"fs.inotify.max_user_watches", "user.max_inotify_watches"});
     }
     if (error == EMFILE && hasDescriptorLeft()) {
-        return describe("max_user_instances");
+        return describeLowest({"fs.inotify.max_user_instances", "user.max_inotify_instances"});
     }
-    rlimit limit{};
-    if (error == EMFILE && ::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        return "RLIMIT_NOFILE (" + std::to_string(limit.rlim_cur) + ")";
-    }
-    return "error " + std::to_string(error);
+    return reasonForNoDescriptor(error);
 }
 
 } // namespace foundation::os

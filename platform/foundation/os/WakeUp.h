@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
 
 namespace foundation::os {
 
@@ -43,5 +44,9 @@ private:
     std::optional<Time> alarm;
     bool isCalled = false;
 };
+
+/// Why there is no such descriptor, from the errno value of `WakeUp`, as `reasonForNoDescriptor`
+/// tells it.
+std::string reasonForNoWakeUp(int error);
 
 } // namespace foundation::os

@@ -1,6 +1,7 @@
 #include "foundation/os/WakeUp.h"
 
 #include "foundation/os/HighDescriptor.h"
+#include "foundation/os/SystemLimits.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -83,6 +84,11 @@ WakeUp::Reason WakeUp::wait(std::chrono::nanoseconds timeOut) const noexcept {
         return Reason::signal;
     }
     return ready == 0 ? Reason::timeOut : Reason::readable;
+}
+
+std::string reasonForNoWakeUp(int error) {
+    return error == ENOSPC ? describeLowest({"fs.epoll.max_user_watches"})
+                           : reasonForNoDescriptor(error);
 }
 
 } // namespace foundation::os
