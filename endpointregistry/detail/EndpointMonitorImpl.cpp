@@ -77,20 +77,27 @@ void EndpointMonitor::Impl::update(Doubtful which) {
 }
 
 void EndpointMonitor::Impl::readAll() {
-    // Folders that somebody exchanges all the time are not to keep the caller for ever.
+    if (isScanDue) {
+        scan();
+    }
+    if (readSome() == 0) {
+        return;
+    }
+    // No more than what was there by then: others may go on without end, and so may those who
+    // exchange folders.
     constexpr int mostScans = 8;
-    int scans = 0;
-    bool isMore = true;
-    while (isMore || (isScanDue && scans < mostScans)) {
+    std::size_t rest = folders.pending();
+    for (int scans = 0; rest > 0 || (isScanDue && scans < mostScans);) {
         if (isScanDue && scans < mostScans) {
             ++scans;
             scan();
         }
-        isMore = readSome();
+        const std::size_t size = readSome();
+        rest -= size == 0 ? rest : std::min(rest, size);
     }
 }
 
-bool EndpointMonitor::Impl::readSome() {
+std::size_t EndpointMonitor::Impl::readSome() {
     return folders.read([this](const MonitorFolders::Change& change) {
         isScanDue = isScanDue || change.isOfFolders;
         // What is to be compared anew anyway need not be examined now.

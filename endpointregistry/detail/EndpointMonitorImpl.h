@@ -7,6 +7,7 @@
 #include "foundation/os/WakeUp.h"
 
 #include <chrono>
+#include <cstddef>
 #include <deque>
 #include <optional>
 #include <set>
@@ -42,7 +43,7 @@ private:
     /// Learns what has happened. When it throws, the next call compares all that is known anew.
     void update(Doubtful which);
     void readAll();
-    bool readSome();
+    std::size_t readSome();
     void scan();
     void lookAgain(Doubtful which);
     void releaseFolders();

@@ -109,7 +109,7 @@ std::optional<int> MonitorFolders::add(const fs::path& folder, Links links) {
     return number;
 }
 
-bool MonitorFolders::read(const Taker& take) {
+std::size_t MonitorFolders::read(const Taker& take) {
     return watch.read([&](const foundation::os::DirectoryChange& change) {
         const auto found = watched.find(change.watch);
         if (change.kind == Kind::lost) {

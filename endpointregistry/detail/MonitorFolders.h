@@ -42,8 +42,9 @@ public:
 
     using Taker = std::function<void(const Change& change)>;
 
-    /// As `DirectoryWatch::read`.
-    bool read(const Taker& take);
+    /// As those of `DirectoryWatch`.
+    std::size_t read(const Taker& take);
+    std::size_t pending() const noexcept { return watch.pending(); }
 
 private:
     struct Watched {

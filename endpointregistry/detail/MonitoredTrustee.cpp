@@ -53,9 +53,22 @@ void MonitoredTrustee::note(const DirectoryChange& change) {
             }
         }
     } else if (isWatched(change.name)) {
-        examine(std::string(change.name), change.kind == Kind::closed    ? Cause::closing
-                                          : change.kind == Kind::touched ? Cause::readiness
-                                                                         : Cause::change);
+        const std::string entry(change.name);
+        if (change.kind == Kind::appeared && table.withName(entry) == nullptr) {
+            expect(entry);
+        } else {
+            examine(entry, change.kind == Kind::closed    ? Cause::closing
+                           : change.kind == Kind::touched ? Cause::readiness
+                                                          : Cause::change);
+        }
+    }
+}
+
+void MonitoredTrustee::expect(const std::string& entry) {
+    // Nearly always there are no data yet, and its publisher will tell when they are there.
+    const auto file = folder().identityOf(entry);
+    if (file && !doubts.has(entry, file->inode, Reason::closed)) {
+        doubts.add(entry, file->inode, Reason::notReady, now());
     }
 }
 

@@ -63,6 +63,8 @@ private:
 
     bool isWatched(std::string_view entry) const;
     const EntryFolder& folder();
+    /// Takes note of an entry that has just been begun.
+    void expect(const std::string& entry);
     /// The entry's data; two empty strings when a lookup would not find it.
     Endpoint::DataPair read(const std::string& entry);
     void examine(const std::string& entry, Cause cause);

@@ -2,6 +2,7 @@
 
 #include "foundation/os/FileDescriptor.h"
 
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <set>
@@ -65,9 +66,12 @@ public:
     using Taker = std::function<void(const DirectoryChange& change)>;
 
     /// Hands over the oldest changes that nobody has read, in their order, without waiting, and
-    /// tells whether there may be more. Names are valid until `take` returns; what is left when it
-    /// throws is lost. Throws std::system_error when the queue cannot be read.
-    bool read(const Taker& take);
+    /// returns how many bytes of the queue they took. Names are valid until `take` returns; what is
+    /// left when it throws is lost. Throws std::system_error when the queue cannot be read.
+    std::size_t read(const Taker& take);
+
+    /// How many bytes of the queue there are to read now.
+    std::size_t pending() const noexcept;
 
 private:
     FileDescriptor queue;

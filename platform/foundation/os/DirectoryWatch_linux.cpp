@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/vfs.h>
 #include <system_error>
 #include <unistd.h>
@@ -107,15 +108,14 @@ void DirectoryWatch::remove(int watch) noexcept {
     ::inotify_rm_watch(queue.get(), watch);
 }
 
-bool DirectoryWatch::read(const Taker& take) {
-    constexpr std::size_t largestEvent = sizeof(inotify_event) + NAME_MAX + 1;
+std::size_t DirectoryWatch::read(const Taker& take) {
     // NOLINTNEXTLINE(*-member-init): filled by the system
     alignas(inotify_event) std::array<char, 32768> buffer;
     const ssize_t size =
         retryOnInterrupt([&] { return ::read(queue.get(), buffer.data(), buffer.size()); });
     if (size == -1) {
         if (errno == EAGAIN) {
-            return false;
+            return 0;
         }
         throw std::system_error(errno, std::generic_category(), "inotify");
     }
@@ -127,7 +127,12 @@ bool DirectoryWatch::read(const Taker& take) {
                  take);
         position += sizeof event + event.len;
     }
-    return static_cast<std::size_t>(size) + largestEvent > buffer.size();
+    return static_cast<std::size_t>(size);
+}
+
+std::size_t DirectoryWatch::pending() const noexcept {
+    int bytes = 0;
+    return ::ioctl(queue.get(), FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
 }
 
 std::string reasonForNoWatch(int error) {
