@@ -13,15 +13,22 @@ namespace {
 using DataPairs = std::vector<Endpoint::DataPair>;
 
 DataPairs dataWithTag(EndpointMonitor::Impl& impl, const std::string& groupTag) {
-    DataPairs found;
+    std::vector<const Endpoint::DataPair*> found;
     const std::string prefix = getGroupTagPrefix(groupTag);
     for (const MonitoredTrustee& trustee : impl.lookUp()) {
         trustee.entries().visit(
-            prefix, [&found](const MonitoredEntry& entry) { found.push_back(entry.data); });
+            prefix, [&found](const MonitoredEntry& entry) { found.push_back(&entry.data); });
     }
-    std::sort(found.begin(), found.end());
-    found.erase(std::unique(found.begin(), found.end()), found.end());
-    return found;
+    std::sort(found.begin(), found.end(),
+              [](const auto* one, const auto* other) { return *one < *other; });
+    DataPairs pairs;
+    pairs.reserve(found.size());
+    for (const Endpoint::DataPair* const data : found) {
+        if (pairs.empty() || pairs.back() != *data) {
+            pairs.push_back(*data);
+        }
+    }
+    return pairs;
 }
 
 } // namespace

@@ -80,10 +80,7 @@ void EndpointMonitor::Impl::readAll() {
     if (isScanDue) {
         scan();
     }
-    if (readSome() == 0) {
-        return;
-    }
-    // No more than what was there by then: others may go on without end, and so may those who
+    // No more than what is there by now: others may go on without end, and so may those who
     // exchange folders.
     constexpr int mostScans = 8;
     std::size_t rest = folders.pending();
@@ -98,7 +95,13 @@ void EndpointMonitor::Impl::readAll() {
 }
 
 std::size_t EndpointMonitor::Impl::readSome() {
-    return folders.read([this](const MonitorFolders::Change& change) {
+    bool isFirst = true;
+    return folders.read([&](const MonitorFolders::Change& change) {
+        if (std::exchange(isFirst, false)) {
+            for (MonitoredTrustee& trustee : perTrustee) {
+                trustee.beginNotes();
+            }
+        }
         isScanDue = isScanDue || change.isOfFolders;
         // What is to be compared anew anyway need not be examined now.
         if (!isScanDue && change.trustee) {

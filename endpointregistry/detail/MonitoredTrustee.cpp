@@ -43,7 +43,6 @@ const EntryFolder& MonitoredTrustee::folder() {
 }
 
 void MonitoredTrustee::note(const DirectoryChange& change) {
-    using Kind = DirectoryChange::Kind;
     if (change.inode) {
         // That of an entry that is not known was withdrawn, or never seen with a publisher.
         for (const auto& entries :
@@ -53,23 +52,33 @@ void MonitoredTrustee::note(const DirectoryChange& change) {
             }
         }
     } else if (isWatched(change.name)) {
-        const std::string entry(change.name);
-        if (change.kind == Kind::appeared && table.withName(entry) == nullptr) {
-            expect(entry);
-        } else {
-            examine(entry, change.kind == Kind::closed    ? Cause::closing
-                           : change.kind == Kind::touched ? Cause::readiness
-                                                          : Cause::change);
-        }
+        noteNamed(std::string(change.name), change.kind);
     }
 }
 
-void MonitoredTrustee::expect(const std::string& entry) {
+void MonitoredTrustee::noteNamed(const std::string& entry, DirectoryChange::Kind kind) {
+    using Kind = DirectoryChange::Kind;
+    if (kind == Kind::closed) {
+        examine(entry, Cause::closing);
+    } else if (examined.contains(entry)) {
+        return;
+    } else if (kind == Kind::appeared && table.withName(entry) == nullptr) {
+        if (expect(entry)) {
+            examined.insert(entry);
+        }
+    } else {
+        examine(entry, kind == Kind::touched ? Cause::readiness : Cause::change);
+        examined.insert(entry);
+    }
+}
+
+bool MonitoredTrustee::expect(const std::string& entry) {
     // Nearly always there are no data yet, and its publisher will tell when they are there.
     const auto file = folder().identityOf(entry);
     if (file && !doubts.has(entry, file->inode, Reason::closed)) {
         doubts.add(entry, file->inode, Reason::notReady, now());
     }
+    return !file;
 }
 
 void MonitoredTrustee::scan() {

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <unordered_set>
 
 namespace agent::spf::endpointregistry {
 
@@ -26,6 +27,9 @@ public:
 
     const std::string& name() const { return trustee; }
     const MonitorTable& entries() const { return table; }
+
+    /// All changes that are noted after this call have happened before it.
+    void beginNotes() { examined.clear(); }
 
     /// Takes note of a change in the folder of the entries.
     void note(const foundation::os::DirectoryChange& change);
@@ -63,8 +67,9 @@ private:
 
     bool isWatched(std::string_view entry) const;
     const EntryFolder& folder();
-    /// Takes note of an entry that has just been begun.
-    void expect(const std::string& entry);
+    void noteNamed(const std::string& entry, foundation::os::DirectoryChange::Kind kind);
+    /// Takes note of an entry that has just been begun; returns whether there is none any more.
+    bool expect(const std::string& entry);
     /// The entry's data; two empty strings when a lookup would not find it.
     Endpoint::DataPair read(const std::string& entry);
     void examine(const std::string& entry, Cause cause);
@@ -82,6 +87,9 @@ private:
     MonitorTable table;
     MonitorDoubts doubts;
     std::optional<EntryFolder> openFolder;
+    /// The entries that were examined since the notes began, and need not be so for an older
+    /// change.
+    std::unordered_set<std::string> examined;
 };
 
 } // namespace agent::spf::endpointregistry

@@ -111,6 +111,7 @@ TEST_F(MonitoredGroup, WithoutASharedFolderIsAnErrorUntilThereIsOne) {
         EXPECT_THROW(monitor.find(tag, key), std::runtime_error);
         EXPECT_THROW(EndpointMonitor("", {friends}), std::runtime_error);
         test.send("failed");
+        test.receive();
         EXPECT_EQ(await(monitor, 1).size(), 1U);
         EXPECT_EQ(monitor.find(tag, key), data);
     });
@@ -120,6 +121,7 @@ TEST_F(MonitoredGroup, WithoutASharedFolderIsAnErrorUntilThereIsOne) {
     watcher.channel().receive();
     tests::provideSharedFolder();
     Sharer sharer(anna, data, tag, key, {friends});
+    watcher.channel().send("provided");
     EXPECT_EQ(watcher.waitForExit(), 0);
 }
 
@@ -144,6 +146,7 @@ TEST_F(MonitoredGroup, WhoseFolderAStrangerMadeIsAnErrorUntilItIsRemoved) {
         EXPECT_THROW(monitor.find(tag, key), std::runtime_error);
         EXPECT_THROW(EndpointMonitor("", {friends}), std::runtime_error);
         test.send("failed");
+        test.receive();
         EXPECT_EQ(await(monitor, 1).size(), 1U);
         EXPECT_EQ(monitor.find(tag, key), data);
     });
@@ -158,6 +161,7 @@ TEST_F(MonitoredGroup, WhoseFolderAStrangerMadeIsAnErrorUntilItIsRemoved) {
     watcher.channel().receive();
     fs::remove_all(folder);
     Sharer sharer(anna, data, tag, key, {friends});
+    watcher.channel().send("removed");
     EXPECT_EQ(watcher.waitForExit(), 0);
 }
 
