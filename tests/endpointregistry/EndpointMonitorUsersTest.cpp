@@ -13,6 +13,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -226,4 +227,49 @@ TEST_F(MonitoredGroup, IsWatchedByItsMembers) {
         ASSERT_EQ(watcher.channel().receive(), "disappeared");
     }
     EXPECT_EQ(watcher.waitForExit(), 0);
+}
+
+namespace {
+
+/// Lays a file system over the shared folder that numbers its files anew, until the object goes.
+class Overlay {
+public:
+    Overlay() {
+        for (const char* const layer : {"/dev/shm/lower", "/dev/shm/upper", "/dev/shm/work"}) {
+            fs::create_directory(layer);
+        }
+        isMounted = ::mount("overlay", "/home/Shared", "overlay", MS_NOSUID | MS_NODEV,
+                            "lowerdir=/dev/shm/lower,upperdir=/dev/shm/upper,"
+                            "workdir=/dev/shm/work") == 0 &&
+                    ::chmod("/home/Shared", S_ISVTX | ACCESSPERMS) == 0;
+    }
+    Overlay(const Overlay&) = delete;
+    Overlay& operator=(const Overlay&) = delete;
+    ~Overlay() {
+        if (isMounted) {
+            ::umount2("/home/Shared", MNT_DETACH);
+        }
+    }
+
+    explicit operator bool() const { return isMounted; }
+
+private:
+    bool isMounted = false;
+};
+
+} // namespace
+
+TEST_F(MonitoredGroup, MayHaveItsFolderOnAnOverlaidFileSystem) {
+    const Overlay overlay;
+    if (!overlay) {
+        GTEST_SKIP() << "needs an overlay file system";
+    }
+    EndpointMonitor monitor("", {friends});
+    for (int round = 0; round < 20; ++round) {
+        Sharer sharer(anna, data, tag, key, {friends});
+        ASSERT_EQ(await(monitor, 1), MonitorEvents{sharedBy(sharer)});
+        sharer.kill();
+        ASSERT_EQ(monitor.find(tag, key), std::nullopt) << "in round " << round;
+        ASSERT_EQ(await(monitor, 1), MonitorEvents{tests::disappearanceOf(sharedBy(sharer))});
+    }
 }
