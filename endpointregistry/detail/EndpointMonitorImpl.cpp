@@ -72,6 +72,8 @@ void EndpointMonitor::Impl::update(Doubtful which) {
     } catch (...) {
         isScanDue = true;
         releaseFolders();
+        // Who waits for the descriptor shall come back, though nothing may happen any more.
+        wakeUp.setAlarm(steady_clock::now() + 1s);
         throw;
     }
 }

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
+#include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
@@ -195,6 +196,11 @@ TEST_F(MonitoredFolder, WhoseBaseIsNotToBeTrustedIsAnErrorUntilItIs) {
     EXPECT_THROW(monitor.find(tag, key), std::runtime_error);
     EXPECT_THROW(Endpoint::find(tag, key), std::runtime_error);
     EXPECT_THROW(EndpointMonitor(), std::runtime_error);
+    // An event loop comes back to it.
+    constexpr int limitInMilliseconds = 240'000;
+    pollfd request{monitor.fileDescriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&request, 1, limitInMilliseconds), 1);
+    EXPECT_THROW(monitor.take(), std::runtime_error);
     fs::remove(tests::privateBase());
     fs::rename(away, tests::privateBase());
     EXPECT_EQ(monitor.find(tag, key), data);

@@ -10,6 +10,7 @@
 #include "tests/support/UserNamespace.h"
 
 #include <algorithm>
+#include <exception>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
@@ -135,12 +136,22 @@ TEST_F(MonitorUnderStrain, WithoutDescriptorsIsAnErrorThatNamesTheLimit) {
     constexpr std::size_t own = 4;
     for (std::size_t left = 0; left < own; ++left) {
         EXPECT_EQ(tests::runInChild([left] {
-                      const auto hoard = tests::leaveDescriptors(left);
-                      EXPECT_EQ(messageOf([] { const EndpointMonitor monitor; }),
-                                noWatch + "RLIMIT_NOFILE (128)");
-                      for (std::size_t i = 0; i < left; ++i) {
-                          EXPECT_NE(::open("/", O_PATH | O_CLOEXEC), -1) << "leaked";
+                      std::exception_ptr thrown;
+                      {
+                          const auto hoard = tests::leaveDescriptors(left);
+                          try {
+                              const EndpointMonitor monitor;
+                          } catch (...) {
+                              thrown = std::current_exception();
+                          }
+                          for (std::size_t i = 0; i < left; ++i) {
+                              EXPECT_NE(::open("/", O_PATH | O_CLOEXEC), -1) << "leaked";
+                          }
                       }
+                      // Only now, since sanitizers need a descriptor to look at what was thrown.
+                      ASSERT_TRUE(thrown);
+                      EXPECT_EQ(messageOf([&] { std::rethrow_exception(thrown); }),
+                                noWatch + "RLIMIT_NOFILE (128)");
                   }),
                   0)
             << left;
