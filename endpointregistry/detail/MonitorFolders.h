@@ -34,7 +34,7 @@ public:
     struct Change {
         /// Which folder there is under a path may have changed, or nobody knows what happened: all
         /// is to be watched and read anew.
-        bool isOfFolders;
+        bool isOfFolders = false;
         /// Of which trustee's folder it is, by its number; nothing if it is of no interest.
         std::optional<std::size_t> trustee;
         const foundation::os::DirectoryChange& detail;

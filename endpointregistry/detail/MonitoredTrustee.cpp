@@ -27,9 +27,9 @@ MonitorDoubts::Time now() {
 
 } // namespace
 
-MonitoredTrustee::MonitoredTrustee(const std::string& trustee, const std::string& groupTag,
+MonitoredTrustee::MonitoredTrustee(std::string trusteeName, const std::string& groupTag,
                                    MonitorEvents& events)
-    : trustee(trustee)
+    : trustee(std::move(trusteeName))
     , tagPrefix(getGroupTagPrefix(groupTag))
     , events(events) {
 }
@@ -180,13 +180,11 @@ void MonitoredTrustee::drop(const std::string& entry) {
 void MonitoredTrustee::considerAgain(const std::string& entry, ino_t inode, Cause cause,
                                      bool isReadable) {
     const bool isLocked = isReadable || folder().publisherOf(entry) == Publisher::alive;
-    if (!isLocked) {
-        doubts.remove(entry);
-    } else if (cause == Cause::closing) {
+    if (isLocked && cause == Cause::closing) {
         doubts.add(entry, inode, Reason::closed, now());
-    } else if (doubts.has(entry, inode, Reason::closed)) {
+    } else if (isLocked && doubts.has(entry, inode, Reason::closed)) {
         return; // Whatever it looks like.
-    } else if (isReadable) {
+    } else if (!isLocked || isReadable) {
         doubts.remove(entry);
     } else if (!doubts.has(entry, inode, Reason::notReady)) {
         doubts.add(entry, inode, Reason::notReady, now());

@@ -22,8 +22,7 @@ namespace agent::spf::endpointregistry {
 class MonitoredTrustee {
 public:
     /// The entries with this group tag, or all for the empty one. The events outlive this.
-    MonitoredTrustee(const std::string& trustee, const std::string& groupTag,
-                     MonitorEvents& events);
+    MonitoredTrustee(std::string trusteeName, const std::string& groupTag, MonitorEvents& events);
 
     const std::string& name() const { return trustee; }
     const MonitorTable& entries() const { return table; }
@@ -47,7 +46,7 @@ public:
     enum class Doubtful { due, all };
 
     /// Examines those whose time has come, or all of them ahead of it.
-    void examineInDoubt(Doubtful which, MonitorDoubts::Time now);
+    void examineInDoubt(Doubtful which, MonitorDoubts::Time time);
 
     /// Forgets the folder, which the next examination finds anew. A monitor holds none for long: it
     /// would not be told when the folder is removed, and what a lookup would say may change.
