@@ -7,12 +7,14 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 #include <type_traits>
@@ -264,6 +266,23 @@ TEST_F(Monitor, PassesOverWhatNoLookupReads) {
     EXPECT_EQ(late.take(), MonitorEvents{appearance()});
     EXPECT_FALSE(dead.hasFile());
     EXPECT_FALSE(dead.hasSegment());
+}
+
+TEST_F(Monitor, LooksAgainAtAnEntryWhoseFileWasClosedBeforeItsLockWentAway) {
+    const std::string name = tests::entryName(data, tag, key, ::getpid());
+    const tests::PlantedEntry entry(name, tests::segmentBytes(data));
+    ASSERT_EQ(::chmod(tests::entryPath(name).c_str(), 0600), 0);
+    const foundation::os::FileDescriptor lock = tests::openFile(tests::entryPath(name));
+    ASSERT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0);
+    EndpointMonitor monitor;
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    // Tells as much as the end of a publisher does, just before its lock is dropped.
+    foundation::os::FileDescriptor(::open(tests::entryPath(name).c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(monitor.take(), MonitorEvents());
+    EXPECT_EQ(monitor.find(tag, key), data);
+    ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
+    EXPECT_EQ(await(monitor, 1), MonitorEvents{disappearance()});
+    EXPECT_EQ(monitor.find(tag, key), std::nullopt);
 }
 
 TEST_F(Monitor, WaitsUntilSomethingHappens) {
