@@ -276,6 +276,8 @@ TEST_F(Monitor, LooksAgainAtAnEntryWhoseFileWasClosedBeforeItsLockWentAway) {
     ASSERT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0);
     EndpointMonitor monitor;
     EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    // Over which it looks at all entries once more, as after every listing.
+    EXPECT_EQ(monitor.wait(100ms), MonitorEvents());
     // Tells as much as the end of a publisher does, just before its lock is dropped.
     foundation::os::FileDescriptor(::open(tests::entryPath(name).c_str(), O_WRONLY | O_CLOEXEC));
     EXPECT_EQ(monitor.take(), MonitorEvents());
