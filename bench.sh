@@ -9,7 +9,7 @@
 # random order. --json prints the table as one JSON document, --quick measures less, --filter
 # only the benchmarks whose names match (subject/operation/entries, as in registry/find/100; those of
 # peers go on with /real_time).
-# scripts/bench-table.py says what the table means.
+# scripts/bench-table.py says what the table means, scripts/bench-curves.py draws curves of its JSON.
 set -euo pipefail
 cd "$(dirname "$0")"
 

@@ -5,6 +5,7 @@ namespace benchmarks {
 // Each registers the benchmarks of one subject, those of the library beside those of the floor.
 void registerPublication();
 void registerLookups();
+void registerMonitors();
 void registerGroups();
 void registerArrays();
 void registerConcurrency();

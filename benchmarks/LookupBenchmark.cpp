@@ -2,6 +2,7 @@
 
 #include "benchmarks/Benchmarks.h"
 #include "benchmarks/Floor.h"
+#include "benchmarks/Keys.h"
 #include "benchmarks/Measuring.h"
 #include "benchmarks/Publishers.h"
 #include "endpointregistry/Endpoint.h"
@@ -9,7 +10,6 @@
 
 #include <benchmark/benchmark.h>
 #include <string>
-#include <vector>
 
 namespace benchmarks {
 
@@ -17,26 +17,6 @@ namespace {
 
 namespace registry = agent::spf::endpointregistry;
 using registry::Endpoint;
-
-/// The keys of so many entries, old and new by turns.
-class Keys {
-public:
-    explicit Keys(std::size_t count) {
-        for (std::size_t i = 0; i < count; ++i) {
-            keys.push_back(keyOf(i));
-        }
-    }
-
-    const std::string& next() {
-        constexpr std::size_t prime = 7919;
-        turn += prime;
-        return keys[turn % keys.size()];
-    }
-
-private:
-    std::vector<std::string> keys;
-    std::size_t turn = 0;
-};
 
 /// Which entries are looked up.
 enum class Wanted { eachByTurns, oneAgainAndAgain };

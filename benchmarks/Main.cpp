@@ -8,6 +8,7 @@
 int main(int argc, char** argv) {
     benchmarks::registerPublication();
     benchmarks::registerLookups();
+    benchmarks::registerMonitors();
     benchmarks::registerGroups();
     benchmarks::registerArrays();
     benchmarks::registerConcurrency();

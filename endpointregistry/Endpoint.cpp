@@ -73,6 +73,7 @@ Endpoint::Endpoint(const DataPair& data, const std::string& groupTag,
         auto record = std::make_unique<PosixImpl>(data, groupTag, selectedKey, folder);
         if (synonyms.hasOnly(record->entryName())) {
             record->leaveHint(folder, synonyms.tagPrefix(), synonyms.keyPart());
+            folder.tellReady(record->entryName());
             primary = std::move(record);
             return;
         }

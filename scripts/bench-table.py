@@ -21,7 +21,7 @@ import re
 import statistics
 import sys
 
-SUBJECTS = ["registry", "floor", "redis", "dbus", "sqlite", "lmdb", "etcd"]
+SUBJECTS = ["registry", "floor", "monitor", "redis", "dbus", "sqlite", "lmdb", "etcd"]
 MICROSECONDS = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
 
 # What Google Benchmark adds to names by itself.
@@ -29,7 +29,7 @@ HOW_IT_WAS_RUN = re.compile(r"/(real_time|process_time|manual_time"
                             r"|(iterations|repeats|min_time):[^/]+)")
 
 # Operations that are reported elsewhere than in the table.
-NOT_TIMES = ["cost", "costShared", "killed"]
+NOT_TIMES = ["cost", "costShared", "killed", "appearance", "death", "memory", "throughput"]
 
 
 class Results:
@@ -183,6 +183,26 @@ def staleness(results):
     return found
 
 
+# --- monitors
+
+
+def monitors(results):
+    """How soon a monitor reports, in microseconds by the number of entries, and what it takes."""
+    report = {}
+    for what in ("appearance", "death"):
+        found = {}
+        for name in results.runs:
+            subject, operation, entries, *_ = [*name.split("/"), ""]
+            if (subject, operation) == ("monitor", what):
+                found[int(entries)] = {percentile: results.median(name, percentile)
+                                       for percentile in ("p50_us", "p99_us")}
+        report[what] = dict(sorted(found.items()))
+    report["bytes_per_entry"] = results.median("monitor/memory/10000", "heap_bytes")
+    for counter in ("events_per_second", "publications_per_second"):
+        report[counter] = results.median("monitor/throughput/8", counter)
+    return report
+
+
 # --- printing
 
 
@@ -225,6 +245,18 @@ def print_staleness(seconds):
         print(f"  {subject:<8}  {value if isinstance(value, str) else f'{value:.3g} s'}")
 
 
+def print_monitors(report):
+    for what in ("appearance", "death"):
+        for entries, times in report[what].items():
+            print(f"\nfrom {what} to its report, {entries} entries: "
+                  f"median {number(times['p50_us'])} us, 99 % {number(times['p99_us'])} us", end="")
+    if report["bytes_per_entry"]:
+        print(f"\na watched entry takes {number(report['bytes_per_entry'])} bytes of heap")
+    if report["events_per_second"]:
+        print(f"\n8 processes that publish and withdraw: {number(report['events_per_second'])} "
+              f"events of {number(report['publications_per_second'])} publications a second")
+
+
 def print_errors(errors):
     for name, message in errors.items():
         print(f"not measured: {name}: {message}", file=sys.stderr)
@@ -259,7 +291,7 @@ def main():
         sys.exit("nothing was measured")
     results = Results(documents)
     report = {"machine": machine(documents), "table": table(results),
-              "goals": judged_goals(results), "killed_publisher_seen_s": staleness(results),
+              "goals": judged_goals(results), "killed_publisher_seen_s": staleness(results), "monitors": monitors(results),
               "errors": results.errors}
     if arguments.json:
         json.dump(report, sys.stdout, indent=2)
@@ -269,6 +301,7 @@ def main():
     print_table(report["table"])
     print_goals(report["goals"])
     print_staleness(report["killed_publisher_seen_s"])
+    print_monitors(report["monitors"])
     print_errors(results.errors)
 
 

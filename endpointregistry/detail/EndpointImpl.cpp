@@ -9,8 +9,10 @@
 #include "endpointregistry/detail/NameListing.h"
 #include "endpointregistry/detail/Synonyms.h"
 #include "foundation/os/Process.h"
+#include "foundation/os/RetryFor.h"
 
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <string_view>
@@ -123,19 +125,19 @@ std::vector<Endpoint::DataPair> Endpoint::Impl::getDataPairs(const std::vector<s
     return pairs;
 }
 
-LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder) const {
-    // Nearly always the name is new. If it is not, its holder may be dead, or may go between two
-    // attempts.
-    LockedFile file = folder.lock(name, true);
+LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder,
+                                         const std::function<bool()>& removeData,
+                                         std::string_view contents) const {
+    // Nearly always the name is new. If it is not, its holder may be dead: an earlier program of
+    // this process, or one whose process id was given out again. Or it may go between two attempts.
+    constexpr std::chrono::seconds timeout{1};
+    LockedFile file = folder.lock(name, true, contents);
     if (!file.isLocked()) {
-        file = folder.lock(name, false);
-        if (file.isLocked()) {
-            // Left by a dead publisher: an earlier program of this process, or one whose process id
-            // was given out again.
-            file.markForDeletion();
-        } else {
-            file = folder.lock(name, true);
-        }
+        foundation::os::retryFor(timeout, [&] {
+            const bool isStale = folder.clearIfStale(name, removeData);
+            file = folder.lock(name, true, contents);
+            return file.isLocked() || !isStale;
+        });
     }
     if (!file.isLocked()) {
         failToLock(file, folder);
@@ -145,10 +147,11 @@ LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder) const {
 
 void Endpoint::Impl::failToLock(const LockedFile& file, const EntryFolder& folder) const {
     const int error = file.getLockError();
-    const bool isTaken = error == EEXIST || error == EWOULDBLOCK ||
-                         LockedFile::exists(name, LF_PARENT_PATH, trustee);
-    // A dead publisher's may be in the way of another one because somebody was stopped.
-    if (!isTaken || folder.publisherOf(name) == EntryFolder::Publisher::dead) {
+    // What stands there may be no file that anybody could have locked.
+    const bool isTaken =
+        (error == EEXIST && folder.publisherOf(name) != EntryFolder::Publisher::dead) ||
+        LockedFile::exists(name, LF_PARENT_PATH, trustee);
+    if (!isTaken) {
         getLogger().log(foundation::log::severity::error,
                         "Endpoint::Impl::createLockedFile(): Failed to create file: <",
                         LockedFile::getParentPath(LF_PARENT_PATH, trustee, false) + name,

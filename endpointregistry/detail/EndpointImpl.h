@@ -4,9 +4,11 @@
 #include "endpointregistry/LockedFile.h"
 #include "endpointregistry/detail/EntryFolder.h"
 
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace agent::spf::endpointregistry {
@@ -65,17 +67,28 @@ public:
     static std::vector<DataPair> filterDataPairs(const std::string& groupTag,
                                                  const std::string& trustee);
 
+    /// The data of those of the entries that can be read, in the order of their names.
+    static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
+                                              const EntryFolder& folder);
+
+    /// Whether the entry's name says that this version of the library can read it.
+    static bool hasKnownVersion(const std::string& name);
+
 protected:
     /// Throws std::invalid_argument unless the trustee is one that this user may use.
     Impl(const DataPair& data, const std::string& groupTag, const std::string& selectedKey,
          const std::string& trustee);
 
-    /// Makes and locks the entry's file, which goes with the lock. It may be one that a dead
-    /// publisher of this very name has left, together with the data of its entry.
+    /// Makes and locks the entry's file, which goes with the lock. What a dead publisher of this
+    /// very name has left is removed before: its data, by `removeData`, which tells whether it
+    /// could, and its file. A new file of a group's has these contents. A dead publisher's file is
+    /// not locked again, for whoever watches the folder is told of a publisher's end only when the
+    /// publisher has made its file.
     ///
-    /// Throws DuplicateEndpointError when a live process has the file, std::runtime_error when it
-    /// cannot be made.
-    LockedFile lockEntryFile(const EntryFolder& folder) const;
+    /// Throws DuplicateEndpointError when a live process has the file, or others that clear up are
+    /// waited for in vain, std::runtime_error when it cannot be made.
+    LockedFile lockEntryFile(const EntryFolder& folder, const std::function<bool()>& removeData,
+                             std::string_view contents = {}) const;
 
     /// For a file that could not be locked: throws as `lockEntryFile` does.
     [[noreturn]] void failToLock(const LockedFile& file, const EntryFolder& folder) const;
@@ -86,9 +99,6 @@ protected:
         return !data.first.empty() || !data.second.empty();
     }
 
-    /// Whether the entry's name says that this version of the library can read it.
-    static bool hasKnownVersion(const std::string& name);
-
     /// Whether the process that the entry's name states is dead. That some process answers to its
     /// id proves nothing, since ids are given out again: then the lock decides.
     static bool isPublisherGone(const std::string& name);
@@ -96,10 +106,6 @@ protected:
     const std::string& trusteeName() const { return trustee; }
 
 private:
-    /// The data of those of the entries that can be read, in the order of their names.
-    static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
-                                              const EntryFolder& folder);
-
     std::string trustee;
     std::string groupTag;
     std::string selectedKey;

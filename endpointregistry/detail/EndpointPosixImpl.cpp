@@ -32,12 +32,19 @@ Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag
 Endpoint::PosixImpl::PosixImpl(const DataPair& data, const std::string& groupTag,
                                const std::string& selectedKey, const EntryFolder& folder)
     : Impl(data, groupTag, selectedKey, folder.trustee().name())
-    , lockedFile(lockEntryFile(folder))
+    , lockedFile(createLockedFile(folder))
     , sharedMemory(replaceSharedMemory(data, folder)) {
 }
 
 LockedFile Endpoint::PosixImpl::createLockedFile() {
-    return lockEntryFile(EntryFolder(trusteeName()));
+    return createLockedFile(EntryFolder(trusteeName()));
+}
+
+LockedFile Endpoint::PosixImpl::createLockedFile(const EntryFolder& folder) const {
+    return lockEntryFile(folder, [&] {
+        removeTraces(entryName(), folder);
+        return true;
+    });
 }
 
 SharedMemory Endpoint::PosixImpl::createSharedMemory(const DataPair& data) const {

@@ -54,6 +54,8 @@ public:
                                                 const EntryFolder& folder);
 
 private:
+    LockedFile createLockedFile(const EntryFolder& folder) const;
+
     /// For the holder of the entry's file: what has the segment's name is a dead publisher's.
     sharedmemory::SharedMemory replaceSharedMemory(const DataPair& data,
                                                    const EntryFolder& folder) const;

@@ -89,8 +89,9 @@ LockedFile Endpoint::SysVImpl::publish(const DataPair& data) const {
     for (;;) {
         SharedMemory base = table.openOrCreateBase();
         LockedFile file = createLockedFile(
-            folder, table, entrycopy::contentsOf(data, SharedMemory::Openers::tokenOf(base)));
+            folder, access, entrycopy::contentsOf(data, SharedMemory::Openers::tokenOf(base)));
         if (table.insertReplacing(base, row)) {
+            folder.tellReady(entryName());
             return file;
         }
         // The table was lost meanwhile, so the copy in the file states the wrong one.
@@ -113,26 +114,18 @@ Endpoint::SysVImpl::~SysVImpl() {
 LockedFile Endpoint::SysVImpl::createLockedFile() {
     const EntryFolder folder(trusteeName());
     TableAccess access(folder.trustee());
-    Table table = tableOf(access);
-    return createLockedFile(folder, table, {});
+    return createLockedFile(folder, access, {});
 }
 
-LockedFile Endpoint::SysVImpl::createLockedFile(const EntryFolder& folder, Table& table,
+LockedFile Endpoint::SysVImpl::createLockedFile(const EntryFolder& folder, TableAccess& access,
                                                 const std::string& contents) const {
-    LockedFile file = folder.lock(entryName(), true, contents);
-    if (!file.isLocked()) {
-        // Perhaps a dead publisher's: an earlier program of this process, or one whose process id
-        // was given out again. It is not taken over, since its copy is of other data.
-        folder.clearIfStale(
-            entryName(),
-            [&] { return table.eraseContaining(entryName(), NamedStringArray::changeTimeout); },
-            NamedStringArray::changeTimeout);
-        file = folder.lock(entryName(), true, contents);
-    }
-    if (!file.isLocked()) {
-        failToLock(file, folder);
-    }
-    return file;
+    const auto removeRows = [&] {
+        if (!tableOf(access).eraseContaining(entryName(), NamedStringArray::changeTimeout)) {
+            access.failBusy();
+        }
+        return true;
+    };
+    return lockEntryFile(folder, removeRows, contents);
 }
 
 bool Endpoint::SysVImpl::staleEndpointFoundAndCleanedUp(const std::string& name,

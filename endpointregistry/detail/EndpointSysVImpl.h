@@ -44,7 +44,7 @@ public:
 
 private:
     LockedFile publish(const DataPair& data) const;
-    LockedFile createLockedFile(const EntryFolder& folder, Table& table,
+    LockedFile createLockedFile(const EntryFolder& folder, TableAccess& access,
                                 const std::string& contents) const;
 
     /// The data of an entry without a row, from the copy in its file; nothing where the table that

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <fcntl.h>
 #include <memory>
 #include <string_view>
 #include <sys/stat.h>
@@ -84,6 +85,22 @@ EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
         return Publisher::alive;
     default:
         return Publisher::dead;
+    }
+}
+
+std::optional<foundation::os::FileIdentity> EntryFolder::identityOf(const std::string& name) const {
+    const OpenFolder* const open = folder();
+    return open != nullptr ? foundation::os::identityAt(open->placeOf(name)) : std::nullopt;
+}
+
+void EntryFolder::tellReady(const std::string& name) const noexcept {
+    try {
+        if (const OpenFolder* const open = folder()) {
+            // By name, for that is how watchers are told of it.
+            const foundation::os::FilePlace place = open->placeOf(name);
+            ::utimensat(place.folder, place.name.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+        }
+    } catch (...) { // NOLINT(bugprone-empty-catch): as the header says
     }
 }
 

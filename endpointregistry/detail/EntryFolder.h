@@ -3,6 +3,7 @@
 #include "endpointregistry/LockedFile.h"
 #include "endpointregistry/detail/AbandonedFile.h"
 #include "endpointregistry/detail/OpenFolder.h"
+#include "foundation/os/FileIdentity.h"
 #include "foundation/os/Group.h"
 
 #include <chrono>
@@ -43,6 +44,13 @@ public:
     /// What the entry's file says about its publisher; `vanished` when the file is gone. Throws
     /// std::runtime_error when there is no descriptor or memory left to ask.
     Publisher publisherOf(const std::string& name) const;
+
+    /// Which file it is that stands for the entry; nothing when there is none.
+    std::optional<foundation::os::FileIdentity> identityOf(const std::string& name) const;
+
+    /// Tells those who watch the folder that an entry of the caller's is complete. They would
+    /// notice on their own, only later, so that it does not matter if this fails.
+    void tellReady(const std::string& name) const noexcept;
 
     /// Makes and locks the entry's file, which goes with the object, and with `isNew` fails where
     /// there is one. Not locked when it cannot be had. A new one of a group's has these contents.

@@ -77,8 +77,8 @@ private:
     enum class OldRows { stay, go };
 
     bool insertLocked(sharedmemory::SharedMemory& base, const Row& entry, OldRows oldRows);
-    /// Makes base and container anew where the container is gone. Throws std::runtime_error where it
-    /// is not gone, but contradicts the base.
+    /// Makes base and container anew where the container is gone. Throws std::runtime_error where
+    /// it is not gone, but contradicts the base.
     void replaceLost(const ArrayBase::Descriptor& container, sharedmemory::SharedMemory& base);
     void eraseLocked(sharedmemory::SharedMemory& base, const Row& entry);
     void shrink(sharedmemory::SharedMemory& base, sharedmemory::SharedMemory& container);

@@ -49,7 +49,11 @@ LockedFile TableAccess::lock() {
     if (auto locked = tryLock(NamedStringArray::changeTimeout)) {
         return std::move(*locked);
     }
-    const std::string holder = std::to_string(*busyHolder);
+    failBusy();
+}
+
+void TableAccess::failBusy() const {
+    const std::string holder = std::to_string(busyHolder.value_or(0));
     getLogger().log(severity::error, "NamedStringArray: The lock of the tables is held by process ",
                     holder, ".");
     throw std::runtime_error("System Error: NamedStringArray: The tables are locked by process " +

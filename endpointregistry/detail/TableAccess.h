@@ -32,9 +32,12 @@ public:
     /// for no longer than this; nothing then.
     std::optional<LockedFile> tryLock(std::chrono::milliseconds timeout);
 
-    /// The same for an operation that cannot do without: logs, and throws std::runtime_error with
-    /// the holder's process id.
+    /// The same for an operation that cannot do without, which waits as long as changes may, and
+    /// fails as below.
     LockedFile lock();
+
+    /// Logs and throws std::runtime_error with the process id of whoever was waited for in vain.
+    [[noreturn]] void failBusy() const;
 
     /// The base of exactly this trustee, which an empty one would not ask for; not attached when
     /// there is none. A container of another version of the table may have the same name: "xv1"

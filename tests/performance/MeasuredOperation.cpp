@@ -114,7 +114,7 @@ int perform(const Operation& operation) {
 
 std::vector<Operation> allOperations() {
     std::vector<Operation> all = entryOperations();
-    for (const auto& more : {sharingOperations(), arrayOperations()}) {
+    for (const auto& more : {sharingOperations(), arrayOperations(), monitorOperations()}) {
         all.insert(all.end(), more.begin(), more.end());
     }
     return all;

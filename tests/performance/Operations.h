@@ -35,6 +35,7 @@ inline const Trustees friends{tests::accounts::friends};
 std::vector<Operation> entryOperations();
 std::vector<Operation> sharingOperations();
 std::vector<Operation> arrayOperations();
+std::vector<Operation> monitorOperations();
 
 /// Performs the operation twice, the second time between two marks; what is done on first use only
 /// stays out. `prepare` comes before each, outside the marks.

@@ -29,8 +29,8 @@ struct AppearingFile {
 /// moment leaves the file either finished or absent.
 ///
 /// Where neither the kernel nor /proc lets an unnamed file be named, the file is made under a
-/// hidden name (".nascent-" and random digits) in the same folder first. Those that a crash left
-/// there are removed by the next call that needs the detour.
+/// hidden name (".nascent-", random digits, and backwards the name it is to get) in the same folder
+/// first. Those that a crash left there are removed by the next call that needs the detour.
 AppearingFile createAppearing(const FilePlace& place, mode_t mode,
                               const std::function<int(int descriptor)>& prepare);
 

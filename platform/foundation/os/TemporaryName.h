@@ -3,6 +3,8 @@
 #include "foundation/os/FilePlace.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstddef>
 #include <random>
 #include <string>
 #include <string_view>
@@ -14,13 +16,22 @@ namespace foundation::os {
 /// What every hidden name begins with under which something is made before it appears.
 inline constexpr std::string_view temporaryPrefix = ".nascent-";
 
+/// The name that such a file or folder is to get, as its hidden name tells it; empty for one that
+/// does not. It stays the name under which the system tells of an open file.
+inline std::string nameBehindTemporary(std::string_view name) {
+    const auto end = name.find('-', temporaryPrefix.size());
+    return end == std::string_view::npos
+               ? std::string()
+               : std::string(name.rbegin(), name.rend() - static_cast<std::ptrdiff_t>(end) - 1);
+}
+
 /// Owner of such a name: whatever still bears it at the end is removed.
 class TemporaryName {
 public:
     /// A new name beside `place`; nothing is made under it here. `removalFlags` are those of
     /// unlinkat: AT_REMOVEDIR for a folder.
     TemporaryName(const FilePlace& place, int removalFlags)
-        : name(place.sibling(randomName()))
+        : name(place.sibling(randomNameFor(place.name)))
         , removalFlags(removalFlags) {}
 
     TemporaryName(const TemporaryName&) = delete;
@@ -35,9 +46,17 @@ public:
     const char* get() const { return name.name.c_str(); }
 
 private:
-    static std::string randomName() {
+    /// The name that it is to get stands there backwards, so that nobody who searches a folder for
+    /// a part of that name comes upon it.
+    static std::string randomNameFor(const std::string& place) {
         std::random_device random;
-        return std::string(temporaryPrefix) + std::to_string(random()) + std::to_string(random());
+        std::string hidden =
+            std::string(temporaryPrefix) + std::to_string(random()) + std::to_string(random());
+        const std::string_view last = std::string_view(place).substr(place.rfind('/') + 1);
+        if (hidden.size() + 1 + last.size() <= NAME_MAX) {
+            hidden.append(1, '-').append(last.rbegin(), last.rend());
+        }
+        return hidden;
     }
 
     FilePlace name;

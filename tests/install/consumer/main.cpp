@@ -1,6 +1,7 @@
 // A program of somebody who only has the installed package.
 
 #include <endpointregistry/Endpoint.h>
+#include <endpointregistry/EndpointMonitor.h>
 #include <endpointregistry/EntryName.h>
 #include <endpointregistry/Folders.h>
 #include <endpointregistry/Groups.h>
@@ -24,7 +25,9 @@ int main() {
         // Caught by its type across the library's border.
     }
     const auto found = Endpoint::find("consumer", "key");
-    const bool isRight = found && found->first == "first" && found->second == "second";
+    agent::spf::endpointregistry::EndpointMonitor monitor("consumer");
+    const bool isRight = found && found->first == "first" && found->second == "second" &&
+                         monitor.find("consumer", "key") == found && monitor.take().size() == 1;
 
     using agent::spf::sharedmemory::SharedMemory;
     const auto segment =

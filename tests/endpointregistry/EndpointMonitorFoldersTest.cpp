@@ -1,0 +1,210 @@
+#include "endpointregistry/EndpointMonitor.h"
+
+#include "foundation/os/DirectoryStream.h"
+#include "tests/endpointregistry/EndpointMonitorTools.h"
+#include "tests/endpointregistry/EndpointTools.h"
+#include "tests/endpointregistry/LockedFileTools.h"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <optional>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace agent::spf::endpointregistry;
+using tests::await;
+using tests::DataPair;
+using tests::DataPairs;
+using tests::MonitorEvent;
+using tests::MonitorEvents;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const DataPair data("ab", "c");
+const std::string tag = "tag";
+const std::string key = "key";
+
+MonitorEvent appearance(const std::string& ofKey = key) {
+    return tests::appearanceOf(data, tag, ofKey, ::getpid());
+}
+
+MonitorEvent disappearance(const std::string& ofKey = key) {
+    return tests::disappearanceOf(appearance(ofKey));
+}
+
+/// A path of a folder without the separator at its end.
+fs::path plain(const std::string& folder) {
+    return fs::path(folder).parent_path();
+}
+
+class MonitoredFolder : public tests::RegistryTest {
+protected:
+    void TearDown() override {
+        fs::remove_all(away);
+        tests::RegistryTest::TearDown();
+    }
+
+    const fs::path away = "/dev/shm/away";
+};
+
+} // namespace
+
+TEST_F(MonitoredFolder, MayAppearLater) {
+    EndpointMonitor monitor;
+    EXPECT_FALSE(fs::exists(tests::entryFolder()));
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(await(monitor, 1), MonitorEvents{appearance()});
+    tests::expectQuiet(monitor);
+}
+
+TEST_F(MonitoredFolder, MayBeRemovedAndMadeAgain) {
+    EndpointMonitor monitor;
+    for (int round = 0; round < 3; ++round) {
+        {
+            const Endpoint endpoint(data, tag, key);
+            EXPECT_EQ(await(monitor, 1), MonitorEvents{appearance()});
+        }
+        EXPECT_EQ(await(monitor, 1), MonitorEvents{disappearance()});
+        ASSERT_TRUE(fs::remove(plain(tests::entryFolder())));
+        tests::expectQuiet(monitor);
+        EXPECT_EQ(monitor.list(), DataPairs());
+    }
+}
+
+TEST_F(MonitoredFolder, TakesItsEntriesAlongWhenItIsRemoved) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::remove_all(tests::entryFolder());
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), MonitorEvents{disappearance()});
+    const Endpoint again(data, tag, key);
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    EXPECT_EQ(monitor.find(tag, key), data);
+    EXPECT_EQ(Endpoint::find(tag, key), data);
+}
+
+TEST_F(MonitoredFolder, GoesWithItsBaseAtALogout) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::remove_all(tests::privateBase());
+    EXPECT_EQ(monitor.take(), MonitorEvents{disappearance()});
+    const Endpoint again(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::remove_all(tests::privateBase());
+    const Endpoint other(data, tag, "other");
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), (MonitorEvents{disappearance(), appearance("other")}));
+}
+
+TEST_F(MonitoredFolder, AndItsBaseMayBeRemovedWhileSomebodyHoldsThemOpen) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    const foundation::os::DirectoryStream base(tests::privateBase());
+    const foundation::os::DirectoryStream folder(tests::entryFolder());
+    fs::remove_all(tests::privateBase());
+    const Endpoint other(data, tag, "other");
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), (MonitorEvents{disappearance(), appearance("other")}));
+    tests::expectQuiet(monitor);
+    const Endpoint third({"third", ""}, tag, "third");
+    EXPECT_EQ(monitor.take().size(), 1U);
+}
+
+TEST_F(MonitoredFolder, MissingWithItsBaseIsNoticedWhenBothAreMadeAgain) {
+    EndpointMonitor monitor;
+    const foundation::os::DirectoryStream base(tests::privateBase());
+    tests::expectQuiet(monitor);
+    fs::remove(tests::privateBase());
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+}
+
+TEST_F(MonitoredFolder, TakesItsEntriesAlongWhenItIsMovedAway) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::rename(plain(tests::entryFolder()), away);
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), MonitorEvents{disappearance()});
+    EXPECT_EQ(Endpoint::list(), DataPairs());
+    fs::rename(away, plain(tests::entryFolder()));
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    EXPECT_EQ(Endpoint::list(), DataPairs{data});
+}
+
+TEST_F(MonitoredFolder, IsTheOneThatWasPutInItsPlace) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::create_directory(away);
+    ASSERT_EQ(::chmod(away.c_str(), 0700), 0);
+    ASSERT_EQ(::renameat2(AT_FDCWD, away.c_str(), AT_FDCWD, plain(tests::entryFolder()).c_str(),
+                          RENAME_EXCHANGE),
+              0);
+    const Endpoint other(data, tag, "other");
+    EXPECT_EQ(monitor.take(), (MonitorEvents{disappearance(), appearance("other")}));
+    tests::expectQuiet(monitor);
+    // What happens in the former one is of no interest any more.
+    fs::remove(away / appearance().name);
+    EXPECT_FALSE(tests::isReadable(monitor));
+}
+
+TEST_F(MonitoredFolder, IsTheOneInTheBaseThatWasPutInItsPlace) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::rename(tests::privateBase(), away);
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), MonitorEvents{disappearance()});
+    const Endpoint other(data, tag, "other");
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance("other")});
+}
+
+TEST_F(MonitoredFolder, ThatIsMovedAwayAndBackLosesNothing) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::rename(plain(tests::entryFolder()), away);
+    fs::rename(away, plain(tests::entryFolder()));
+    EXPECT_EQ(monitor.take(), MonitorEvents());
+    const Endpoint other({"other", ""}, tag, "other");
+    EXPECT_EQ(monitor.take().size(), 1U);
+}
+
+TEST_F(MonitoredFolder, WhoseBaseIsNotToBeTrustedIsAnErrorUntilItIs) {
+    EndpointMonitor monitor;
+    Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::rename(tests::privateBase(), away);
+    fs::create_directory(tests::privateBase());
+    ASSERT_EQ(::chmod(tests::privateBase().c_str(), 0777), 0);
+    EXPECT_THROW(monitor.take(), std::runtime_error);
+    EXPECT_THROW(monitor.find(tag, key), std::runtime_error);
+    EXPECT_THROW(Endpoint::find(tag, key), std::runtime_error);
+    EXPECT_THROW(EndpointMonitor(), std::runtime_error);
+    // An event loop comes back to it.
+    constexpr int limitInMilliseconds = 240'000;
+    pollfd request{monitor.fileDescriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&request, 1, limitInMilliseconds), 1);
+    EXPECT_THROW(monitor.take(), std::runtime_error);
+    fs::remove(tests::privateBase());
+    fs::rename(away, tests::privateBase());
+    EXPECT_EQ(monitor.find(tag, key), data);
+    EXPECT_EQ(monitor.take(), MonitorEvents());
+    endpoint.reset();
+    EXPECT_EQ(monitor.take(), MonitorEvents{disappearance()});
+}
