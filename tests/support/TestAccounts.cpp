@@ -3,15 +3,20 @@
 #include "foundation/os/Accounts.h"
 
 #include <cerrno>
+#include <fstream>
 #include <grp.h>
 #include <pwd.h>
+#include <sched.h>
 #include <stdexcept>
+#include <sys/mount.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace tests::accounts {
 
 namespace {
+
+constexpr gid_t firstAddedGroup = 60910;
 
 const passwd& entryOf(const std::string& user) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): tests prepare their users before they start threads
@@ -53,6 +58,34 @@ void become(const std::string& user) {
     demand(::initgroups(user.c_str(), groupNumber), "initgroups");
     demand(::setgid(groupNumber), "setgid");
     demand(::setuid(userNumber), "setuid");
+}
+
+void becomeMemberOf(const std::vector<std::string>& groups, uid_t user) {
+    std::vector<gid_t> ids;
+    for (const std::string& group : groups) {
+        ids.push_back(groupId(group));
+    }
+    demand(::setgroups(ids.size(), ids.data()), "setgroups");
+    demand(::setgid(user), "setgid");
+    demand(::setuid(user), "setuid");
+}
+
+void addGroups(const std::vector<std::string>& groups) {
+    const std::string database = "/etc/group";
+    const std::string path = "/dev/shm/more-groups";
+    {
+        std::ofstream file(path);
+        file << std::ifstream(database).rdbuf();
+        gid_t number = firstAddedGroup;
+        for (const std::string& group : groups) {
+            file << group << ":x:" << number++ << ":" << anna << "," << ben << '\n';
+        }
+    }
+    demand(::unshare(CLONE_NEWNS), "unshare");
+    // That of the tests is itself mounted here, of a file without a name, which nothing covers.
+    ::umount2(database.c_str(), MNT_DETACH);
+    demand(::mount(path.c_str(), database.c_str(), nullptr, MS_BIND, nullptr), "mount");
+    demand(::unlink(path.c_str()), path);
 }
 
 } // namespace tests::accounts
