@@ -15,6 +15,7 @@
 #include <string>
 #include <sys/types.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace agent::spf::endpointregistry;
 using tests::as;
@@ -40,7 +41,7 @@ const std::string key = "key";
 /// Makes the process one of carl's with the rights of his and of the friends' group, as "newgrp" or
 /// a service manager hands them out; the user database knows him for no friend.
 void becomeCarlAmongFriends() {
-    accounts::becomeMemberOf({friends}, accounts::userId(carl));
+    accounts::becomeMemberOf(std::vector{friends}, accounts::userId(carl));
 }
 
 /// A process of his that has shared entries with the friends, and keeps them until it ends.
@@ -163,4 +164,28 @@ TEST_F(EndpointSharingCredentials, AreEnoughToShareOverAndOverAgain) {
         }
         as(ben, [] { tests::expectNothingShared(friends); });
     }
+}
+
+TEST_F(EndpointSharingCredentials, AreEnoughForManyUsersThatComeOnceEach) {
+    constexpr uid_t firstUser = 61'000;
+    constexpr uid_t users = 40;
+    for (uid_t number = 0; number < users; ++number) {
+        EXPECT_EQ(tests::runInChild([number] {
+                      accounts::becomeMemberOf(std::vector{friends}, firstUser + number);
+                      const DataPair own("data of", std::to_string(number));
+                      Endpoint endpoint(own, tag, key);
+                      endpoint.addTrustees({friends});
+                      EXPECT_EQ(Endpoint::list({friends}), DataPairs{own});
+                      endpoint.removeTrustees({friends});
+                      tests::expectNothingShared(friends);
+                  }),
+                  0)
+            << number;
+    }
+    Sharer publisher(anna, annas, tag, key, {friends});
+    as(ben, [] { EXPECT_EQ(Endpoint::list({friends}), DataPairs{annas}); });
+    publisher.end();
+    as(ben, [] { tests::expectNothingShared(friends); });
+    // The one that each made last cannot be removed by others; the kernel counts in thousands.
+    EXPECT_LE(tests::kernelSegments().size(), users + 2);
 }

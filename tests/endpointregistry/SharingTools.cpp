@@ -123,6 +123,13 @@ void logOut(const std::string& user) {
     }
 }
 
+void useShortly(const std::string& user, const std::string& trustee) {
+    as(user, [&trustee] {
+        Endpoint endpoint({"for a", "moment"}, "short use", "key");
+        endpoint.addTrustees({trustee});
+    });
+}
+
 void expectNothingShared(const std::string& trustee) {
     EXPECT_EQ(sharedEntries(trustee), Names()) << trustee;
     EXPECT_EQ(rowsOf(trustee), Rows()) << trustee;

@@ -78,6 +78,9 @@ inline bool isBase(const KernelSegment& segment) {
 /// shared memory goes, whoever uses it. As root.
 void logOut(const std::string& user);
 
+/// Has a user share something with a group, withdraw it, and so clear up its own leftovers.
+void useShortly(const std::string& user, const std::string& trustee);
+
 /// Expects that a group's folder and table hold nothing of anybody. For its members.
 void expectNothingShared(const std::string& trustee);
 

@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <fstream>
 #include <grp.h>
+#include <iterator>
 #include <pwd.h>
 #include <sched.h>
 #include <stdexcept>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -65,27 +67,38 @@ void becomeMemberOf(const std::vector<std::string>& groups, uid_t user) {
     for (const std::string& group : groups) {
         ids.push_back(groupId(group));
     }
-    demand(::setgroups(ids.size(), ids.data()), "setgroups");
+    becomeMemberOf(ids, user);
+}
+
+void becomeMemberOf(const std::vector<gid_t>& groups, uid_t user) {
+    demand(::setgroups(groups.size(), groups.data()), "setgroups");
     demand(::setgid(user), "setgid");
     demand(::setuid(user), "setuid");
 }
 
-void addGroups(const std::vector<std::string>& groups) {
-    const std::string database = "/etc/group";
-    const std::string path = "/dev/shm/more-groups";
-    {
-        std::ofstream file(path);
-        file << std::ifstream(database).rdbuf();
-        gid_t number = firstAddedGroup;
-        for (const std::string& group : groups) {
-            file << group << ":x:" << number++ << ":" << anna << "," << ben << '\n';
-        }
-    }
+std::string contentOfDatabase(const std::string& database) {
+    std::ifstream file(database);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void replaceDatabase(const std::string& database, const std::string& content, mode_t mode) {
+    const std::string path = "/dev/shm/database-" + std::to_string(::getpid());
+    std::ofstream(path) << content;
+    demand(::chmod(path.c_str(), mode), path);
     demand(::unshare(CLONE_NEWNS), "unshare");
     // That of the tests is itself mounted here, of a file without a name, which nothing covers.
     ::umount2(database.c_str(), MNT_DETACH);
     demand(::mount(path.c_str(), database.c_str(), nullptr, MS_BIND, nullptr), "mount");
     demand(::unlink(path.c_str()), path);
+}
+
+void addGroups(const std::vector<std::string>& groups) {
+    std::string content = contentOfDatabase(groupDatabase);
+    gid_t number = firstAddedGroup;
+    for (const std::string& group : groups) {
+        content += group + ":x:" + std::to_string(number++) + ":" + anna + "," + ben + "\n";
+    }
+    replaceDatabase(groupDatabase, content);
 }
 
 } // namespace tests::accounts

@@ -32,9 +32,18 @@ void become(const std::string& user);
 /// Turns it into a user of this number, known to the databases or not, with a primary group of the
 /// same number and these groups alone, whatever the databases say: as a service manager may.
 void becomeMemberOf(const std::vector<std::string>& groups, uid_t user);
+void becomeMemberOf(const std::vector<gid_t>& groups, uid_t user);
 
-/// Gives the calling process and its children a group database that has these groups as well, with
-/// anna and ben as members. Call it in a child, as root.
+/// The user and the group database, whose lines are separated by line feeds.
+inline const std::string userDatabase = "/etc/passwd";
+inline const std::string groupDatabase = "/etc/group";
+
+/// Gives the calling process and its children another content of one of them. Call it in a child,
+/// as root. With a mode that lets only root read it, nobody else can.
+void replaceDatabase(const std::string& database, const std::string& content, mode_t mode = 0644);
+std::string contentOfDatabase(const std::string& database);
+
+/// Gives them a group database that has these groups as well, with anna and ben as members.
 void addGroups(const std::vector<std::string>& groups);
 
 } // namespace tests::accounts
