@@ -26,28 +26,21 @@ class EndpointSharingHostileLinks : public EndpointSharingHostile {};
 } // namespace
 
 TEST_F(EndpointSharingHostileLinks, PlantsLinksToFoldersOfHis) {
-    const std::vector<std::function<void()>> plants{
+    std::vector<std::function<void()>> plants{
         [] { fs::create_directory_symlink(lair, tests::sharedTop); },
-        [] {
-            makePublicFolders({tests::sharedTop});
-            fs::create_directory_symlink(lair, level(tests::entryParent));
-        },
-        [] {
-            makePublicFolders({tests::sharedTop});
-            fs::create_directory_symlink(lair, level(tests::tableParent));
-        },
-        [] {
-            makePublicFolders({tests::sharedTop, level(tests::entryParent)});
-            fs::create_directory_symlink(lair, groupFolder(tests::entryParent));
-        },
-        [] {
-            makePublicFolders({tests::sharedTop, level(tests::tableParent)});
-            fs::create_directory_symlink(lair, groupFolder(tests::tableParent));
-        },
     };
+    for (const std::string& parent : allParents) {
+        plants.emplace_back([parent] {
+            makePublicFolders({tests::sharedTop});
+            fs::create_directory_symlink(lair, level(parent));
+        });
+        plants.emplace_back([parent] {
+            makePublicFolders({tests::sharedTop, level(parent)});
+            fs::create_directory_symlink(lair, groupFolder(parent));
+        });
+    }
     for (const auto& plant : plants) {
-        clearMachine();
-        tests::provideSharedFolder();
+        startAfresh();
         expectHarmless(
             [&plant] {
                 makePublicFolders({lair});
@@ -61,9 +54,8 @@ TEST_F(EndpointSharingHostileLinks, PlantsLinksToFoldersOfHis) {
 TEST_F(EndpointSharingHostileLinks, PlantsLinksThatLeadNowhere) {
     for (const std::string& place :
          {tests::sharedTop, level(tests::entryParent), groupFolder(tests::entryParent),
-          groupFolder(tests::tableParent)}) {
-        clearMachine();
-        tests::provideSharedFolder();
+          groupFolder(tests::tableParent), groupFolder(tests::segmentParent)}) {
+        startAfresh();
         expectHarmless(
             [&place] {
                 fs::create_directories(fs::path(place).parent_path());

@@ -14,6 +14,7 @@
 using namespace agent::spf::endpointregistry;
 using namespace tests::hostile;
 using tests::as;
+using tests::Names;
 using tests::Trustees;
 
 namespace accounts = tests::accounts;
@@ -23,13 +24,32 @@ using accounts::carl;
 using accounts::family;
 using accounts::friends;
 
+namespace {
+
+/// As a member: makes a folder of the group's with this mode.
+void makeGroupFolder(const std::string& parent, mode_t mode) {
+    if (!fs::exists(level(parent))) {
+        fs::create_directories(level(parent));
+        fs::permissions(tests::sharedTop, fs::perms::all);
+        fs::permissions(level(parent), fs::perms::all);
+    }
+    const std::string folder = groupFolder(parent);
+    tests::makeFolder(folder, 0700);
+    demand(::chown(folder.c_str(), static_cast<uid_t>(-1), accounts::groupId(friends)), folder);
+    demand(::chmod(folder.c_str(), mode), folder);
+}
+
+} // namespace
+
 TEST_F(EndpointSharingHostile, PlantsFilesInPlaceOfFolders) {
     using Planted = std::vector<std::string>;
-    for (const Planted& path : {Planted{}, Planted{tests::entryParent}, Planted{tests::tableParent},
-                                Planted{tests::entryParent, hashString(friends)},
-                                Planted{tests::tableParent, hashString(friends)}}) {
-        clearMachine();
-        tests::provideSharedFolder();
+    std::vector<Planted> places{{}};
+    for (const std::string& parent : allParents) {
+        places.push_back({parent});
+        places.push_back({parent, fs::path(groupFolder(parent)).filename()});
+    }
+    for (const Planted& path : places) {
+        startAfresh();
         expectHarmless(
             [&path] {
                 std::string place = tests::sharedTop;
@@ -44,10 +64,9 @@ TEST_F(EndpointSharingHostile, PlantsFilesInPlaceOfFolders) {
 }
 
 TEST_F(EndpointSharingHostile, PlantsPublicFoldersInPlaceOfTheGroups) {
-    for (const std::string& parent : {tests::entryParent, tests::tableParent}) {
+    for (const std::string& parent : allParents) {
         for (const mode_t mode : {0777U, 0770U, 0700U, 02777U, 01777U}) {
-            clearMachine();
-            tests::provideSharedFolder();
+            startAfresh();
             expectHarmless(
                 [&] {
                     makePublicFolders({tests::sharedTop, level(parent)});
@@ -60,14 +79,16 @@ TEST_F(EndpointSharingHostile, PlantsPublicFoldersInPlaceOfTheGroups) {
 
 TEST_F(EndpointSharingHostile, PlantsPublicFoldersAboveTheGroups) {
     expectHarmless([] {
-        makePublicFolders({tests::sharedTop, level(tests::entryParent), level(tests::tableParent)});
+        makePublicFolders({tests::sharedTop});
+        for (const std::string& parent : allParents) {
+            makePublicFolders({level(parent)});
+        }
     });
 }
 
 TEST_F(EndpointSharingHostile, PlantsFoldersThatHandTheirGroupDown) {
-    for (const std::string& parent : {tests::entryParent, tests::tableParent}) {
-        clearMachine();
-        tests::provideSharedFolder();
+    for (const std::string& parent : allParents) {
+        startAfresh();
         expectHarmless([&] {
             tests::makeFolder(tests::sharedTop, 02777);
             tests::makeFolder(level(parent), 02777);
@@ -77,11 +98,9 @@ TEST_F(EndpointSharingHostile, PlantsFoldersThatHandTheirGroupDown) {
 
 TEST_F(EndpointSharingHostile, PlantsFoldersThatNobodyElseMayEnter) {
     for (const mode_t mode : {0700U, 0755U, 0000U}) {
-        clearMachine();
-        tests::provideSharedFolder();
+        startAfresh();
         expectHarmless([mode] { tests::makeFolder(tests::sharedTop, mode); }, Outcome::refused);
-        clearMachine();
-        tests::provideSharedFolder();
+        startAfresh();
         expectHarmless(
             [mode] {
                 makePublicFolders({tests::sharedTop});
@@ -115,9 +134,12 @@ TEST_F(EndpointSharingHostile, PlantsFoldersWithAccessControlLists) {
     }
     fs::remove(probe);
     expectHarmless([&list] {
-        makePublicFolders({tests::sharedTop, level(tests::entryParent), level(tests::tableParent)});
-        for (const std::string& folder :
-             {tests::sharedTop, level(tests::entryParent), level(tests::tableParent)}) {
+        Names folders{tests::sharedTop};
+        for (const std::string& parent : allParents) {
+            folders.push_back(level(parent));
+        }
+        for (const std::string& folder : folders) {
+            tests::makeFolder(folder, 0777);
             demand(
                 ::setxattr(folder.c_str(), "system.posix_acl_default", list.data(), list.size(), 0),
                 folder);
@@ -125,19 +147,11 @@ TEST_F(EndpointSharingHostile, PlantsFoldersWithAccessControlLists) {
     });
 }
 
-TEST_F(EndpointSharingHostile, FindsFoldersOfTheGroupThatAreTooOpenUnused) {
-    for (const mode_t mode : {0777U, 0775U, 0771U}) {
-        for (const std::string& parent : {tests::entryParent, tests::tableParent}) {
-            clearMachine();
-            tests::provideSharedFolder();
-            as(anna, [&] {
-                makePublicFolders({tests::sharedTop, level(parent)});
-                tests::makeFolder(groupFolder(parent), 0700);
-                demand(::chown(groupFolder(parent).c_str(), static_cast<uid_t>(-1),
-                               accounts::groupId(friends)),
-                       parent);
-                demand(::chmod(groupFolder(parent).c_str(), mode), parent);
-            });
+TEST_F(EndpointSharingHostile, LeavesFoldersOfTheGroupUnusedThatOthersMayWriteToOrTheGroupMayNot) {
+    for (const mode_t mode : {0777U, 0772U, 0750U, 0730U}) {
+        for (const std::string& parent : allParents) {
+            startAfresh();
+            as(anna, [&] { makeGroupFolder(parent, mode); });
             as(ben, [] {
                 Endpoint endpoint(data, tag, key);
                 EXPECT_EQ(share(endpoint), Outcome::refused);
@@ -148,10 +162,31 @@ TEST_F(EndpointSharingHostile, FindsFoldersOfTheGroupThatAreTooOpenUnused) {
     }
 }
 
+TEST_F(EndpointSharingHostile, FindsFoldersOfTheGroupThatOthersMayOnlyReadGoodEnough) {
+    for (const mode_t mode : {0775U, 0771U, 0774U, 02770U, 0070U}) {
+        startAfresh();
+        as(anna, [mode] {
+            for (const std::string& parent : allParents) {
+                makeGroupFolder(parent, mode);
+            }
+        });
+        as(ben, [] {
+            Endpoint endpoint(data, tag, key);
+            EXPECT_EQ(share(endpoint), Outcome::works);
+            EXPECT_EQ(Endpoint::list({friends}), tests::DataPairs{data});
+        });
+        for (const std::string& parent : allParents) {
+            EXPECT_EQ(tests::modeOf(groupFolder(parent)), mode);
+        }
+    }
+}
+
 TEST_F(EndpointSharingHostile, PlantsNothingThatHarmsOtherGroups) {
     as(carl, [] {
-        makePublicFolders({tests::sharedTop, level(tests::entryParent), level(tests::tableParent)});
-        makePublicFolders({groupFolder(tests::entryParent), groupFolder(tests::tableParent)});
+        makePublicFolders({tests::sharedTop});
+        for (const std::string& parent : allParents) {
+            makePublicFolders({level(parent), groupFolder(parent)});
+        }
     });
     as(anna, [] {
         Endpoint endpoint(data, tag, key);

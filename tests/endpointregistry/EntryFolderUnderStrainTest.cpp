@@ -20,7 +20,8 @@ TEST_F(EntryFolderUnderStrain, TakesNobodyForDeadOrLivingWhomItCannotAskAbout) {
                   EXPECT_EQ(folder.publisherOf(entry.name()), EntryFolder::Publisher::dead);
                   const auto hoard = tests::leaveDescriptors(0);
                   EXPECT_THROW(folder.publisherOf(entry.name()), std::runtime_error);
-                  EXPECT_THROW(folder.clearIfStale(entry.name(), [] {}), std::runtime_error);
+                  EXPECT_THROW(folder.clearIfStale(entry.name(), [] { return true; }),
+                               std::runtime_error);
               }),
               0);
     EXPECT_TRUE(entry.hasFile());

@@ -60,7 +60,7 @@ TEST_F(JoinedRegistryRefusal, RefusesFilesThatDoNotBelongToTheGroup) {
         std::string group;
         mode_t mode;
     };
-    for (const Case& file : {Case{anna, anna, 0444}, Case{anna, friends, 0474},
+    for (const Case& file : {Case{anna, anna, 0444}, Case{anna, friends, 0472},
                              Case{anna, friends, 0477}, Case{anna, friends, 0400}}) {
         make(file.owner, file.group, file.mode);
         const Standing before(path);
@@ -75,6 +75,18 @@ TEST_F(JoinedRegistryRefusal, RefusesFilesThatDoNotBelongToTheGroup) {
         });
         EXPECT_TRUE(Standing(path) == before);
         fs::remove(path);
+    }
+}
+
+TEST_F(JoinedRegistryRefusal, RefusesNoFileThatOthersMayOnlyRead) {
+    leaveAnnasFile();
+    for (const mode_t mode : {0474U, 0475U, 0070U, 0775U}) {
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+        as(ben, [] {
+            EXPECT_TRUE(joined::getLock(name, parent, friends).isLocked());
+            EXPECT_TRUE(joined::tryLock(name, parent, friends).isLocked());
+        });
+        EXPECT_EQ(tests::modeOf(path), mode);
     }
 }
 
@@ -96,9 +108,9 @@ TEST_F(JoinedRegistryRefusal, FollowsNoLinkInPlaceOfAFile) {
 TEST_F(JoinedRegistryRefusal, MakesNothingForStrangers) {
     leaveAnnasFile();
     as(carl, [] {
-        for (const auto factory : {joined::createAndTryLock, joined::tryLock, joined::getLock}) {
-            EXPECT_THROW(factory(name, parent, friends), std::runtime_error);
-        }
+        EXPECT_THROW(joined::createAndTryLock(name, parent, friends), std::runtime_error);
+        EXPECT_THROW(joined::tryLock(name, parent, friends), std::runtime_error);
+        EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
         EXPECT_THROW(joined::findFolder(parent, friends), std::runtime_error);
     });
     EXPECT_EQ(tests::namesIn(folder), Names{name});

@@ -41,8 +41,13 @@ inline std::string level(const std::string& parent) {
 
 inline std::string groupFolder(const std::string& parent,
                                const std::string& trustee = accounts::friends) {
-    return level(parent) + "/" + hashString(trustee);
+    return level(parent) + "/" +
+           (parent == segmentParent ? std::to_string(accounts::groupId(trustee))
+                                    : hashString(trustee));
 }
+
+/// Every kind of folder that a group has.
+inline const Names allParents{entryParent, tableParent, segmentParent};
 
 inline void demand(int result, const std::string& path) {
     if (result != 0) {
@@ -110,7 +115,7 @@ inline std::optional<DataPairs> listFriends() {
 /// carl cannot list, read or attach to anything that belongs to the group.
 inline void expectNothingForCarl() {
     as(accounts::carl, [] {
-        for (const std::string& parent : {entryParent, tableParent}) {
+        for (const std::string& parent : allParents) {
             std::error_code error;
             const std::string folder = groupFolder(parent);
             if (fs::is_directory(folder, error) &&

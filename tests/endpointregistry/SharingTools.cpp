@@ -2,6 +2,7 @@
 
 #include "endpointregistry/NamedStringArray.h"
 #include "tests/endpointregistry/EndpointProcesses.h"
+#include "tests/endpointregistry/FoldersTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/support/TestAccounts.h"
 
@@ -68,6 +69,23 @@ std::string sharedPath(const std::string& trustee, const std::string& name) {
     return sharedFolder(entryParent, trustee) + name;
 }
 
+std::string recordFolder(const std::string& trustee) {
+    return sharedTop + "/" + segmentParent + "/" + std::to_string(accounts::groupId(trustee)) + "/";
+}
+
+std::string baseRecord(const std::string& trustee) {
+    return recordFolder(trustee) + tableName + "v0@g" + trustee;
+}
+
+Names records(const std::string& trustee) {
+    const std::string folder = recordFolder(trustee);
+    return ::access(folder.c_str(), F_OK) == 0 ? namesIn(folder) : Names();
+}
+
+std::string tableLock(const std::string& trustee) {
+    return sharedFolder(tableParent, trustee) + "baseLock";
+}
+
 Rows rowsOf(const std::string& trustee) {
     return NamedStringArray(tableName, 0, trustee).filter({});
 }
@@ -85,6 +103,31 @@ std::vector<KernelSegment> kernelSegments() {
         }
     }
     return segments;
+}
+
+void removeSegmentsOf(const std::string& user,
+                      const std::function<bool(const KernelSegment&)>& isWanted) {
+    for (const KernelSegment& segment : kernelSegments()) {
+        if (segment.status.shm_perm.cuid == accounts::userId(user) && isWanted(segment)) {
+            ::shmctl(segment.id, IPC_RMID, nullptr);
+        }
+    }
+}
+
+void logOut(const std::string& user) {
+    removeSegmentsOf(user, [](const KernelSegment&) { return true; });
+    for (const std::string& name : namesIn("/dev/shm")) {
+        if (statusOf("/dev/shm/" + name).st_uid == accounts::userId(user)) {
+            fs::remove_all("/dev/shm/" + name);
+        }
+    }
+}
+
+void useShortly(const std::string& user, const std::string& trustee) {
+    as(user, [&trustee] {
+        Endpoint endpoint({"for a", "moment"}, "short use", "key");
+        endpoint.addTrustees({trustee});
+    });
 }
 
 void expectNothingShared(const std::string& trustee) {
@@ -123,14 +166,18 @@ void SharingTest::SetUp() {
     if (!accounts::available()) {
         GTEST_SKIP() << accounts::whyNot;
     }
-    clearMachine();
-    provideSharedFolder();
+    startAfresh();
 }
 
 void SharingTest::TearDown() {
     if (accounts::available()) {
         clearMachine();
     }
+}
+
+void SharingTest::startAfresh() {
+    clearMachine();
+    provideSharedFolder();
 }
 
 void SharingTest::clearMachine() {

@@ -19,9 +19,11 @@ using Trustees = std::set<std::string>;
 using Names = std::vector<std::string>;
 using Rows = std::vector<std::vector<std::string>>;
 
-/// The sub-folders of the registry that hold the entries, and the locks of tables.
+/// The sub-folders of the registry that hold the entries, the locks of tables, and the records of
+/// segments.
 inline const std::string entryParent = "qvEndpointRegistry";
 inline const std::string tableParent = "qvNamedStringArray";
+inline const std::string segmentParent = "qvSharedMemory";
 /// The name of the table that each group has of its entries; its version is 0.
 inline const std::string tableName = "qvEndpointRegistrySysV";
 
@@ -38,6 +40,18 @@ Names sharedEntries(const std::string& trustee);
 /// The path of an entry's file in a group's folder.
 std::string sharedPath(const std::string& trustee, const std::string& name);
 
+/// Where the records of a group's segments are, with a trailing separator, and the path of that of
+/// the base of its table of entries.
+std::string recordFolder(const std::string& trustee);
+std::string baseRecord(const std::string& trustee);
+
+/// The names of all of these records, hidden ones too; none where there is no folder. For the
+/// group's members, and root.
+Names records(const std::string& trustee);
+
+/// The path of the lock of a group's tables.
+std::string tableLock(const std::string& trustee);
+
 /// All rows of a group's table. For its members.
 Rows rowsOf(const std::string& trustee);
 
@@ -49,6 +63,23 @@ struct KernelSegment {
 
 /// All of them, whoever made them.
 std::vector<KernelSegment> kernelSegments();
+
+/// Removes those that a user has made and that are wanted, as root.
+void removeSegmentsOf(const std::string& user,
+                      const std::function<bool(const KernelSegment&)>& isWanted);
+
+/// The size of the base of a table as the kernel knows it; no container of a test has it.
+inline constexpr std::size_t baseSize = 56 + 16;
+inline bool isBase(const KernelSegment& segment) {
+    return segment.status.shm_segsz == baseSize;
+}
+
+/// Does what a login manager does when a user's last session ends: everything of the user's in
+/// shared memory goes, whoever uses it. As root.
+void logOut(const std::string& user);
+
+/// Has a user share something with a group, withdraw it, and so clear up its own leftovers.
+void useShortly(const std::string& user, const std::string& trustee);
 
 /// Expects that a group's folder and table hold nothing of anybody. For its members.
 void expectNothingShared(const std::string& trustee);
@@ -88,6 +119,7 @@ protected:
     void TearDown() override;
 
     static void clearMachine();
+    static void startAfresh();
 };
 
 } // namespace tests

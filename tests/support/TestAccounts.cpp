@@ -3,15 +3,22 @@
 #include "foundation/os/Accounts.h"
 
 #include <cerrno>
+#include <fstream>
 #include <grp.h>
+#include <iterator>
 #include <pwd.h>
+#include <sched.h>
 #include <stdexcept>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace tests::accounts {
 
 namespace {
+
+constexpr gid_t firstAddedGroup = 60910;
 
 const passwd& entryOf(const std::string& user) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): tests prepare their users before they start threads
@@ -53,6 +60,45 @@ void become(const std::string& user) {
     demand(::initgroups(user.c_str(), groupNumber), "initgroups");
     demand(::setgid(groupNumber), "setgid");
     demand(::setuid(userNumber), "setuid");
+}
+
+void becomeMemberOf(const std::vector<std::string>& groups, uid_t user) {
+    std::vector<gid_t> ids;
+    for (const std::string& group : groups) {
+        ids.push_back(groupId(group));
+    }
+    becomeMemberOf(ids, user);
+}
+
+void becomeMemberOf(const std::vector<gid_t>& groups, uid_t user) {
+    demand(::setgroups(groups.size(), groups.data()), "setgroups");
+    demand(::setgid(user), "setgid");
+    demand(::setuid(user), "setuid");
+}
+
+std::string contentOfDatabase(const std::string& database) {
+    std::ifstream file(database);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void replaceDatabase(const std::string& database, const std::string& content, mode_t mode) {
+    const std::string path = "/dev/shm/database-" + std::to_string(::getpid());
+    std::ofstream(path) << content;
+    demand(::chmod(path.c_str(), mode), path);
+    demand(::unshare(CLONE_NEWNS), "unshare");
+    // That of the tests is itself mounted here, of a file without a name, which nothing covers.
+    ::umount2(database.c_str(), MNT_DETACH);
+    demand(::mount(path.c_str(), database.c_str(), nullptr, MS_BIND, nullptr), "mount");
+    demand(::unlink(path.c_str()), path);
+}
+
+void addGroups(const std::vector<std::string>& groups) {
+    std::string content = contentOfDatabase(groupDatabase);
+    gid_t number = firstAddedGroup;
+    for (const std::string& group : groups) {
+        content += group + ":x:" + std::to_string(number++) + ":" + anna + "," + ben + "\n";
+    }
+    replaceDatabase(groupDatabase, content);
 }
 
 } // namespace tests::accounts

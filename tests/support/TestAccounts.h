@@ -2,6 +2,7 @@
 
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 /// Users and groups that exist only for the running test program: its private namespace has a user
 /// and a group database of its own.
@@ -27,5 +28,22 @@ gid_t groupId(const std::string& group);
 /// Turns the calling process into that user for good, with the user's groups, as a login would.
 /// Call it in a child.
 void become(const std::string& user);
+
+/// Turns it into a user of this number, known to the databases or not, with a primary group of the
+/// same number and these groups alone, whatever the databases say: as a service manager may.
+void becomeMemberOf(const std::vector<std::string>& groups, uid_t user);
+void becomeMemberOf(const std::vector<gid_t>& groups, uid_t user);
+
+/// The user and the group database, whose lines are separated by line feeds.
+inline const std::string userDatabase = "/etc/passwd";
+inline const std::string groupDatabase = "/etc/group";
+
+/// Gives the calling process and its children another content of one of them. Call it in a child,
+/// as root. With a mode that lets only root read it, nobody else can.
+void replaceDatabase(const std::string& database, const std::string& content, mode_t mode = 0644);
+std::string contentOfDatabase(const std::string& database);
+
+/// Gives them a group database that has these groups as well, with anna and ben as members.
+void addGroups(const std::vector<std::string>& groups);
 
 } // namespace tests::accounts

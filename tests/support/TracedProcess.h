@@ -20,6 +20,8 @@ public:
     TracedProcess(const TracedProcess&) = delete;
     TracedProcess& operator=(const TracedProcess&) = delete;
 
+    pid_t pid() const { return child; }
+
     /// Lets the child run until it stops itself with SIGSTOP: from there on it gets interesting.
     void runToOwnStop();
 
