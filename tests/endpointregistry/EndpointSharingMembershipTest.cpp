@@ -245,12 +245,19 @@ TEST_F(EndpointSharingMembership, IsStillTrustedAfterAnAdministratorLetEverybody
 
 TEST_F(EndpointSharingMembership, IsAskedForOnlyBelowAFolderThatMayHandItsGroupDown) {
     onAnotherMachine([] {
-        // Both are in anna's primary group, which the levels above will have.
+        // Both are in anna's primary group, which the levels above have.
         accounts::replaceDatabase(accounts::groupDatabase,
                                   replaced(accounts::contentOfDatabase(accounts::groupDatabase),
                                            "anna:x:60801:", "anna:x:60801:ben"));
+        for (const std::string& parent :
+             {tests::entryParent, tests::tableParent, tests::segmentParent}) {
+            const std::string level = tests::sharedTop + "/" + parent;
+            fs::create_directories(level);
+            fs::permissions(tests::sharedTop, fs::perms::all);
+            fs::permissions(level, fs::perms::all);
+            ASSERT_EQ(::chown(level.c_str(), 0, accounts::groupId(anna)), 0);
+        }
         Sharer publisher(anna, annas, tag, key, {anna});
-        EXPECT_EQ(tests::statusOf(tests::sharedTop).st_gid, accounts::groupId(anna));
         as(ben, [] {
             EXPECT_EQ(Endpoint::list({anna}), DataPairs{annas});
             Endpoint endpoint(bens, tag, key);
