@@ -89,9 +89,9 @@ public:
     //
     // Members work on a group's table by turns, and wait for as long as others take turns. One who
     // was stopped in it (by a debugger, for instance) is not waited for without end: lookups and
-    // withdrawals go on after 2 seconds, `addTrustees` gives up after 10 (see the timeouts of
-    // `NamedStringArray`). What is shared stays in sight for as long as its publisher lives, also
-    // when the table is lost, as with the logout of the user who made it.
+    // withdrawals go on after 2 seconds for each such group, `addTrustees` gives up after 10 (see
+    // the timeouts of `NamedStringArray`). What is shared stays in sight for as long as its
+    // publisher lives, also when the table is lost, as with the logout of the user who made it.
 
     /// Shares the entry with these groups, too; those it is shared with already and the empty
     /// string are passed over. Groups are taken in ascending order.
@@ -115,9 +115,9 @@ public:
     /// not find the entry. Throws std::runtime_error when the caller's own registry cannot be read.
     ///
     /// This, and every other way to end a sharing, ends the process when the group's table cannot
-    /// be reached for want of descriptors, memory or rights. Where a member who was stopped does not
-    /// let go of the table, it leaves what a killed publisher leaves, for the next to look to clear
-    /// away.
+    /// be reached for want of descriptors, memory or rights. Where a member who was stopped does
+    /// not let go of the table, it leaves what a killed publisher leaves, for the next to look to
+    /// clear away.
     void removeTrustees(std::set<std::string> trustees);
 
     /// Ends the sharing with all groups.
@@ -128,9 +128,10 @@ public:
     void setTrustees(std::set<std::string> trustees);
 
     // Lookups. They change nothing but what the dead left behind, which they remove, and make at
-    // most the user's empty base folder. They may be called from any thread. An entry that vanishes
-    // while a lookup runs is skipped. A trustee is the name of a group of the operating system, the
-    // empty string stands for the caller's own entries; `...FromLocal` searches those alone,
+    // most the user's empty base folder, and the lock file of a group's table that there is. They
+    // may be called from any thread. An entry that vanishes while a lookup runs is skipped. A
+    // trustee is the name of a group of the operating system, the empty string stands for the
+    // caller's own entries; `...FromLocal` searches those alone,
     // `...FromAllTrustees` those and all groups of the calling process.
     //
     // All throw std::runtime_error when a folder of the registry cannot be read or the system has

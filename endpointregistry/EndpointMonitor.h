@@ -92,8 +92,9 @@ public:
 
     // What happens. All calls below, and the lookups, throw as the constructor does when what is to
     // be watched has changed and cannot be watched any more, or no descriptor is left to look at
-    // it. Then the next call tries again, for which the descriptor becomes readable within a
-    // second, and what happened meanwhile is not lost.
+    // it. Where a member of a watched group was stopped with the group's table, any call may take
+    // the 2 seconds that a lookup waits then. Then the next call tries again, for which the
+    // descriptor becomes readable within a second, and what happened meanwhile is not lost.
 
     /// What has happened since the last call, in order, without waiting; at first all entries that
     /// are there, in no particular order, like all that come to light at once when a folder appears

@@ -68,7 +68,8 @@ public:
     void erase(std::initializer_list<std::string> entry);
 
     /// The entries whose first element contains every one of these strings, in the order of their
-    /// rows; all entries when there are none. Empty when there is no table, and makes none.
+    /// rows; all entries when there are none. Empty when there is no table, and makes none; of one
+    /// that there is it may make the lock file again.
     std::vector<std::vector<std::string>> filter(std::vector<std::string> substrings);
 
     /// The trustee of the table that there is: the object's own, or that of the one an empty

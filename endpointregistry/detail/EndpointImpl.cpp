@@ -132,34 +132,32 @@ LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder,
     // this process, or one whose process id was given out again. Or it may go between two attempts.
     constexpr std::chrono::seconds timeout{1};
     LockedFile file = folder.lock(name, true, contents);
+    bool isStale = false;
     if (!file.isLocked()) {
         foundation::os::retryFor(timeout, [&] {
-            const bool isStale = folder.clearIfStale(name, removeData);
+            isStale = folder.clearIfStale(name, removeData);
             file = folder.lock(name, true, contents);
             return file.isLocked() || !isStale;
         });
     }
     if (!file.isLocked()) {
-        failToLock(file, folder);
+        failToLock(file.getLockError(), isStale);
     }
     return file;
 }
 
-void Endpoint::Impl::failToLock(const LockedFile& file, const EntryFolder& folder) const {
-    const int error = file.getLockError();
-    // What stands there may be no file that anybody could have locked.
-    const bool isTaken =
-        (error == EEXIST && folder.publisherOf(name) != EntryFolder::Publisher::dead) ||
-        LockedFile::exists(name, LF_PARENT_PATH, trustee);
-    if (!isTaken) {
-        getLogger().log(foundation::log::severity::error,
-                        "Endpoint::Impl::createLockedFile(): Failed to create file: <",
-                        LockedFile::getParentPath(LF_PARENT_PATH, trustee, false) + name,
-                        ">. (Error ", error, ")");
-        throw std::runtime_error("System Error: File system inconsistency");
+void Endpoint::Impl::failToLock(int error, bool isStale) const {
+    const bool isTaken = !isStale && (error == EEXIST || error == EWOULDBLOCK ||
+                                      LockedFile::exists(name, LF_PARENT_PATH, trustee));
+    if (isTaken) {
+        throw DuplicateEndpointError(
+            "A synonym endpoint was found while trying to create the locked file");
     }
-    throw DuplicateEndpointError(
-        "A synonym endpoint was found while trying to create the locked file");
+    getLogger().log(foundation::log::severity::error,
+                    "Endpoint::Impl::createLockedFile(): Failed to create file: <",
+                    LockedFile::getParentPath(LF_PARENT_PATH, trustee, false) + name, ">. (Error ",
+                    error, ")");
+    throw std::runtime_error("System Error: File system inconsistency");
 }
 
 bool Endpoint::Impl::hasKnownVersion(const std::string& name) {

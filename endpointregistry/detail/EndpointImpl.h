@@ -85,13 +85,10 @@ protected:
     /// not locked again, for whoever watches the folder is told of a publisher's end only when the
     /// publisher has made its file.
     ///
-    /// Throws DuplicateEndpointError when a live process has the file, or others that clear up are
-    /// waited for in vain, std::runtime_error when it cannot be made.
+    /// Throws DuplicateEndpointError when a live process has the file, std::runtime_error when it
+    /// cannot be made, or when others that clear up after the dead one are waited for in vain.
     LockedFile lockEntryFile(const EntryFolder& folder, const std::function<bool()>& removeData,
                              std::string_view contents = {}) const;
-
-    /// For a file that could not be locked: throws as `lockEntryFile` does.
-    [[noreturn]] void failToLock(const LockedFile& file, const EntryFolder& folder) const;
 
     /// Whether this can be the data of an entry; two empty strings stand for one that cannot be
     /// read.
@@ -106,6 +103,10 @@ protected:
     const std::string& trusteeName() const { return trustee; }
 
 private:
+    /// For a file that could not be locked, of which a dead publisher may be in the way: throws as
+    /// `lockEntryFile` does.
+    [[noreturn]] void failToLock(int error, bool isStale) const;
+
     std::string trustee;
     std::string groupTag;
     std::string selectedKey;

@@ -77,14 +77,16 @@ Endpoint::SysVImpl::SysVImpl(const DataPair& data, const std::string& groupTag,
                              const std::string& selectedKey, const std::string& trustee)
     : Impl(data, groupTag, selectedKey, trustee)
     , publisher(::getpid())
+    , group(trustee)
     , lockedFile(publish(data)) {
 }
 
 LockedFile Endpoint::SysVImpl::publish(const DataPair& data) const {
     const Row row{entryName(), data.first, data.second};
     Table::checkEntry(row);
-    const EntryFolder folder(trusteeName());
-    TableAccess access(folder.trustee());
+    group.id();
+    const EntryFolder folder(group);
+    TableAccess access(group);
     Table table = tableOf(access);
     for (;;) {
         SharedMemory base = table.openOrCreateBase();
@@ -102,7 +104,6 @@ Endpoint::SysVImpl::~SysVImpl() {
     if (publisher != ::getpid()) {
         return;
     }
-    const foundation::os::Group group(trusteeName());
     TableAccess access(group);
     if (!tableOf(access).eraseContaining(entryName(), NamedStringArray::readTimeout)) {
         // Somebody was stopped with the table's lock. What stays is what a killed publisher leaves:
@@ -112,8 +113,8 @@ Endpoint::SysVImpl::~SysVImpl() {
 }
 
 LockedFile Endpoint::SysVImpl::createLockedFile() {
-    const EntryFolder folder(trusteeName());
-    TableAccess access(folder.trustee());
+    const EntryFolder folder(group);
+    TableAccess access(group);
     return createLockedFile(folder, access, {});
 }
 
@@ -156,7 +157,7 @@ Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names, const En
     if (readable.empty()) {
         return pairs;
     }
-    TableAccess access(folder.trustee());
+    TableAccess access(folder.trustee(), folder.busyTableHolder());
     Table table = tableOf(access);
     const Table::Reading reading = table.read(commonParts(readable));
     const auto rowOf = firstRowsContaining(reading.rows, readable);

@@ -2,6 +2,7 @@
 
 #include "endpointregistry/detail/EndpointImpl.h"
 #include "endpointregistry/detail/Table.h"
+#include "foundation/os/Group.h"
 #include "sharedmemory/SegmentRecord.h"
 
 #include <cstddef>
@@ -53,6 +54,8 @@ private:
                                            const std::optional<sharedmemory::SegmentToken>& table);
 
     pid_t publisher;
+    /// Looked up once: a withdrawal must not depend on the databases.
+    foundation::os::Group group;
     LockedFile lockedFile;
 };
 

@@ -12,6 +12,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace agent::spf::endpointregistry {
@@ -27,7 +29,13 @@ public:
     explicit EntryFolder(const std::string& trustee)
         : group(trustee) {}
 
+    explicit EntryFolder(foundation::os::Group trustee)
+        : group(std::move(trustee)) {}
+
     const foundation::os::Group& trustee() const { return group; }
+
+    /// Who was waited for in vain with the trustee's table; see `TableAccess`.
+    std::optional<pid_t>& busyTableHolder() const { return tableHolder; }
 
     /// Where the folder of private entries lies, as `privateBasePath` tells it: examined once for
     /// all that follows.
@@ -81,6 +89,7 @@ private:
     mutable std::optional<OpenFolder> found;
     /// Whether the last attempt to clear up waited for others in vain.
     mutable bool isFolderBusy = false;
+    mutable std::optional<pid_t> tableHolder;
 };
 
 } // namespace agent::spf::endpointregistry

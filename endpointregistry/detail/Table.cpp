@@ -90,7 +90,11 @@ SharedMemory Table::openOrCreateBase() {
 bool Table::insertReplacing(SharedMemory& base, const Row& entry) {
     checkEntry(entry);
     const LockedFile lock = access.lock();
-    return base.isStillNamed() && insertLocked(base, entry, OldRows::go);
+    if (base.isStillNamed()) {
+        return insertLocked(base, entry, OldRows::go);
+    }
+    access.lookAgain();
+    return false;
 }
 
 bool Table::insertLocked(SharedMemory& base, const Row& entry, OldRows oldRows) {
@@ -136,8 +140,9 @@ void Table::replaceLost(const ArrayBase::Descriptor& container, SharedMemory& ba
     const std::string contents(static_cast<const char*>(base.getPointer()), ArrayBase::size);
     base.markForDeletion();
     base = SharedMemory();
-    access.createBase(shape.baseName, contents);
-    access.createContainer(shape.baseName, container);
+    if (access.createBase(shape.baseName, contents).isAttached()) {
+        access.createContainer(shape.baseName, container);
+    }
 }
 
 void Table::erase(const Row& entry) {
@@ -155,6 +160,7 @@ void Table::erase(const Row& entry) {
             eraseLocked(base, entry);
             return;
         }
+        access.lookAgain();
     }
 }
 
@@ -189,6 +195,7 @@ bool Table::eraseContaining(const std::string& part, std::chrono::milliseconds t
             return false;
         }
         if (!base.isStillNamed()) {
+            access.lookAgain();
             continue;
         }
         const ArrayBase view(base.getPointer());

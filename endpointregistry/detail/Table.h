@@ -82,8 +82,13 @@ private:
     void replaceLost(const ArrayBase::Descriptor& container, sharedmemory::SharedMemory& base);
     void eraseLocked(sharedmemory::SharedMemory& base, const Row& entry);
     void shrink(sharedmemory::SharedMemory& base, sharedmemory::SharedMemory& container);
+    template<typename Result>
+    struct Outcome {
+        Result result;
+        bool isCertain;
+    };
     template<typename Result, typename ReadOnce>
-    Result readSafely(ReadOnce readOnce);
+    Outcome<Result> readSafely(ReadOnce readOnce);
 
     Shape shape;
     TableAccess& access;

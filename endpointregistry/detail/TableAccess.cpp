@@ -81,6 +81,7 @@ SharedMemory TableAccess::openOrCreateBase(const std::string& baseName) {
         }
         base = createBase(baseName, ArrayBase::initialContents(generationAfter(0, baseName)));
         if (base.isAttached()) {
+            removeContainersOf(baseName);
             return base;
         }
         // Perhaps made by somebody who did not ask for the lock; but what is too small stays so.
@@ -102,7 +103,10 @@ SharedMemory TableAccess::findContainer(const std::string& baseName,
     if (!arrays::isAcceptable(descriptor) || belongsToOtherVersion(baseName, name)) {
         return {};
     }
-    return segments.findExactly(name, sizeOf(descriptor));
+    // One of another size is not this base's: a table that was made anew counts its generations
+    // from the beginning.
+    SharedMemory container = segments.findExactly(name, sizeOf(descriptor));
+    return container.getSize() == sizeOf(descriptor) ? std::move(container) : SharedMemory();
 }
 
 SharedMemory TableAccess::createContainer(const std::string& baseName,
@@ -116,6 +120,16 @@ SharedMemory TableAccess::createContainer(const std::string& baseName,
     }
     made.makePersistent();
     return made;
+}
+
+void TableAccess::removeContainersOf(const std::string& baseName) {
+    for (const std::string& name : segments.namesWith(baseName)) {
+        const bool isContainer =
+            name.find_first_not_of("0123456789", baseName.size()) == std::string::npos;
+        if (isContainer && !belongsToOtherVersion(baseName, name)) {
+            removeContainer(name);
+        }
+    }
 }
 
 void TableAccess::removeContainer(const std::string& name) {

@@ -26,6 +26,16 @@ public:
         : group(trustee)
         , segments(trustee) {}
 
+    /// For one of several operations, of which the next shall not wait for whom this one has waited
+    /// for in vain. `busy` outlives this object.
+    TableAccess(const foundation::os::Group& trustee, std::optional<pid_t>& busy)
+        : group(trustee)
+        , segments(trustee)
+        , busyHolder(busy) {}
+
+    TableAccess(const TableAccess&) = delete;
+    TableAccess& operator=(const TableAccess&) = delete;
+
     const foundation::os::Group& trustee() const { return group; }
 
     /// The lock of all tables of the trustee, for which one holder that does not let go is waited
@@ -55,12 +65,19 @@ public:
                                              const ArrayBase::Descriptor& descriptor);
 
     /// Whether there is a segment of this name, of whatever size.
-    bool isTaken(const std::string& name) { return segments.findExactly(name, 1).isAttached(); }
+    bool isTaken(const std::string& name) { return segments.isTaken(name); }
+
+    /// To be called when what was found turns out not to be what its name stands for, before it is
+    /// looked for again: the directory that it was found in may have been moved.
+    void lookAgain() { segments.forgetDirectory(); }
 
     /// Makes the container of a descriptor anew. What stands under its name is removed, and never
     /// used: it may hold old rows.
     sharedmemory::SharedMemory createContainer(const std::string& baseName,
                                                const ArrayBase::Descriptor& descriptor);
+
+    /// Removes the containers of a base that is gone, which its successor would not know of.
+    void removeContainersOf(const std::string& baseName);
 
     /// Removes a container, of whatever size.
     void removeContainer(const std::string& name);
@@ -76,8 +93,9 @@ public:
 private:
     const foundation::os::Group& group;
     sharedmemory::SharedMemory::Openers segments;
+    std::optional<pid_t> ownBusyHolder;
     /// Who was waited for in vain.
-    std::optional<pid_t> busyHolder;
+    std::optional<pid_t>& busyHolder = ownBusyHolder;
 };
 
 namespace arrays {

@@ -43,7 +43,8 @@ std::string privatePath() {
 
 /// The user's own; empty, with errno set, when it cannot be opened.
 os::FileDescriptor openPrivate(const std::string& path) {
-    os::FileDescriptor directory = os::openFolder(path);
+    // Without the separator at its end, behind which a link would be followed.
+    os::FileDescriptor directory = os::openFolder(path.substr(0, path.size() - 1));
     if (!directory && errno != ENOENT) {
         fail("cannot open the directory of the user's segments", path, errno);
     }

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace agent::spf::sharedmemory {
 
@@ -26,12 +27,23 @@ public:
     /// Without the search through the caller's groups that an empty trustee stands for otherwise.
     SharedMemory findExactly(const std::string& name, std::size_t size);
 
+    /// Whether anything stands under the name, also what cannot be attached to.
+    bool isTaken(const std::string& name);
+
+    /// The names of segments that begin so and go on, for whoever has just opened one.
+    std::vector<std::string> namesWith(const std::string& prefix) const {
+        return segments.namesWith(prefix);
+    }
+
+    /// Has the next opener look for the trustee's directory anew.
+    void forgetDirectory() { segments.forgetDirectory(); }
+
     /// What tells an attached System V segment from every other there ever was.
     static SegmentToken tokenOf(const SharedMemory& memory);
 
-    /// Whether a user of the service has removed an attached System V segment. What the system
-    /// removes, as at a logout, is only `isStillNamed` aware of.
-    static bool isMarkedRemoved(const SharedMemory& memory);
+    /// Whether an attached System V segment was removed, by a user of the service or by the system.
+    /// As `isStillNamed`, but what becomes of its name otherwise is not looked at.
+    static bool isRemoved(const SharedMemory& memory);
 
 private:
     SysVSegments segments;

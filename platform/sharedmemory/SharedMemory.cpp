@@ -136,8 +136,12 @@ SegmentToken SharedMemory::Openers::tokenOf(const SharedMemory& memory) {
     return dynamic_cast<const SysVSegment&>(*memory.segment).token();
 }
 
-bool SharedMemory::Openers::isMarkedRemoved(const SharedMemory& memory) {
-    return dynamic_cast<const SysVSegment&>(*memory.segment).isMarkedRemoved();
+bool SharedMemory::Openers::isRemoved(const SharedMemory& memory) {
+    return dynamic_cast<const SysVSegment&>(*memory.segment).isRemoved();
+}
+
+bool SharedMemory::Openers::isTaken(const std::string& name) {
+    return segments.find(name, 1).isTaken;
 }
 
 std::optional<std::string> SharedMemory::read(const std::string& name, std::size_t size,

@@ -30,16 +30,16 @@ std::size_t SysVSegment::size() const noexcept {
     return wholeSize - trailer::size;
 }
 
-bool SysVSegment::isMarkedRemoved() const noexcept {
-    return !trailer::matches(end(), record.token);
+bool SysVSegment::isRemoved() const noexcept {
+    if (!trailer::matches(end(), record.token)) {
+        return true;
+    }
+    const auto status = sysv::statusOf(record.id);
+    return !status || status->isRemoved;
 }
 
 bool SysVSegment::isStillNamed() const noexcept {
-    if (isMarkedRemoved() || os::identityAt(path) != identity) {
-        return false;
-    }
-    const auto status = sysv::statusOf(record.id);
-    return status && !status->isRemoved;
+    return os::identityAt(path) == identity && !isRemoved();
 }
 
 void SysVSegment::remove() noexcept {

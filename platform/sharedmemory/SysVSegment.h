@@ -29,8 +29,8 @@ public:
 
     const SegmentToken& token() const { return record.token; }
 
-    /// Whether a user of the service has removed it, which takes no system call to find out.
-    bool isMarkedRemoved() const noexcept;
+    /// Whether it was removed, by a user of the service or by the system.
+    bool isRemoved() const noexcept;
 
 private:
     /// Takes the name away, where it still stands for this segment.

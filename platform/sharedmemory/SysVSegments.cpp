@@ -1,5 +1,7 @@
 #include "sharedmemory/SysVSegments.h"
 
+#include "foundation/os/Accounts.h"
+#include "foundation/os/DirectoryStream.h"
 #include "sharedmemory/Failure.h"
 #include "sharedmemory/SegmentName.h"
 #include "sharedmemory/SegmentTrailer.h"
@@ -12,6 +14,7 @@
 #include <chrono>
 #include <limits>
 #include <optional>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -35,47 +38,61 @@ struct NamedSegment {
     sysv::Attachment attachment;
 };
 
-/// The segment that a record names; nothing where that is gone, or is another one or somebody
-/// else's by now, as after a reboot or in another IPC namespace.
-std::optional<NamedSegment> segmentOf(const SegmentRecord& record,
-                                      const RecordDirectory& directory) {
-    const auto status = sysv::statusOf(record.id);
-    if (!status || !isAsMade(*status, directory)) {
-        return std::nullopt;
-    }
-    NamedSegment segment{status->size, sysv::Attachment(record.id)};
-    if (!segment.attachment) {
-        if (sysv::saysGone(errno) || errno == EACCES) {
-            return std::nullopt;
-        }
-        fail("cannot attach to the segment", {}, errno);
-    }
-    const bool isTheOne =
-        trailer::matches(segment.attachment.get() + segment.wholeSize, record.token);
-    return isTheOne ? std::optional(std::move(segment)) : std::nullopt;
-}
-
 /// What stands under a name.
 struct Examined {
     RecordFile file;
+    /// The segment that the record names; nothing where that is gone, or is another one or somebody
+    /// else's by now, as after a reboot or in another IPC namespace.
     std::optional<NamedSegment> segment;
+    /// There is one that this process cannot tell to be another's, since it is not in the group.
+    bool isClosed = false;
 
     bool isFree() const { return file.error == ENOENT; }
     /// A file that is no record, or names nothing any more.
-    bool isStale() const { return file.descriptor && S_ISREG(file.status.st_mode) && !segment; }
+    bool isStale() const {
+        return file.descriptor && S_ISREG(file.status.st_mode) && !segment && !isClosed;
+    }
 };
 
-Examined examine(const os::FilePlace& place, const RecordDirectory& directory) {
-    Examined found{openRecord(place), {}};
-    if (found.file.record) {
-        found.segment = segmentOf(*found.file.record, directory);
+/// After a look that failed with errno set: whether the segment is one of the group's all the same.
+/// Every member may look at those.
+bool mayBeTheGroups(const RecordDirectory& directory) {
+    return errno == EACCES && directory.group() && !os::isInGroup(*directory.group());
+}
+
+void findSegment(Examined& there, const RecordDirectory& directory) {
+    const SegmentRecord& record = *there.file.record;
+    const auto status = sysv::statusOf(record.id);
+    if (!status) {
+        there.isClosed = mayBeTheGroups(directory);
+        return;
     }
-    return found;
+    // Whoever has read a record knows its token, but a segment of theirs is not its maker's.
+    if (!isAsMade(*status, directory) || status->creator != there.file.status.st_uid) {
+        return;
+    }
+    NamedSegment segment{status->size, sysv::Attachment(record.id)};
+    if (!segment.attachment) {
+        if (!sysv::saysGone(errno) && errno != EACCES) {
+            fail("cannot attach to the segment", {}, errno);
+        }
+        there.isClosed = mayBeTheGroups(directory);
+    } else if (trailer::matches(segment.attachment.get() + segment.wholeSize, record.token)) {
+        there.segment = std::move(segment);
+    }
+}
+
+Examined examine(const os::FilePlace& place, const RecordDirectory& directory) {
+    Examined there{openRecord(place), {}};
+    if (there.file.record) {
+        findSegment(there, directory);
+    }
+    return there;
 }
 
 /// Makes way for a new record. What a stale one may still lead to is its owner's to remove.
-void removeStale(const os::FilePlace& place, RecordFile file) {
-    constexpr std::chrono::seconds timeout{10};
+void takeStaleAway(const os::FilePlace& place, RecordFile file) {
+    constexpr std::chrono::seconds timeout{2};
     const os::FileIdentity identity = file.identity();
     const SegmentToken token = file.record ? file.record->token : makeSegmentToken();
     auto unnamed =
@@ -83,7 +100,7 @@ void removeStale(const os::FilePlace& place, RecordFile file) {
     if (unnamed) {
         unnamed->leaveToOwner();
     } else if (os::identityAt(place) == identity) {
-        fail("cannot replace the record", place.name, errno);
+        fail("cannot replace the record", place.name, EBUSY);
     }
 }
 
@@ -132,10 +149,11 @@ Naming giveName(UnnamedRecord& record, const RecordDirectory& directory, const s
             return Naming::taken;
         }
         if (there.isStale()) {
-            removeStale(place, std::move(there.file));
+            takeStaleAway(place, std::move(there.file));
             UnnamedRecord::removeAllStale(directory); // It may be this user's own.
         } else if (!there.isFree()) {
-            fail("cannot make the segment: something else has its name", name, EEXIST);
+            fail("cannot make the segment: something else has its name", name,
+                 there.isClosed ? EACCES : EEXIST);
         }
     }
 }
@@ -168,19 +186,41 @@ std::unique_ptr<SharedMemory::Segment> SysVSegments::make(const std::string& nam
     if (size > std::numeric_limits<std::size_t>::max() - trailer::size) {
         fail("cannot make the segment", name, EFBIG);
     }
-    if (!directory) {
-        directory = std::make_shared<const RecordDirectory>(RecordDirectory::openOrCreate(trustee));
-    }
-    // Not at every look: nothing accumulates but by what is made.
-    UnnamedRecord::removeAllStale(*directory);
-    const std::string recordName =
-        segmentNameOf(name, trustee.name(), directory->user()).platformName;
     for (;;) {
-        Attempt attempt = tryMake(recordName, size, contents);
+        if (!directory) {
+            directory =
+                std::make_shared<const RecordDirectory>(RecordDirectory::openOrCreate(trustee));
+        }
+        // Not at every look: nothing accumulates but by what is made.
+        UnnamedRecord::removeAllStale(*directory);
+        Attempt attempt = tryMake(recordNameOf(name), size, contents);
         if (attempt.isDecided) {
             return std::move(attempt.segment);
         }
+        forgetDirectory();
     }
+}
+
+std::string SysVSegments::recordNameOf(const std::string& name) const {
+    return segmentNameOf(name, trustee.name(), directory->user()).platformName;
+}
+
+std::vector<std::string> SysVSegments::namesWith(const std::string& prefix) const {
+    std::vector<std::string> names;
+    const std::string record = directory ? recordNameOf(prefix) : std::string();
+    if (record.substr(0, prefix.size()) != prefix) {
+        return names; // A record of this name would not tell it.
+    }
+    const std::string ending = record.substr(prefix.size());
+    os::DirectoryStream entries(directory->placeOf("."));
+    while (const char* entry = entries ? entries.next() : nullptr) {
+        const std::string_view found(entry);
+        if (found.starts_with(prefix) && found.ends_with(ending) &&
+            found.size() > prefix.size() + ending.size()) {
+            names.emplace_back(found.substr(0, found.size() - ending.size()));
+        }
+    }
+    return names;
 }
 
 SysVSegments::Attempt SysVSegments::tryMake(const std::string& recordName, std::size_t size,
@@ -237,8 +277,7 @@ SegmentLookup SysVSegments::find(const std::string& name, std::size_t size) {
         }
         directory = std::make_shared<const RecordDirectory>(std::move(*found));
     }
-    const std::string recordName =
-        segmentNameOf(name, trustee.name(), directory->user()).platformName;
+    const std::string recordName = recordNameOf(name);
     Examined there = examine(directory->placeOf(recordName), *directory);
     if (!there.segment) {
         return {nullptr, !there.isFree() && !there.isStale()};

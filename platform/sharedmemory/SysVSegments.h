@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace agent::spf::sharedmemory {
 
@@ -28,7 +29,16 @@ public:
     /// Attaches to an existing segment of exactly this name and trustee.
     SegmentLookup find(const std::string& name, std::size_t size);
 
+    /// The names of segments, in the directory that is open, that begin so and go on.
+    std::vector<std::string> namesWith(const std::string& prefix) const;
+
+    /// Has the directory opened anew when it is next needed: somebody may have put another one in
+    /// its place.
+    void forgetDirectory() { directory.reset(); }
+
 private:
+    std::string recordNameOf(const std::string& name) const;
+
     /// Undecided when somebody has removed the new segment or its record before it was finished.
     struct Attempt {
         bool isDecided = false;

@@ -55,8 +55,15 @@ os::FileDescriptor createLocked(const os::FilePlace& place) {
     if (!file) {
         fail("cannot make the record", place.name, errno);
     }
-    // Without its name nobody would be told what a maker that is killed has made.
-    if (!tryLock(file.get()) || !hasName(file.get())) {
+    if (!tryLock(file.get())) {
+        const int error = errno;
+        ::unlinkat(place.folder, place.name.c_str(), 0);
+        if (error != EWOULDBLOCK) {
+            fail("cannot lock the record", place.name, error);
+        }
+        file.reset();
+    } else if (!hasName(file.get())) {
+        // Without it nobody would be told what a maker that is killed has made.
         file.reset();
     }
     return file;
@@ -89,7 +96,11 @@ void removeSegmentsMadeBy(pid_t maker, uid_t owner) {
 /// is left alone. False when it is not known which, or the system refuses.
 bool removeSegmentOf(const SegmentRecord& record, uid_t owner) {
     const auto status = sysv::statusOf(record.id);
-    if (!status || status->hasKey || status->creator != owner || status->size < trailer::size) {
+    if (!status) {
+        // What is closed even to its owner is somebody else's by now.
+        return sysv::saysGone(errno) || owner == ::geteuid();
+    }
+    if (status->hasKey || status->creator != owner || status->size < trailer::size) {
         return true;
     }
     const sysv::Attachment attachment(record.id);
@@ -109,9 +120,17 @@ bool removeWhatIsOf(const SegmentRecord& record, uid_t owner) {
     return true;
 }
 
+/// Whether a note leads to nothing any more, so that everybody may remove it: its owner may never
+/// come back.
+bool leadsNowhere(const RecordFile& file) {
+    return file.record && file.record->namesSegment() && !sysv::statusOf(file.record->id) &&
+           sysv::saysGone(errno);
+}
+
 void removeIfStale(const os::FilePlace& place) {
     RecordFile file = openRecord(place);
-    const bool isOwn = file.status.st_uid == ::geteuid() || ::geteuid() == root;
+    const bool isOwn =
+        file.status.st_uid == ::geteuid() || ::geteuid() == root || leadsNowhere(file);
     // Until it is locked here, its maker may give it its name, or write to it and be killed.
     if (file.descriptor && isOwn && S_ISREG(file.status.st_mode) &&
         tryLock(file.descriptor.get()) && os::identityAt(place) == file.identity() &&
