@@ -168,33 +168,6 @@ void leaveDeadEntry(const std::string& group) {
     publisher.kill();
 }
 
-/// In a process of ben's: shares, withdraws the last when it is told, and the rest when it is told
-/// again.
-void serve(const std::string& group, int count, Channel& test) {
-    become(ben, {group});
-    std::list<Endpoint> endpoints;
-    for (int number = 0; number < count; ++number) {
-        endpoints.push_back(endpointOf(bensIn(group, number)));
-        endpoints.back().addTrustees({group});
-    }
-    test.send("shared");
-    test.receive();
-    if (count > 0) {
-        endpoints.pop_back();
-    }
-    test.send("withdrawn");
-    test.receive();
-}
-
-/// Those of ben's that stay.
-DataPairs lastingOf(const Point& point, const std::string& group) {
-    DataPairs all;
-    for (int number = 0; number + 1 < point.operation->others; ++number) {
-        all.push_back(bensIn(group, number));
-    }
-    return all;
-}
-
 /// How often this process has gone to sleep, as it does while it waits.
 long countSleeps() {
     rusage usage{};
@@ -212,21 +185,61 @@ double secondsOfProcessor() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+/// Who waits for a lock sleeps for 2 ms at a time, however busy the machine is. So these are how
+/// often one does who waits for nobody, for once 2 s, and for once 10 s.
+constexpr long sleepsWithoutWaiting = 300;
+constexpr long sleepsOfAShortWait = 1'500;
+constexpr long sleepsOfALongWait = 6'500;
+
+/// Runs the body and expects that it sleeps at most so often, and hardly uses the processor.
+void expectQuiet(long sleeps, const std::function<void()>& body) {
+    const long sleepsBefore = countSleeps();
+    const double secondsBefore = secondsOfProcessor();
+    body();
+    EXPECT_LT(countSleeps() - sleepsBefore, sleeps);
+    EXPECT_LT(secondsOfProcessor() - secondsBefore, 1);
+}
+
+/// In a process of ben's: shares, withdraws the last whenever it is told, and the rest at its end.
+void serve(const std::string& group, int count, Channel& test) {
+    become(ben, {group});
+    std::list<Endpoint> endpoints;
+    for (int number = 0; number < count; ++number) {
+        endpoints.push_back(endpointOf(bensIn(group, number)));
+        endpoints.back().addTrustees({group});
+    }
+    test.send("shared");
+    while (test.receive() != "end") {
+        if (!endpoints.empty()) {
+            expectQuiet(sleepsOfAShortWait, [&] { endpoints.back().clearTrustees(); });
+            endpoints.pop_back();
+        }
+        test.send("withdrawn");
+    }
+}
+
+/// Those of ben's that stay.
+DataPairs lastingOf(const Point& point, const std::string& group) {
+    DataPairs all;
+    for (int number = 0; number + 1 < point.operation->others; ++number) {
+        all.push_back(bensIn(group, number));
+    }
+    return all;
+}
+
 /// As root: nobody waits who has to do with neither the group nor the user that is stopped.
 void expectNoDelayElsewhere() {
     EXPECT_EQ(tests::runInChild([] {
                   become(ben, {family});
-                  // Whoever waits for the lock of a table sleeps a thousand times.
-                  constexpr long few = 300;
-                  const long before = countSleeps();
-                  const DataPair data("elsewhere", "data");
-                  Endpoint endpoint = endpointOf(data);
-                  EXPECT_EQ(Endpoint::find(tag, keyOf(data)), data);
-                  endpoint.addTrustees({family});
-                  EXPECT_EQ(Endpoint::list({family}), DataPairs{data});
-                  endpoint.clearTrustees();
-                  EXPECT_EQ(Endpoint::list({family}), DataPairs());
-                  EXPECT_LT(countSleeps() - before, few);
+                  expectQuiet(sleepsWithoutWaiting, [] {
+                      const DataPair data("elsewhere", "data");
+                      Endpoint endpoint = endpointOf(data);
+                      EXPECT_EQ(Endpoint::find(tag, keyOf(data)), data);
+                      endpoint.addTrustees({family});
+                      EXPECT_EQ(Endpoint::list({family}), DataPairs{data});
+                      endpoint.clearTrustees();
+                      EXPECT_EQ(Endpoint::list({family}), DataPairs());
+                  });
               }),
               0);
 }
@@ -419,7 +432,9 @@ TEST_F(EndpointSharingStopped, AMemberDelaysNoLookUpAndNoWithdrawalOfOthersForGo
             // Found or not, all this returns while anna's processes are stopped.
             const Crew lookups(2 * count, [&stage](std::size_t number, Channel&) {
                 SCOPED_TRACE(stage.describe(number / 2));
-                lookUp(stage.point(number / 2), groupOf(number / 2), number % 2 == 0);
+                expectQuiet(sleepsOfAShortWait, [&] {
+                    lookUp(stage.point(number / 2), groupOf(number / 2), number % 2 == 0);
+                });
             });
             stage.beginWithdrawals();
             expectNoDelayElsewhere();
@@ -472,11 +487,8 @@ TEST_F(EndpointSharingStopped, AMemberIsNamedToThoseWhoCannotShareAndCostsOthers
             std::list<Endpoint> endpoints;
             for (int share = 0; share < (isLocked.at(number) ? 1 : shares); ++share) {
                 endpoints.push_back(endpointOf(dataOf(number, share)));
-                const double before = secondsOfProcessor();
-                const std::string refusal = tryToShare(endpoints.back(), group);
-                // Of ten seconds.
-                EXPECT_LT(secondsOfProcessor() - before, 1);
-                test.send(refusal);
+                expectQuiet(sleepsOfALongWait,
+                            [&] { test.send(tryToShare(endpoints.back(), group)); });
             }
             test.receive();
         });
