@@ -7,12 +7,15 @@
 #include "tests/support/TestAccounts.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sched.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -41,6 +44,7 @@ const std::string tag = "tag";
 const DataPair annas("data of", "anna");
 const DataPair bens("data of", "ben");
 const DataPair later("something", "later");
+const DataPair unheld("data of", "nora");
 
 Sharer sharerOf(const DataPair& data, const std::string& user) {
     return {user, data, tag, data.second, {friends}};
@@ -203,12 +207,20 @@ TEST_F(EndpointSharingLogout, ShowsNothingOfTheDeadAndLetsOthersClearUpAfterThem
 
 TEST_F(EndpointSharingLogout, ShowsNothingOfTheDeadWhoseNumberAnotherProcessHas) {
     Sharer holder = sharerOf(annas, anna);
-    // Its file without its lock, under the name of a process that lives.
-    const std::string path = tests::sharedPath(friends, holder.name());
-    const std::string stale = tests::entryName(bens, tag, bens.second, ::getpid());
-    fs::copy_file(path, tests::sharedPath(friends, stale));
+    // A file as the holder's but for its lock, under the name of a process that lives.
+    std::string contents = tests::contentOf(tests::sharedPath(friends, holder.name()));
+    const std::size_t at = contents.rfind(annas.second);
+    ASSERT_NE(at, std::string::npos);
+    contents.replace(at, unheld.second.size(), unheld.second);
+    const std::string name = tests::entryName(unheld, tag, unheld.second, ::getpid());
+    std::ofstream(tests::sharedPath(friends, name)) << contents;
+    ASSERT_EQ(::chmod(tests::sharedPath(friends, name).c_str(), 0470), 0);
+    ASSERT_EQ(::chown(tests::sharedPath(friends, name).c_str(), accounts::userId(anna),
+                      accounts::groupId(friends)),
+              0);
     tests::logOut(anna);
     expectFound({annas});
+    as(ben, [] { EXPECT_EQ(Endpoint::find(tag, unheld.second, {friends}), std::nullopt); });
     holder.end();
 }
 
