@@ -280,7 +280,7 @@ TEST_F(EndpointSharingMembership, IsWhatAStrangersFolderLacksThatGotTheGroupHand
     for (const std::string& parent :
          {tests::entryParent, tests::tableParent, tests::segmentParent}) {
         startAfresh();
-        const std::string level = tests::sharedTop + "/" + parent;
+        const std::string level = fs::path(tests::sharedTop) / parent;
         const std::string folder = parent == tests::segmentParent
                                        ? tests::recordFolder(friends)
                                        : tests::sharedFolder(parent, friends);

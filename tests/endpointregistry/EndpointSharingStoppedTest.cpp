@@ -64,7 +64,7 @@ struct Operation {
 };
 
 void beginSteps() {
-    ::raise(SIGSTOP);
+    static_cast<void>(::raise(SIGSTOP));
 }
 
 /// The key of her entry, and its second string, is the group.
@@ -172,7 +172,7 @@ void leaveDeadEntry(const std::string& group) {
 long countSleeps() {
     rusage usage{};
     ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_nvcsw;
+    return usage.ru_nvcsw; // NOLINT(*-pro-type-union-access): as the C library declares it
 }
 
 double secondsOfProcessor() {
@@ -312,7 +312,7 @@ public:
                 become(anna, {group});
                 stopped.run(group, [] {
                     for (;;) {
-                        ::raise(SIGSTOP);
+                        beginSteps();
                     }
                 });
             }));

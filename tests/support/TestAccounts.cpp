@@ -64,6 +64,7 @@ void become(const std::string& user) {
 
 void becomeMemberOf(const std::vector<std::string>& groups, uid_t user) {
     std::vector<gid_t> ids;
+    ids.reserve(groups.size());
     for (const std::string& group : groups) {
         ids.push_back(groupId(group));
     }
@@ -96,7 +97,7 @@ void addGroups(const std::vector<std::string>& groups) {
     std::string content = contentOfDatabase(groupDatabase);
     gid_t number = firstAddedGroup;
     for (const std::string& group : groups) {
-        content += group + ":x:" + std::to_string(number++) + ":" + anna + "," + ben + "\n";
+        content.append(group).append(":x:").append(std::to_string(number++)).append(":anna,ben\n");
     }
     replaceDatabase(groupDatabase, content);
 }
