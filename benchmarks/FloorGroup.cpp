@@ -39,12 +39,20 @@ int openThroughNoLink(const std::string& path, unsigned flags) {
                  "openat2");
 }
 
-/// An attachment whose maker and group were looked at.
-char* attach(key_t key, gid_t trustee) {
+/// An attachment to the segment that a record names, whose group was looked at.
+char* attach(const std::string& record, gid_t trustee) {
+    constexpr std::size_t idOffset = 8;
+    std::array<char, 32> bytes{};
+    const int file = openThroughNoLink(record, 0);
+    if (::pread(file, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+        throw std::runtime_error("no record");
+    }
+    ::close(file);
+    int id = -1;
+    std::memcpy(&id, bytes.data() + idOffset, sizeof id);
     shmid_ds status{};
-    const int id = check(::shmget(key, 0, 0), "shmget");
     check(::shmctl(id, IPC_STAT, &status), "shmctl");
-    if (status.shm_perm.gid != trustee || status.shm_perm.cuid != ::geteuid()) {
+    if (status.shm_perm.gid != trustee) {
         throw std::runtime_error("not the group's");
     }
     return static_cast<char*>(::shmat(id, nullptr, 0));
@@ -83,20 +91,16 @@ SharedFolder::SharedFolder(std::string group)
     const std::string top = registry::getSharedFolderPath() + "/Corvantis/";
     entries = top + "qvEndpointRegistry/" + registry::hashString(trustee);
     lock = top + "qvNamedStringArray/" + registry::hashString(trustee) + "/baseLock";
-    std::size_t smallest = 0;
-    shm_info info{};
-    // NOLINTNEXTLINE(*-reinterpret-cast): as the call is declared
-    const int last = ::shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&info));
-    for (int i = 0; i <= last; ++i) {
-        shmid_ds status{};
-        if (::shmctl(i, SHM_STAT, &status) == -1) {
-            continue;
-        }
-        const bool isSmaller = smallest == 0 || status.shm_segsz < smallest;
-        smallest = isSmaller ? status.shm_segsz : smallest;
-        container = isSmaller ? base : status.shm_perm.__key; // NOLINT(bugprone-reserved-*)
-        base = isSmaller ? status.shm_perm.__key : base;      // NOLINT(bugprone-reserved-*)
-    }
+    constexpr std::size_t indexOffset = 5;
+    constexpr std::size_t generationsOffset = 40;
+    const gid_t id = idOf(trustee);
+    const std::string table =
+        top + "qvSharedMemory/" + std::to_string(id) + "/qvEndpointRegistrySysVv0";
+    base = table + "@g" + trustee;
+    char* const bytes = attach(base, id);
+    const std::size_t index = bytes[indexOffset] == 0 ? 0 : sizeof(std::uint64_t);
+    container = table + std::to_string(numberAt(bytes, generationsOffset + index)) + "@g" + trustee;
+    ::shmdt(bytes);
 }
 
 std::optional<DataPair> SharedFolder::find(std::string_view groupPart,

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/ipc.h>
 
 namespace benchmarks::floor {
 
@@ -13,7 +12,7 @@ namespace benchmarks::floor {
 /// System V shared memory, which nothing but attaching reads, under a lock file.
 class SharedFolder {
 public:
-    /// For what is shared by now. The table's segments must be all that there are on this machine.
+    /// For what is shared by now, as long as the table is neither replaced nor resized.
     explicit SharedFolder(std::string trustee);
 
     std::optional<DataPair> find(std::string_view groupPart, std::string_view keyPart) const;
@@ -22,8 +21,9 @@ private:
     std::string trustee;
     std::string entries;
     std::string lock;
-    key_t base = IPC_PRIVATE;
-    key_t container = IPC_PRIVATE;
+    /// The records of the table's segments.
+    std::string base;
+    std::string container;
 };
 
 } // namespace benchmarks::floor
