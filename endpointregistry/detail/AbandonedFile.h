@@ -15,7 +15,7 @@ void failIfNotAsked(int error, const OpenFolder& folder, const std::string& name
 
 /// The right to clear away what a dead publisher left under one name.
 ///
-/// While it is held, no publisher can take the file over and nobody else clears the same folder;
+/// While it is held, nobody can lock the file as its own and nobody else clears the same folder;
 /// yet whoever asks about the file meanwhile still sees that its publisher is dead, because the
 /// file's lock is only shared. That is why the folder, too, is locked: two that cleared one file
 /// could otherwise remove the new one that a publisher made between them.
