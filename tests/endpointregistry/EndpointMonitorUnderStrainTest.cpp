@@ -6,6 +6,7 @@
 #include "tests/endpointregistry/FewDescriptors.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TestAccounts.h"
 #include "tests/support/UserNamespace.h"
 
@@ -135,6 +136,9 @@ TEST_F(MonitorUnderStrain, FindsNothingOfAKilledPublisherThoughTheQueueOverflowe
 }
 
 TEST_F(MonitorUnderStrain, WithoutDescriptorsIsAnErrorThatNamesTheLimit) {
+    if (!tests::canDoWithoutDescriptors) {
+        GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
+    }
     constexpr std::size_t own = 4;
     for (std::size_t left = 0; left < own; ++left) {
         EXPECT_EQ(tests::runInChild([left] {
@@ -150,7 +154,6 @@ TEST_F(MonitorUnderStrain, WithoutDescriptorsIsAnErrorThatNamesTheLimit) {
                               EXPECT_NE(::open("/", O_PATH | O_CLOEXEC), -1) << "leaked";
                           }
                       }
-                      // Only now, since sanitizers need a descriptor to look at what was thrown.
                       ASSERT_TRUE(thrown);
                       EXPECT_EQ(messageOf([&] { std::rethrow_exception(thrown); }),
                                 noWatch + "RLIMIT_NOFILE (128)");
@@ -171,6 +174,9 @@ TEST_F(MonitorUnderStrain, WithoutDescriptorsIsAnErrorThatNamesTheLimit) {
 }
 
 TEST_F(MonitorUnderStrain, LosesNothingWhenDescriptorsRunOut) {
+    if (!tests::canDoWithoutDescriptors) {
+        GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
+    }
     EXPECT_EQ(tests::runInChild([] {
                   EndpointMonitor monitor;
                   ForkedProcess publisher([](Channel& test) {

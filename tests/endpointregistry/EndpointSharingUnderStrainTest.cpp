@@ -4,6 +4,7 @@
 #include "tests/endpointregistry/FewDescriptors.h"
 #include "tests/endpointregistry/SharingTools.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TestAccounts.h"
 
 #include <exception>
@@ -37,9 +38,9 @@ const std::string key = "key";
 class EndpointSharingWithoutDescriptors : public tests::SharingTest {
 protected:
     void SetUp() override {
-#ifdef __SANITIZE_ADDRESS__
-        GTEST_SKIP() << "the sanitizers need descriptors themselves";
-#endif
+        if (!tests::canDoWithoutDescriptors) {
+            GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
+        }
         SharingTest::SetUp();
     }
 

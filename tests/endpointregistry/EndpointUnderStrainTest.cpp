@@ -7,6 +7,7 @@
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/LoggersReportedFailure.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/SmallSharedMemory.h"
 #include "tests/support/TestAccounts.h"
 
@@ -80,9 +81,9 @@ class EndpointWithoutDescriptors : public EndpointUnderStrain {
 protected:
     void SetUp() override {
         EndpointUnderStrain::SetUp();
-#ifdef __SANITIZE_ADDRESS__
-        GTEST_SKIP() << "the sanitizers need descriptors themselves";
-#endif
+        if (!tests::canDoWithoutDescriptors) {
+            GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
+        }
         tests::provideEntryFolder();
     }
 };

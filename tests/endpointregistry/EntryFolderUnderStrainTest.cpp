@@ -3,6 +3,7 @@
 #include "tests/endpointregistry/EndpointTools.h"
 #include "tests/endpointregistry/FewDescriptors.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -11,9 +12,9 @@ using agent::spf::endpointregistry::EntryFolder;
 using EntryFolderUnderStrain = tests::RegistryTest;
 
 TEST_F(EntryFolderUnderStrain, TakesNobodyForDeadOrLivingWhomItCannotAskAbout) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizers need descriptors themselves";
-#endif
+    if (!tests::canDoWithoutDescriptors) {
+        GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
+    }
     const tests::PlantedEntry entry("entry", "");
     EXPECT_EQ(tests::runInChild([&entry] {
                   const EntryFolder folder("");

@@ -1,6 +1,7 @@
 #include "foundation/os/Accounts.h"
 
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TestAccounts.h"
 
 #include <cerrno>
@@ -44,13 +45,6 @@ void useSecondService(const std::string& service) {
     demand(::unlink(path.c_str()), path);
 }
 
-// UndefinedBehaviorSanitizer, which is on together with AddressSanitizer here, needs descriptors.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool canDoWithoutDescriptors = false;
-#else
-constexpr bool canDoWithoutDescriptors = true;
-#endif
-
 /// Takes all descriptors that are left.
 void exhaustDescriptors() {
     constexpr rlim_t few = 64;
@@ -69,8 +63,8 @@ protected:
         if (!accounts::available()) {
             GTEST_SKIP() << accounts::whyNot;
         }
-        if (!canDoWithoutDescriptors) {
-            GTEST_SKIP() << "the sanitizers need descriptors themselves";
+        if (!tests::canDoWithoutDescriptors) {
+            GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
         }
         if (::dlopen("libnss_systemd.so.2", RTLD_LAZY) == nullptr) {
             GTEST_SKIP() << "needs the name service of systemd";

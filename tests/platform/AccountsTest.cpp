@@ -1,6 +1,7 @@
 #include "foundation/os/Accounts.h"
 
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TestAccounts.h"
 
 #include <cerrno>
@@ -24,14 +25,6 @@ using foundation::os::isMember;
 constexpr uid_t noUser = 60899;
 constexpr gid_t noGroup = 60898;
 using Names = std::set<std::string>;
-
-// UndefinedBehaviorSanitizer, which is on together with AddressSanitizer here, probes memory
-// through a pipe and takes every object for a bad one when it can open none.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool canDoWithoutDescriptors = false;
-#else
-constexpr bool canDoWithoutDescriptors = true;
-#endif
 
 /// Runs `body` in a child that can open nothing any more.
 void withoutDescriptors(const std::function<void()>& body) {
@@ -92,8 +85,8 @@ TEST_F(Accounts, TellTheSameToEveryUserWhateverGroupsItHasTaken) {
 }
 
 TEST_F(Accounts, DoNotSayNoWhenTheyCannotBeAsked) {
-    if (!canDoWithoutDescriptors) {
-        GTEST_SKIP() << "the sanitizers need descriptors themselves";
+    if (!tests::canDoWithoutDescriptors) {
+        GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
     }
     const uid_t anna = userId("anna");
     const uid_t carl = userId("carl");
@@ -133,8 +126,8 @@ TEST_F(Accounts, NameTheGroupsThatAProcessHasNow) {
 }
 
 TEST_F(Accounts, DoNotLeaveOutGroupsWhoseNamesTheyCannotAskFor) {
-    if (!canDoWithoutDescriptors) {
-        GTEST_SKIP() << "the sanitizers need descriptors themselves";
+    if (!tests::canDoWithoutDescriptors) {
+        GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
     }
     const gid_t friends = groupId("friends");
     withoutDescriptors([&] {

@@ -1,5 +1,6 @@
 #include "tests/platform/SharedMemoryTools.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/SmallSharedMemory.h"
 
 #include <algorithm>
@@ -145,17 +146,9 @@ TEST_F(SharedMemoryLimits, LeaveEveryByteOfASegmentUsable) {
               0);
 }
 
-// UndefinedBehaviorSanitizer, which is on together with AddressSanitizer here, probes memory
-// through a pipe and takes every object for a bad one when it can open none.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool canDoWithoutDescriptors = false;
-#else
-constexpr bool canDoWithoutDescriptors = true;
-#endif
-
 TEST_F(SharedMemoryLimits, OnDescriptorsAreErrorsAndNotMissingSegments) {
-    if (!canDoWithoutDescriptors) {
-        GTEST_SKIP() << "the sanitizers need descriptors themselves";
+    if (!tests::canDoWithoutDescriptors) {
+        GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
     }
     const SharedMemory present = create("present");
     EXPECT_EQ(tests::runInChild([] {

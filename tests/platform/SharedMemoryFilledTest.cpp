@@ -1,6 +1,7 @@
 #include "tests/endpointregistry/FoldersRefusedCalls.h"
 #include "tests/platform/SharedMemoryTools.h"
 #include "tests/support/ForkedProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/SmallSharedMemory.h"
 
 #include <cerrno>
@@ -207,9 +208,9 @@ TEST_F(SharedMemoryFilledLimits, AreMetBeforeTheSegmentIsThere) {
 }
 
 TEST_F(SharedMemoryFilledLimits, OnDescriptorsAreErrorsAndNotMissingSegments) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizers need descriptors themselves";
-#endif
+    if (!tests::canDoWithoutDescriptors) {
+        GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
+    }
     const SharedMemory present = createFilled("present");
     EXPECT_EQ(tests::runInChild([&] {
                   const rlimit none{0, 0};

@@ -1,4 +1,5 @@
 #include "tests/platform/SysVTools.h"
+#include "tests/support/Sanitizers.h"
 
 #include <cstdint>
 #include <functional>
@@ -96,14 +97,6 @@ TEST_F(SysVSegment, IsNotNamedAnyMoreOnceAnotherProgramHasRemovedIt) {
     sysv::useTheService();
 }
 
-// UndefinedBehaviorSanitizer, which is on together with AddressSanitizer here, probes memory
-// through a pipe and takes every object for a bad one when it can open none.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool canDoWithoutDescriptors = false;
-#else
-constexpr bool canDoWithoutDescriptors = true;
-#endif
-
 class SysVWithoutDescriptors : public sysv::SysVUsersTest {
 protected:
     /// Runs `body` as anna in a process that can open nothing.
@@ -117,8 +110,8 @@ protected:
 
     void SetUp() override {
         SysVUsersTest::SetUp();
-        if (!canDoWithoutDescriptors) {
-            GTEST_SKIP() << "the sanitizers need descriptors themselves";
+        if (!tests::canDoWithoutDescriptors) {
+            GTEST_SKIP() << tests::whyDescriptorsAreNeeded;
         }
     }
 };
