@@ -2,9 +2,11 @@
 
 #include "benchmarks/Benchmarks.h"
 #include "benchmarks/FloorGroup.h"
+#include "benchmarks/Keys.h"
 #include "benchmarks/Measuring.h"
 #include "benchmarks/Publishers.h"
 #include "endpointregistry/Endpoint.h"
+#include "endpointregistry/EntryName.h"
 
 #include <benchmark/benchmark.h>
 #include <string>
@@ -13,22 +15,25 @@ namespace benchmarks {
 
 namespace {
 
-using agent::spf::endpointregistry::Endpoint;
+namespace registry = agent::spf::endpointregistry;
+using registry::Endpoint;
 
 void findShared(benchmark::State& state, std::size_t entries) {
     const std::string group = ownGroup();
-    const std::string key = keyOf(0);
+    Keys keys(entries);
     measure(state, {.entries = entries, .trustee = group},
-            [&] { return Endpoint::find(groupTag, key, {group}).has_value(); });
+            [&] { return Endpoint::find(groupTag, keys.next(), {group}).has_value(); });
 }
 
 void findSharedOnFloor(benchmark::State& state, std::size_t entries) {
     const std::string group = ownGroup();
     provideOthers(entries, group);
     const floor::SharedFolder folder(group);
-    const floor::Entry entry(dataOf(0), groupTag, keyOf(0));
-    measure(state, {.entries = entries, .trustee = group},
-            [&] { return folder.find(entry.groupPart, entry.keyPart).has_value(); });
+    Keys keys(entries);
+    const std::string groupPart = registry::getGroupTagPrefix(groupTag);
+    measure(state, {.entries = entries, .trustee = group}, [&] {
+        return folder.find(groupPart, registry::getSelectedKeySubstring(keys.next())).has_value();
+    });
 }
 
 void filterShared(benchmark::State& state, std::size_t entries) {

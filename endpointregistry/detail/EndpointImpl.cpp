@@ -100,9 +100,7 @@ std::optional<Endpoint::DataPair> Endpoint::Impl::findDataPair(const std::string
         }
         return PosixImpl::findDataPair(std::ref(isWanted), folder);
     }
-    std::vector<DataPair> data =
-        SysVImpl::getDataPairs(folder.names(std::ref(isWanted)), folder, 1);
-    return data.empty() ? std::nullopt : std::optional(std::move(data.front()));
+    return SysVImpl::findDataPair(std::ref(isWanted), folder);
 }
 
 std::vector<Endpoint::DataPair> Endpoint::Impl::filterDataPairs(const std::string& groupTag,

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <functional>
 #include <iterator>
 #include <set>
 #include <string_view>
@@ -146,6 +147,26 @@ Endpoint::SysVImpl::getCopy(const std::string& name, const EntryFolder& folder,
         return std::nullopt;
     }
     return std::move(copy->data);
+}
+
+std::optional<Endpoint::DataPair> Endpoint::SysVImpl::findDataPair(const NameTest& isWanted,
+                                                                   const EntryFolder& folder) {
+    std::vector<std::string> first;
+    const auto isFirst = [&](std::string_view name) {
+        if (isWanted(name)) {
+            first.emplace_back(name);
+        }
+        return !first.empty();
+    };
+    if (!folder.anyName(std::ref(isFirst))) {
+        return std::nullopt;
+    }
+    // As a rule it lives, and the rest of the folder need not be read.
+    std::vector<DataPair> data = getDataPairs(first, folder, 1);
+    if (data.empty()) {
+        data = getDataPairs(folder.names(isWanted), folder, 1);
+    }
+    return data.empty() ? std::nullopt : std::optional(std::move(data.front()));
 }
 
 std::vector<Endpoint::DataPair>

@@ -39,6 +39,10 @@ public:
     static bool staleEndpointFoundAndCleanedUp(const std::string& name, const EntryFolder& folder,
                                                Table& table);
 
+    /// The data of the first entry that can be read of those whose names pass the test.
+    static std::optional<DataPair> findDataPair(const NameTest& isWanted,
+                                                const EntryFolder& folder);
+
     /// As `Impl::getDataPairs`, but at most so many; the table is read once for all.
     static std::vector<DataPair> getDataPairs(const std::vector<std::string>& names,
                                               const EntryFolder& folder, std::size_t most);

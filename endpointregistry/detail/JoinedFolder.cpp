@@ -48,8 +48,8 @@ os::GroupDirectoryPath pathOf(const std::string& parent, const os::Group& truste
 
 } // namespace
 
-JoinedFolder::JoinedFolder(GroupDirectory directory, std::string path)
-    : OpenFolder(directory.takeDescriptor(), std::move(path))
+JoinedFolder::JoinedFolder(GroupDirectory directory)
+    : OpenFolder(directory.takeDescriptor(), directory.path())
     , ownGroup(directory.group())
     , identity(directory.identity()) {
 }
@@ -60,10 +60,9 @@ bool JoinedFolder::isStillNamed() const {
 
 std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
                                                const os::Group& trustee) {
-    const os::GroupDirectoryPath path = pathOf(parent, trustee);
     try {
-        if (auto directory = GroupDirectory::tryOpen(path, trustee)) {
-            return JoinedFolder(std::move(*directory), path.text());
+        if (auto directory = GroupDirectory::tryOpen(pathOf(parent, trustee), trustee)) {
+            return JoinedFolder(std::move(*directory));
         }
     } catch (const GroupDirectoryError& failure) {
         checkGroup(trustee);
@@ -78,10 +77,9 @@ std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
 }
 
 JoinedFolder JoinedFolder::enter(const std::string& parent, const os::Group& trustee) {
-    const os::GroupDirectoryPath path = pathOf(parent, trustee);
     try {
-        if (auto directory = GroupDirectory::tryOpen(path, trustee)) {
-            return {std::move(*directory), path.text()};
+        if (auto directory = GroupDirectory::tryOpen(pathOf(parent, trustee), trustee)) {
+            return JoinedFolder(std::move(*directory));
         }
     } catch (const GroupDirectoryError& failure) {
         checkGroup(trustee);
@@ -95,9 +93,8 @@ JoinedFolder JoinedFolder::enter(const std::string& parent, const os::Group& tru
 JoinedFolder JoinedFolder::obtain(const std::string& parent, const os::Group& trustee) {
     checkGroup(trustee);                         // Before anything is made.
     parentPathOf(parent, trustee.name(), false); // Says what is missing above.
-    const os::GroupDirectoryPath path = pathOf(parent, trustee);
     try {
-        return {GroupDirectory::openOrCreate(path, trustee), path.text()};
+        return JoinedFolder(GroupDirectory::openOrCreate(pathOf(parent, trustee), trustee));
     } catch (const GroupDirectoryError& failure) {
         fail(failure);
     }

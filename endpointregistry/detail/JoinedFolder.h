@@ -40,7 +40,7 @@ public:
     bool isStillNamed() const;
 
 private:
-    JoinedFolder(foundation::os::GroupDirectory directory, std::string path);
+    explicit JoinedFolder(foundation::os::GroupDirectory directory);
 
     gid_t ownGroup;
     foundation::os::FileIdentity identity;

@@ -103,12 +103,11 @@ std::optional<RecordDirectory> RecordDirectory::tryOpen(const os::Group& trustee
                    ? std::optional(RecordDirectory(std::move(directory), std::move(path), group))
                    : std::nullopt;
     }
-    const os::GroupDirectoryPath path = pathFor(*group);
     try {
-        auto directory = GroupDirectory::tryOpen(path, trustee);
-        return directory
-                   ? std::optional(RecordDirectory(directory->takeDescriptor(), path.text(), group))
-                   : std::nullopt;
+        auto directory = GroupDirectory::tryOpen(pathFor(*group), trustee);
+        return directory ? std::optional(RecordDirectory(directory->takeDescriptor(),
+                                                         directory->path(), group))
+                         : std::nullopt;
     } catch (const os::GroupDirectoryError& failure) {
         if (failure.step() == os::GroupDirectoryError::Step::open && failure.error() == EACCES &&
             !os::isInGroup(*group)) {

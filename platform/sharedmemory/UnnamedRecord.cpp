@@ -142,7 +142,9 @@ void removeIfStale(const os::FilePlace& place) {
 } // namespace
 
 std::string UnnamedRecord::hiddenName(const SegmentToken& token) {
-    std::string name(hiddenPrefix);
+    std::string name;
+    name.reserve(hiddenPrefix.size() + 2 * token.size());
+    name.append(hiddenPrefix);
     boost::algorithm::hex_lower(token.begin(), token.end(), std::back_inserter(name));
     return name;
 }

@@ -140,6 +140,23 @@ TEST_F(EndpointSharing, WithAKilledMemberIsCleanedUpByEveryLookup) {
     }
 }
 
+TEST_F(EndpointSharing, FindsWhoLivesBesideTheDeadOfTheSameTagAndKey) {
+    // Whichever of them the folder lists first.
+    for (const bool firstLives : {true, false}) {
+        Sharer first(anna, annas, tag, key, {friends});
+        Sharer second(ben, bens, tag, key, {friends});
+        (firstLives ? second : first).kill();
+        as(ben, [firstLives] {
+            EXPECT_EQ(Endpoint::find(tag, key, {friends}), firstLives ? annas : bens);
+        });
+        (firstLives ? first : second).end();
+        as(ben, [] {
+            EXPECT_EQ(Endpoint::find(tag, key, {friends}), std::nullopt);
+            tests::expectNothingShared(friends);
+        });
+    }
+}
+
 TEST_F(EndpointSharing, WithOneGroupIsIndependentOfAnother) {
     Sharer publisher(anna, annas, tag, key, {family, friends});
     Sharer other(ben, bens, tag, key, {family});

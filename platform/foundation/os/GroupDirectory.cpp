@@ -28,8 +28,8 @@ gid_t idOf(const Group& group) {
 }
 
 /// The directory as it is; empty, with errno set, when it cannot be opened.
-FileDescriptor openExisting(const GroupDirectoryPath& path) {
-    FileDescriptor directory = openThroughNoLink(path.text(), O_RDONLY | O_DIRECTORY);
+FileDescriptor openExisting(const GroupDirectoryPath& path, const std::string& text) {
+    FileDescriptor directory = openThroughNoLink(text, O_RDONLY | O_DIRECTORY);
     // Links on the way to the base are the administrator's, and not every kernel and filter knows
     // the call.
     return directory || errno == ENOENT ? std::move(directory)
@@ -151,29 +151,37 @@ int createOwnLevel(const FilePlace& place, const Group& group, const std::string
 } // namespace
 
 std::string GroupDirectoryPath::text() const {
-    std::string path = base + "/";
+    std::size_t size = base.size() + 1;
     for (const std::string& level : levels) {
-        path += level + "/";
+        size += level.size() + 1;
+    }
+    std::string path;
+    path.reserve(size);
+    path.append(base).append(1, '/');
+    for (const std::string& level : levels) {
+        path.append(level).append(1, '/');
     }
     return path;
 }
 
-GroupDirectory::GroupDirectory(FileDescriptor opened, const std::string& path, const Group& group)
+GroupDirectory::GroupDirectory(FileDescriptor opened, std::string path, const Group& group)
     : directory(std::move(opened))
+    , ownPath(std::move(path))
     , groupId(idOf(group))
-    , ownIdentity(examine(directory.get(), group, path)) {
+    , ownIdentity(examine(directory.get(), group, ownPath)) {
 }
 
 std::optional<GroupDirectory> GroupDirectory::tryOpen(const GroupDirectoryPath& path,
                                                       const Group& group) {
-    FileDescriptor directory = openExisting(path);
+    std::string text = path.text();
+    FileDescriptor directory = openExisting(path, text);
     if (directory) {
-        return GroupDirectory(std::move(directory), path.text(), group);
+        return GroupDirectory(std::move(directory), std::move(text), group);
     }
     if (errno == ENOENT) {
         return std::nullopt;
     }
-    throw GroupDirectoryError(Step::open, "Failed to open the directory", path.text(), errno);
+    throw GroupDirectoryError(Step::open, "Failed to open the directory", text, errno);
 }
 
 GroupDirectory GroupDirectory::openOrCreate(const GroupDirectoryPath& path, const Group& group) {

@@ -71,6 +71,8 @@ public:
     static GroupDirectory openOrCreate(const GroupDirectoryPath& path, const Group& group);
 
     int get() const noexcept { return directory.get(); }
+    /// Where it was found, with a trailing "/".
+    const std::string& path() const noexcept { return ownPath; }
     gid_t group() const noexcept { return groupId; }
     const FileIdentity& identity() const noexcept { return ownIdentity; }
 
@@ -78,9 +80,10 @@ public:
     FileDescriptor takeDescriptor() noexcept { return std::move(directory); }
 
 private:
-    GroupDirectory(FileDescriptor opened, const std::string& path, const Group& group);
+    GroupDirectory(FileDescriptor opened, std::string path, const Group& group);
 
     FileDescriptor directory;
+    std::string ownPath;
     gid_t groupId;
     FileIdentity ownIdentity;
 };
