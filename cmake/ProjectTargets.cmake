@@ -15,11 +15,11 @@ endif()
 # The two include roots, as public headers are written against them.
 set(project_include_roots ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/platform)
 
-# add_floor(<name> SOURCES ... [PUBLIC_HEADERS ...] [LINK ...])
+# add_layer(<name> SOURCES ... [PUBLIC_HEADERS ...] [LINK ...])
 #
-# A static library of which only what its public headers declare is visible. All floors together
+# A static library of which only what its public headers declare is visible. All layers together
 # make the shared library; tests link single ones, to reach what the shared library hides.
-function(add_floor name)
+function(add_layer name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC_HEADERS;LINK")
 
     add_library(${name} STATIC EXCLUDE_FROM_ALL ${arg_SOURCES})

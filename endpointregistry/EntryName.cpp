@@ -24,8 +24,8 @@ constexpr char versionMarker = 'v';
 constexpr std::size_t usualLength = 80;
 
 void appendNumber(std::string& name, std::uint64_t number, int base) {
-    constexpr std::size_t mostDigits = std::numeric_limits<std::uint64_t>::digits10 + 1;
-    std::array<char, mostDigits> digits{};
+    constexpr std::size_t maxDigits = std::numeric_limits<std::uint64_t>::digits10 + 1;
+    std::array<char, maxDigits> digits{};
     const auto [end, error] =
         std::to_chars(digits.data(), digits.data() + digits.size(), number, base);
     name.append(digits.data(), end);

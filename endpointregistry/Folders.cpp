@@ -95,15 +95,15 @@ void createFolder(const std::string& path) {
 }
 
 void makePublic(const std::string& path) {
-    const std::string place = withoutTrailingSeparators(path);
+    const std::string where = withoutTrailingSeparators(path);
     struct stat status {};
-    if (const int error = statNoLink(place, status); error != 0) {
+    if (const int error = statNoLink(where, status); error != 0) {
         fail(error, "Utils::makePublic(): Failed to stat the path: <", path);
     }
     if ((status.st_mode & everybody) == everybody) {
         return;
     }
-    if (const int error = changeMode(place, status.st_mode | everybody); error != 0) {
+    if (const int error = changeMode(where, status.st_mode | everybody); error != 0) {
         fail(error, "Utils::makePublic(): Failed to change permissions of: <", path,
              "> to make it public. (Error ");
     }
@@ -111,18 +111,18 @@ void makePublic(const std::string& path) {
 
 void setTrustee(const std::string& path, const std::string& group) {
     const gid_t groupId = getGroupId(group);
-    const std::string place = withoutTrailingSeparators(path);
-    if (::lchown(place.c_str(), ::getuid(), groupId) != 0) {
+    const std::string where = withoutTrailingSeparators(path);
+    if (::lchown(where.c_str(), ::getuid(), groupId) != 0) {
         failToChangeGroup(errno, path, group);
     }
     struct stat status {};
-    if (const int error = statNoLink(place, status); error != 0) {
+    if (const int error = statNoLink(where, status); error != 0) {
         failToStat(error, path);
     }
     if (includesGroup(status)) {
         return;
     }
-    if (const int error = changeMode(place, status.st_mode | S_IRWXG); error != 0) {
+    if (const int error = changeMode(where, status.st_mode | S_IRWXG); error != 0) {
         failToIncludeGroup(error, path);
     }
 }

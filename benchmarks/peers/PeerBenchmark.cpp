@@ -68,8 +68,8 @@ class Worlds {
 public:
     /// Throws std::runtime_error when there cannot be such a world, and does not try again.
     World& get(const Kind& kind, std::size_t count) {
-        const auto [place, isNew] = worlds.try_emplace({kind.name, count});
-        auto& [world, failure] = place->second;
+        const auto [where, isNew] = worlds.try_emplace({kind.name, count});
+        auto& [world, failure] = where->second;
         if (isNew) {
             try {
                 world = std::make_unique<World>(kind, count);

@@ -20,7 +20,7 @@ ArrayRows::ArrayRows(void* container, std::uint64_t length, std::uint64_t width)
 
 std::size_t ArrayRows::elementCount(std::size_t row) const {
     const auto stored = static_cast<unsigned char>(*at(row));
-    return stored > mostElements ? 1 : stored;
+    return stored > maxElements ? 1 : stored;
 }
 
 /// Calls `visit` with each element and returns the row's used width.

@@ -23,7 +23,7 @@ public:
     /// What a container has beside its rows.
     static constexpr std::size_t overhead = 9;
 
-    static constexpr std::size_t mostElements = 127;
+    static constexpr std::size_t maxElements = 127;
 
     /// A view of a container of at least `overhead + length * width` bytes. Rows of no bytes are no
     /// rows.

@@ -84,10 +84,10 @@ void EndpointMonitor::Impl::readAll() {
     }
     // No more than what is there by now: others may go on without end, and so may those who
     // exchange folders.
-    constexpr int mostScans = 8;
+    constexpr int maxScans = 8;
     std::size_t rest = folders.pending();
-    for (int scans = 0; rest > 0 || (isScanDue && scans < mostScans);) {
-        if (isScanDue && scans < mostScans) {
+    for (int scans = 0; rest > 0 || (isScanDue && scans < maxScans);) {
+        if (isScanDue && scans < maxScans) {
             ++scans;
             scan();
         }

@@ -14,12 +14,12 @@ constexpr std::size_t firstLengthOffset = tokenOffset + sizeof(sharedmemory::Seg
 constexpr std::size_t dataOffset = firstLengthOffset + sizeof(std::uint64_t);
 
 // No row of a table holds more.
-constexpr unsigned long mostData = 64UL * 1024 * 1024;
+constexpr unsigned long maxData = 64UL * 1024 * 1024;
 
 } // namespace
 
 std::optional<std::size_t> sizeFor(unsigned long length) {
-    return length <= mostData ? std::optional<std::size_t>(dataOffset + length) : std::nullopt;
+    return length <= maxData ? std::optional<std::size_t>(dataOffset + length) : std::nullopt;
 }
 
 std::string contentsOf(const DataPair& data, const sharedmemory::SegmentToken& base) {

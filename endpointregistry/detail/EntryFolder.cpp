@@ -1,10 +1,10 @@
 #include "endpointregistry/detail/EntryFolder.h"
 
-#include "endpointregistry/detail/AbandonedFile.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 #include "endpointregistry/detail/ParentPath.h"
+#include "endpointregistry/detail/StaleFile.h"
 #include "foundation/os/FileBytes.h"
 #include "foundation/paths/UsersFolder.h"
 
@@ -37,7 +37,7 @@ const OpenFolder* EntryFolder::folder() const {
     // That there was none is not remembered: the first entry makes it.
     if (!found) {
         found = group.isNone() ? OpenFolder::open(pathOf(privateBase(), {}))
-                               : joined::findFolder(parent, group);
+                               : groupfiles::tryOpenFolder(parent, group);
         if (!found) {
             forget();
         }
@@ -76,7 +76,7 @@ EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
     if (open == nullptr) {
         return Publisher::vanished;
     }
-    const int error = openAndShareLock(open->placeOf(name)).error;
+    const int error = openAndShareLock(open->at(name)).error;
     failIfNotAsked(error, *open, name);
     switch (error) {
     case ENOENT:
@@ -90,15 +90,15 @@ EntryFolder::Publisher EntryFolder::publisherOf(const std::string& name) const {
 
 std::optional<foundation::os::FileIdentity> EntryFolder::identityOf(const std::string& name) const {
     const OpenFolder* const open = folder();
-    return open != nullptr ? foundation::os::identityAt(open->placeOf(name)) : std::nullopt;
+    return open != nullptr ? foundation::os::identityAt(open->at(name)) : std::nullopt;
 }
 
 void EntryFolder::tellReady(const std::string& name) const noexcept {
     try {
         if (const OpenFolder* const open = folder()) {
             // By name, for that is how watchers are told of it.
-            const foundation::os::FilePlace place = open->placeOf(name);
-            ::utimensat(place.folder, place.name.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+            const foundation::os::PathAt where = open->at(name);
+            ::utimensat(where.folder, where.name.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
         }
     } catch (...) { // NOLINT(bugprone-empty-catch): as the header says
     }
@@ -113,8 +113,8 @@ LockedFile EntryFolder::lock(const std::string& name, bool isNew, std::string_vi
         // Somebody has removed the folder since it was opened.
         forget();
     }
-    return isNew ? joined::createAndTryLock(name, parent, group, contents)
-                 : joined::tryLock(name, parent, group);
+    return isNew ? groupfiles::createAndTryLock(name, parent, group, contents)
+                 : groupfiles::tryLock(name, parent, group);
 }
 
 std::optional<std::string> EntryFolder::contentsOfLiving(const std::string& name,
@@ -126,7 +126,7 @@ std::optional<std::string> EntryFolder::contentsOfLiving(const std::string& name
     if (open == nullptr) {
         return std::nullopt;
     }
-    const foundation::os::FileDescriptor file = openIfHeld(open->placeOf(name));
+    const foundation::os::FileDescriptor file = openIfHeld(open->at(name));
     failIfNotAsked(errno, *open, name);
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -147,12 +147,12 @@ bool EntryFolder::clearIfStale(const std::string& name, const std::function<bool
         return true;
     }
     // Do not wait twice for the same holder, with every other dead entry.
-    AbandonedFile file(name, *open, isFolderBusy ? 0ms : timeout);
-    isFolderBusy = isFolderBusy || file.finding() == AbandonedFile::Finding::busy;
-    if (file.finding() == AbandonedFile::Finding::abandoned && removeData()) {
+    StaleFile file(name, *open, isFolderBusy ? 0ms : timeout);
+    isFolderBusy = isFolderBusy || file.finding() == StaleFile::Finding::busy;
+    if (file.finding() == StaleFile::Finding::stale && removeData()) {
         file.remove();
     }
-    return file.finding() != AbandonedFile::Finding::inUse;
+    return file.finding() != StaleFile::Finding::inUse;
 }
 
 } // namespace agent::spf::endpointregistry

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "endpointregistry/LockedFile.h"
-#include "endpointregistry/detail/AbandonedFile.h"
 #include "endpointregistry/detail/OpenFolder.h"
+#include "endpointregistry/detail/StaleFile.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/Group.h"
 
@@ -20,7 +20,7 @@ namespace agent::spf::endpointregistry {
 
 /// The entry files of one trustee, as one lookup sees them: their folder is opened once and its
 /// group looked up once, when they are first needed. What needs the folder throws as
-/// `joined::findFolder` does.
+/// `groupfiles::tryOpenFolder` does.
 class EntryFolder {
 public:
     /// The registry's sub-folder that holds all entry files.
@@ -71,7 +71,7 @@ public:
     /// `removeData`, which tells whether it could, before its file. Others that clear up are waited
     /// for no longer than the timeout.
     bool clearIfStale(const std::string& name, const std::function<bool()>& removeData,
-                      std::chrono::milliseconds timeout = AbandonedFile::defaultTimeout) const;
+                      std::chrono::milliseconds timeout = StaleFile::defaultTimeout) const;
 
 private:
     /// Nothing when there is no folder.

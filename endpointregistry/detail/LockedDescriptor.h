@@ -61,8 +61,8 @@ public:
         descriptor.reset();
     }
 
-    /// Gives the file up, open and locked until the process ends.
-    void abandon() noexcept { descriptor.release(); }
+    /// Leaves the file open and locked until the process ends.
+    void leaveOpen() noexcept { descriptor.release(); }
 
 private:
     foundation::os::FileDescriptor descriptor;

@@ -37,7 +37,7 @@ LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string 
     , lock(lockFile({})) {
 }
 
-LockedFile::Impl::Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
+LockedFile::Impl::Impl(std::string name, GroupFolder folder, std::string trustee, bool isExclusive,
                        Waiting waiting, std::string_view contents)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
@@ -55,11 +55,11 @@ LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isEx
     , waiting(Waiting::never())
     , name(std::move(name))
     , parentPath(openFolder.path())
-    , lock(keep(openAt(openFolder.placeOf(this->name), {}))) {
+    , lock(keep(openAt(openFolder.at(this->name), {}))) {
 }
 
-os::FilePlace LockedFile::Impl::place() const {
-    return folder ? folder->placeOf(name) : os::FilePlace(parentPath + name);
+os::PathAt LockedFile::Impl::where() const {
+    return folder ? folder->at(name) : os::PathAt(parentPath + name);
 }
 
 bool LockedFile::Impl::isOursToRemove() const {
@@ -72,7 +72,7 @@ bool LockedFile::Impl::isOursToRemove() const {
 
 bool LockedFile::Impl::isReplaced() const {
     // If ours was removed by somebody, a file that stands there now is another holder's.
-    const os::FilePlace file = place();
+    const os::PathAt file = where();
     struct stat status {};
     return ::fstatat(file.folder, file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
            S_ISREG(status.st_mode) && os::FileIdentity(status) != identity;
@@ -85,8 +85,8 @@ bool LockedFile::Impl::isStillNamed() const {
 LockedFile::Impl::~Impl() {
     if (deleteOnDestruction && isOursToRemove()) {
         try {
-            // While the lock is held, so that nobody takes the file for an abandoned one.
-            removeFile(place(), parentPath + name);
+            // While the lock is held, so that nobody takes the file for a stale one.
+            removeFile(where(), parentPath + name);
         } catch (...) { // NOLINT(bugprone-empty-catch): only a log sink of the application throws
         }
     }
@@ -104,18 +104,18 @@ std::string LockedFile::Impl::findParentFolder(const std::string& parent) const 
     return getParentPath(parent, trustee, !trustee.empty() || name.empty());
 }
 
-LockingOpen LockedFile::Impl::openAt(const os::FilePlace& place, std::string_view contents) const {
-    return openAndLock(place, isExclusive ? Existing::refused : Existing::accepted, waiting,
+LockingOpen LockedFile::Impl::openAt(const os::PathAt& where, std::string_view contents) const {
+    return openAndLock(where, isExclusive ? Existing::refused : Existing::accepted, waiting,
                        {folder ? std::optional(folder->group()) : std::nullopt, contents});
 }
 
 LockingOpen LockedFile::Impl::openByPath(std::string_view contents) const {
-    LockingOpen opened = openAt(place(), contents);
+    LockingOpen opened = openAt(where(), contents);
     const bool isAnswer =
         opened.error == 0 || opened.error == EEXIST || opened.error == EWOULDBLOCK;
     if (!isAnswer && trustee.empty()) {
         createFolder(parentPath); // Says so if that is what is wrong.
-        opened = opened.error == ENOENT ? openAt(place(), contents) : std::move(opened);
+        opened = opened.error == ENOENT ? openAt(where(), contents) : std::move(opened);
     }
     return opened;
 }
@@ -144,7 +144,7 @@ LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
     }
     if (folder) {
         if (!opened.isNew) {
-            examineJoined(opened.status);
+            examineGroupFile(opened.status);
         }
     } else if (!trustee.empty()) {
         const std::string path = parentPath + name;
@@ -161,7 +161,7 @@ LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
     return std::move(opened.lock);
 }
 
-void LockedFile::Impl::examineJoined(const struct stat& status) const {
+void LockedFile::Impl::examineGroupFile(const struct stat& status) const {
     if (!os::isUsableByGroup(status, folder->group())) {
         getLogger().log(severity::error,
                         "LockedFile::lockFile(): The file does not belong to the group: <",
@@ -174,7 +174,7 @@ void LockedFile::Impl::unlockAndCloseFile() noexcept {
     // Descriptor 0 is a process's standard input to all code around; where a lock landed on it,
     // it is left alone.
     if (lock.get() == 0) {
-        lock.abandon();
+        lock.leaveOpen();
     } else {
         lock.release();
     }
@@ -201,9 +201,9 @@ std::string LockedFile::Impl::getTrustee() const {
     return std::move(*group);
 }
 
-void LockedFile::Impl::removeFile(const os::FilePlace& place, const std::string& path) {
-    const auto remove = [&place](int flags) {
-        return ::unlinkat(place.folder, place.name.c_str(), flags) == 0;
+void LockedFile::Impl::removeFile(const os::PathAt& where, const std::string& path) {
+    const auto remove = [&where](int flags) {
+        return ::unlinkat(where.folder, where.name.c_str(), flags) == 0;
     };
     if (remove(0) || (errno == EISDIR && remove(AT_REMOVEDIR)) || errno == ENOENT ||
         errno == ESTALE) {

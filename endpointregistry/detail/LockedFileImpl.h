@@ -1,10 +1,10 @@
 #pragma once
 
 #include "endpointregistry/LockedFile.h"
-#include "endpointregistry/detail/JoinedFolder.h"
+#include "endpointregistry/detail/GroupFolder.h"
 #include "endpointregistry/detail/LockedDescriptor.h"
 #include "endpointregistry/detail/LockingOpen.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <memory>
 #include <optional>
@@ -22,9 +22,9 @@ public:
     Impl(std::string name, const std::string& parent, std::string trustee, bool isExclusive,
          Waiting waiting);
 
-    /// In a folder that was joined: a file that another member of the group made is used as it is,
+    /// In a group's folder: a file that another member of the group made is used as it is,
     /// and one that does not belong to the group is an error, std::runtime_error.
-    Impl(std::string name, JoinedFolder folder, std::string trustee, bool isExclusive,
+    Impl(std::string name, GroupFolder folder, std::string trustee, bool isExclusive,
          Waiting waiting, std::string_view contents);
 
     /// In a private folder that is open at the moment, without waiting. The file's path is what the
@@ -50,16 +50,16 @@ public:
     static LockedFile wrap(std::unique_ptr<Impl> impl) { return LockedFile(std::move(impl)); }
 
     /// Removes the file in its place; one that cannot be removed is logged under its path.
-    static void removeFile(const foundation::os::FilePlace& place, const std::string& path);
+    static void removeFile(const foundation::os::PathAt& where, const std::string& path);
 
 private:
     std::string findParentFolder(const std::string& parent) const;
-    LockingOpen openAt(const foundation::os::FilePlace& place, std::string_view contents) const;
+    LockingOpen openAt(const foundation::os::PathAt& where, std::string_view contents) const;
     LockingOpen openByPath(std::string_view contents) const;
     LockedDescriptor lockFile(std::string_view contents);
     LockedDescriptor keep(LockingOpen opened);
-    void examineJoined(const struct stat& status) const;
-    foundation::os::FilePlace place() const;
+    void examineGroupFile(const struct stat& status) const;
+    foundation::os::PathAt where() const;
     bool isOursToRemove() const;
     bool isReplaced() const;
     void unlockAndCloseFile() noexcept;
@@ -71,7 +71,7 @@ private:
     pid_t holder = 0;
     std::string name;
     std::string trustee;
-    std::optional<JoinedFolder> folder;
+    std::optional<GroupFolder> folder;
     std::string parentPath;
     std::optional<foundation::os::FileIdentity> identity;
     LockedDescriptor lock;

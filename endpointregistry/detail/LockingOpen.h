@@ -2,7 +2,7 @@
 
 #include "endpointregistry/detail/LockedDescriptor.h"
 #include "foundation/os/FileIdentity.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <chrono>
 #include <optional>
@@ -78,7 +78,7 @@ struct NewFile {
 /// EEXIST when there is anything under the name. Whoever waits marks the file with its own process
 /// id, for others who wait, for as long as it has the lock. One who waits for one holder and gives
 /// up gets EWOULDBLOCK.
-LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existing, Waiting waiting,
+LockingOpen openAndLock(const foundation::os::PathAt& where, Existing existing, Waiting waiting,
                         const NewFile& newFile = {});
 
 /// Opens the regular file in this place and shares its lock, without making the file or waiting.
@@ -86,10 +86,10 @@ LockingOpen openAndLock(const foundation::os::FilePlace& place, Existing existin
 /// This is how to ask whether a publisher lives: any number of processes may share the lock, so
 /// they never take each other for a publisher, and a publisher that wants the lock exclusively
 /// knows them from a holder.
-LockingOpen openAndShareLock(const foundation::os::FilePlace& place);
+LockingOpen openAndShareLock(const foundation::os::PathAt& where);
 
 /// Opens what stands in this place for reading if somebody holds its lock; empty otherwise, with
 /// errno set: 0 where nobody does.
-foundation::os::FileDescriptor openIfHeld(const foundation::os::FilePlace& place);
+foundation::os::FileDescriptor openIfHeld(const foundation::os::PathAt& where);
 
 } // namespace agent::spf::endpointregistry

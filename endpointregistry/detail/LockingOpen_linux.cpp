@@ -1,7 +1,7 @@
 #include "endpointregistry/detail/LockingOpen.h"
 
 #include "endpointregistry/detail/LockHolder.h"
-#include "foundation/os/AppearingFile.h"
+#include "foundation/os/AtomicFile.h"
 #include "foundation/os/FileBytes.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/RetryFor.h"
@@ -56,8 +56,7 @@ Attempt lockUnlessHeld(int descriptor) {
 
 /// Takes the exclusive lock unless one holder keeps it for the timeout. Each holder has a time of
 /// its own, so that nobody gives up for there being many.
-Attempt lockUnlessKept(int descriptor, const os::FilePlace& place,
-                       std::chrono::milliseconds timeout) {
+Attempt lockUnlessKept(int descriptor, const os::PathAt& where, std::chrono::milliseconds timeout) {
     using Clock = std::chrono::steady_clock;
     std::optional<HolderMark> holder;
     auto since = Clock::now();
@@ -78,18 +77,18 @@ Attempt lockUnlessKept(int descriptor, const os::FilePlace& place,
         }
         // Its holder may keep a removed file for good, while others have long gone on with the
         // new one.
-        if (os::identityAt(place) != os::identityOf(descriptor)) {
+        if (os::identityAt(where) != os::identityOf(descriptor)) {
             return {0, 0, true};
         }
     }
 }
 
-Attempt lock(int descriptor, const os::FilePlace& place, Waiting waiting) {
+Attempt lock(int descriptor, const os::PathAt& where, Waiting waiting) {
     if (waiting.isNever()) {
         return lockUnlessHeld(descriptor);
     }
     return waiting.isWithoutEnd() ? Attempt{applyLock(descriptor, LOCK_EX)}
-                                  : lockUnlessKept(descriptor, place, waiting.timeout());
+                                  : lockUnlessKept(descriptor, where, waiting.timeout());
 }
 
 /// The errno value for an open file that is no regular file; 0 for one that is.
@@ -102,9 +101,9 @@ int checkKind(const struct stat& status) {
 
 /// Not blocking, not followed: in a shared folder the name may have been given to a pipe or a link
 /// on purpose.
-os::FileDescriptor openToLock(const os::FilePlace& place) {
+os::FileDescriptor openToLock(const os::PathAt& where) {
     return os::FileDescriptor(os::retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(),
+        return ::openat(where.folder, where.name.c_str(),
                         O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     }));
 }
@@ -113,9 +112,9 @@ enum class Comparing { withThePlace, byTheCaller };
 
 /// Opens what stands in the place and locks it with `takeLock`, until both are the same file.
 template<typename TakeLock>
-LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLock takeLock) {
+LockingOpen lockExisting(const os::PathAt& where, Comparing comparing, TakeLock takeLock) {
     for (;;) {
-        os::FileDescriptor file = openToLock(place);
+        os::FileDescriptor file = openToLock(where);
         if (!file) {
             return {{}, errno};
         }
@@ -136,15 +135,15 @@ LockingOpen lockExisting(const os::FilePlace& place, Comparing comparing, TakeLo
             return {{}, error};
         }
         const os::FileIdentity identity(status);
-        if (comparing == Comparing::byTheCaller || os::identityAt(place) == identity) {
+        if (comparing == Comparing::byTheCaller || os::identityAt(where) == identity) {
             return {std::move(lock), 0, 0, false, identity, status};
         }
     }
 }
 
-LockingOpen makeLocked(const os::FilePlace& place, const NewFile& made) {
+LockingOpen makeLocked(const os::PathAt& where, const NewFile& made) {
     const mode_t mode = made.group ? groupFileMode : S_IRUSR;
-    os::AppearingFile file = os::createAppearing(place, mode, [&made](int descriptor) {
+    os::AtomicFile file = os::createFileAtomically(where, mode, [&made](int descriptor) {
         constexpr auto sameUser = static_cast<uid_t>(-1);
         if (made.group && ::fchown(descriptor, sameUser, *made.group) != 0) {
             return errno;
@@ -160,7 +159,7 @@ LockingOpen makeLocked(const os::FilePlace& place, const NewFile& made) {
     return {LockedDescriptor(std::move(file.descriptor)), 0, 0, true, file.identity};
 }
 
-LockingOpen openOrMakeLocked(const os::FilePlace& place, Existing existing, Waiting waiting,
+LockingOpen openOrMakeLocked(const os::PathAt& where, Existing existing, Waiting waiting,
                              const NewFile& newFile) {
     const Comparing comparing = newFile.group ? Comparing::byTheCaller : Comparing::withThePlace;
     for (;;) {
@@ -168,12 +167,12 @@ LockingOpen openOrMakeLocked(const os::FilePlace& place, Existing existing, Wait
         // opening another user's file in a sticky folder fail, even for root.
         if (existing == Existing::accepted) {
             LockingOpen found = lockExisting(
-                place, comparing, [&](int descriptor) { return lock(descriptor, place, waiting); });
+                where, comparing, [&](int descriptor) { return lock(descriptor, where, waiting); });
             if (found.error != ENOENT) {
                 return found;
             }
         }
-        LockingOpen made = makeLocked(place, newFile);
+        LockingOpen made = makeLocked(where, newFile);
         if (made.error != EEXIST || existing == Existing::refused) {
             return made;
         }
@@ -182,9 +181,9 @@ LockingOpen openOrMakeLocked(const os::FilePlace& place, Existing existing, Wait
 
 } // namespace
 
-LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting waiting,
+LockingOpen openAndLock(const os::PathAt& where, Existing existing, Waiting waiting,
                         const NewFile& newFile) {
-    LockingOpen opened = openOrMakeLocked(place, existing, waiting, newFile);
+    LockingOpen opened = openOrMakeLocked(where, existing, waiting, newFile);
     // Nobody waits for the locks that nobody waits to take.
     if (opened.lock && !waiting.isNever()) {
         opened.lock.mark();
@@ -192,14 +191,14 @@ LockingOpen openAndLock(const os::FilePlace& place, Existing existing, Waiting w
     return opened;
 }
 
-LockingOpen openAndShareLock(const os::FilePlace& place) {
-    return lockExisting(place, Comparing::withThePlace, [](int descriptor) {
+LockingOpen openAndShareLock(const os::PathAt& where) {
+    return lockExisting(where, Comparing::withThePlace, [](int descriptor) {
         return Attempt{applyLock(descriptor, LOCK_SH | LOCK_NB)};
     });
 }
 
-os::FileDescriptor openIfHeld(const os::FilePlace& place) {
-    os::FileDescriptor file = openToLock(place);
+os::FileDescriptor openIfHeld(const os::PathAt& where) {
+    os::FileDescriptor file = openToLock(where);
     const int error = file ? applyLock(file.get(), LOCK_SH | LOCK_NB) : errno;
     if (file && error != EWOULDBLOCK) {
         file.reset(); // The lock goes with it.

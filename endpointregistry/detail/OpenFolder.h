@@ -2,7 +2,7 @@
 
 #include "endpointregistry/detail/NameListing.h"
 #include "foundation/os/FileDescriptor.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <optional>
 #include <string>
@@ -38,9 +38,7 @@ public:
     bool anyName(const NameTest& isWanted) const;
 
     /// A file in the folder; valid for as long as this object lives.
-    foundation::os::FilePlace placeOf(const std::string& name) const {
-        return {folder.get(), name};
-    }
+    foundation::os::PathAt at(const std::string& name) const { return {folder.get(), name}; }
 
     /// Where the folder was found, with a trailing "/".
     const std::string& path() const { return ownPath; }

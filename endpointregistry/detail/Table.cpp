@@ -54,7 +54,7 @@ bool freeContaining(const ArrayRows& rows, std::string_view part) {
 } // namespace
 
 void Table::checkEntry(const Row& entry) {
-    if (entry.size() > ArrayRows::mostElements) {
+    if (entry.size() > ArrayRows::maxElements) {
         refuse("cannot have more than 127 elements");
     }
     if (std::all_of(entry.begin(), entry.end(), [](const auto& e) { return e.empty(); })) {

@@ -3,7 +3,7 @@
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/NamedStringArray.h"
 #include "endpointregistry/detail/ArrayRows.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 
 #include <limits>
 #include <stdexcept>
@@ -22,7 +22,7 @@ constexpr const char* lockParent = "qvNamedStringArray";
 
 // A descriptor may state anything, and what it states is read from end to end.
 constexpr unsigned long largestContainer = 64UL * 1024 * 1024;
-constexpr unsigned long mostRows = 1024UL * 1024;
+constexpr unsigned long maxRows = 1024UL * 1024;
 
 std::string nameOf(const std::string& baseName, const ArrayBase::Descriptor& descriptor) {
     return NamedStringArray::getContainerName(baseName, descriptor.generation);
@@ -36,7 +36,7 @@ unsigned long sizeOf(const ArrayBase::Descriptor& descriptor) {
 
 std::optional<LockedFile> TableAccess::tryLock(std::chrono::milliseconds timeout) {
     const bool hasWaited = busyHolder.has_value();
-    joined::LockOrHolder result = joined::getLockWithin(
+    groupfiles::LockOrHolder result = groupfiles::getLockWithin(
         lockName, lockParent, group, hasWaited ? std::chrono::milliseconds(0) : timeout);
     if (!result.lock.isLocked()) {
         busyHolder = result.holder;
@@ -192,7 +192,7 @@ bool isBase(const SharedMemory& segment) {
 }
 
 bool isAcceptable(const ArrayBase::Descriptor& descriptor) {
-    return descriptor.length <= mostRows && sizeOf(descriptor) <= largestContainer;
+    return descriptor.length <= maxRows && sizeOf(descriptor) <= largestContainer;
 }
 
 void failInconsistent(const std::string& baseName) {

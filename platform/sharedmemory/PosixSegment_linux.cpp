@@ -1,13 +1,13 @@
 #include "sharedmemory/PosixSegment.h"
 
-#include "foundation/os/AppearingFile.h"
+#include "foundation/os/AtomicFile.h"
 #include "foundation/os/FileBytes.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
 #include "foundation/os/Mapping.h"
 #include "foundation/os/RetryOnInterrupt.h"
 #include "sharedmemory/Failure.h"
-#include "sharedmemory/PosixPlace.h"
+#include "sharedmemory/SegmentPath.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -107,32 +107,32 @@ int reserve(int descriptor, std::size_t size) {
     return error;
 }
 
-int setGroup(int descriptor, const PosixPlace& place) {
+int setGroup(int descriptor, const SegmentPath& where) {
     constexpr auto sameUser = static_cast<uid_t>(-1);
-    return place.group && ::fchown(descriptor, sameUser, *place.group) != 0 ? errno : 0;
+    return where.group && ::fchown(descriptor, sameUser, *where.group) != 0 ? errno : 0;
 }
 
 /// Makes a segment's file, all of it before it can be found, so that nothing can fail afterwards.
-/// `furnish` returns what the segment of the new file is to be, or null with errno set.
-template<typename Furnish>
-std::unique_ptr<SharedMemory::Segment> make(const PosixPlace& place, Furnish furnish) {
+/// `initialize` returns what the segment of the new file is to be, or null with errno set.
+template<typename Initialize>
+std::unique_ptr<SharedMemory::Segment> make(const SegmentPath& where, Initialize initialize) {
     std::unique_ptr<PosixSegment> segment;
-    const os::AppearingFile file =
-        os::createAppearing(place.path, place.mode(), [&](int descriptor) {
+    const os::AtomicFile file =
+        os::createFileAtomically(where.path, where.mode(), [&](int descriptor) {
             // What an earlier attempt has reserved is not there for this one.
             segment.reset();
-            if (const int error = setGroup(descriptor, place); error != 0) {
+            if (const int error = setGroup(descriptor, where); error != 0) {
                 return error;
             }
-            segment = furnish(descriptor);
+            segment = initialize(descriptor);
             return segment ? 0 : errno;
         });
     if (file.error != 0) {
         // Whatever kept this one from being made, one that exists is what there is to tell.
-        const PosixPlace::ExistingFile existing = place.openExisting(O_RDWR);
+        const SegmentPath::ExistingFile existing = where.openExisting(O_RDWR);
         const bool hasGone = file.error == EEXIST && !existing.isTaken;
         if (!existing.isTrusted() && !hasGone) {
-            fail("cannot make the segment", place.path, file.error);
+            fail("cannot make the segment", where.path, file.error);
         }
         return nullptr;
     }
@@ -145,13 +145,13 @@ std::unique_ptr<SharedMemory::Segment> make(const PosixPlace& place, Furnish fur
 
 std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& name, std::size_t size,
                                                           const os::Group& trustee) {
-    const PosixPlace place(name, trustee);
-    const std::string& proof = place.segmentName.proof;
-    return make(place, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
+    const SegmentPath where(name, trustee);
+    const std::string& trailer = where.segmentName.trailer;
+    return make(where, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
         constexpr std::size_t largest = std::numeric_limits<std::size_t>::max();
         int error =
-            size > largest - proof.size() ? EFBIG : reserve(descriptor, size + proof.size());
-        error = error != 0 ? error : os::writeAll(descriptor, proof, size);
+            size > largest - trailer.size() ? EFBIG : reserve(descriptor, size + trailer.size());
+        error = error != 0 ? error : os::writeAll(descriptor, trailer, size);
         if (error != 0) {
             errno = error;
             return nullptr;
@@ -160,7 +160,7 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
         if (!mapping) {
             return nullptr;
         }
-        return std::make_unique<PosixSegment>(trustee.name(), place.path, std::nullopt, size,
+        return std::make_unique<PosixSegment>(trustee.name(), where.path, std::nullopt, size,
                                               std::move(mapping));
     });
 }
@@ -168,35 +168,35 @@ std::unique_ptr<SharedMemory::Segment> createPosixSegment(const std::string& nam
 std::unique_ptr<SharedMemory::Segment> createFilledPosixSegment(const std::string& name,
                                                                 std::string_view contents,
                                                                 const os::Group& trustee) {
-    const PosixPlace place(name, trustee);
-    const std::string bytes = std::string(contents) + place.segmentName.proof;
-    return make(place, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
+    const SegmentPath where(name, trustee);
+    const std::string bytes = std::string(contents) + where.segmentName.trailer;
+    return make(where, [&](int descriptor) -> std::unique_ptr<PosixSegment> {
         // Writing reserves the memory: a file system that is full refuses it.
         if (const int error = os::writeAll(descriptor, bytes, 0); error != 0) {
             errno = error;
             return nullptr;
         }
-        return std::make_unique<PosixSegment>(trustee.name(), place.path, std::nullopt,
+        return std::make_unique<PosixSegment>(trustee.name(), where.path, std::nullopt,
                                               contents.size(), os::Mapping());
     });
 }
 
 SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
                                const os::Group& trustee) {
-    const PosixPlace place(name, trustee);
-    const PosixPlace::ExistingFile file = place.openExisting(O_RDWR);
+    const SegmentPath where(name, trustee);
+    const SegmentPath::ExistingFile file = where.openExisting(O_RDWR);
     if (!file.isTrusted()) {
         return {nullptr, file.isTaken};
     }
-    const std::size_t available = place.callersSize(file);
+    const std::size_t available = where.callersSize(file);
     if (available < size) {
         return {nullptr, true};
     }
     os::Mapping mapping(file.descriptor.get(), size);
     if (!mapping) {
-        fail("cannot map the segment", place.path, errno);
+        fail("cannot map the segment", where.path, errno);
     }
-    return {std::make_unique<PosixSegment>(trustee.name(), place.path,
+    return {std::make_unique<PosixSegment>(trustee.name(), where.path,
                                            os::FileIdentity(file.status), available,
                                            std::move(mapping)),
             true};
@@ -204,15 +204,15 @@ SegmentLookup findPosixSegment(const std::string& name, std::size_t size,
 
 std::optional<std::string> readPosixSegment(const std::string& name, std::size_t size,
                                             const os::Group& trustee) {
-    const PosixPlace place(name, trustee);
-    const PosixPlace::ExistingFile file = place.openExisting(O_RDONLY);
-    if (!file.isTrusted() || place.callersSize(file) < size) {
+    const SegmentPath where(name, trustee);
+    const SegmentPath::ExistingFile file = where.openExisting(O_RDONLY);
+    if (!file.isTrusted() || where.callersSize(file) < size) {
         return std::nullopt;
     }
     auto bytes = os::readFirst(file.descriptor.get(), size);
     // Where there are fewer, its owner has cut it short meanwhile.
     if (!bytes && errno != 0) {
-        fail("cannot read the segment", place.path, errno);
+        fail("cannot read the segment", where.path, errno);
     }
     return bytes;
 }

@@ -2,7 +2,7 @@
 
 #include "fl/i18n/UstringConversion.h"
 #include "foundation/os/Accounts.h"
-#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/AtomicFolder.h"
 #include "foundation/os/FolderOpening.h"
 #include "foundation/os/GroupDirectory.h"
 #include "foundation/os/RetryOnInterrupt.h"
@@ -57,7 +57,7 @@ void create(const os::Group& trustee) {
     if (!group) {
         const std::string path = privatePath();
         const int error =
-            os::createAppearingFolder(path.substr(0, path.size() - 1), S_IRWXU, std::nullopt);
+            os::createFolderAtomically(path.substr(0, path.size() - 1), S_IRWXU, std::nullopt);
         if (error != 0 && error != EEXIST) {
             fail("cannot make the directory of the user's segments", path, error);
         }
@@ -144,10 +144,10 @@ bool RecordFile::reread() noexcept {
     return true;
 }
 
-RecordFile tryOpenRecord(const os::FilePlace& place) noexcept {
+RecordFile tryOpenRecord(const os::PathAt& where) noexcept {
     RecordFile file;
     file.descriptor = os::FileDescriptor(os::retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(),
+        return ::openat(where.folder, where.name.c_str(),
                         O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     }));
     if (!file.descriptor) {
@@ -158,10 +158,10 @@ RecordFile tryOpenRecord(const os::FilePlace& place) noexcept {
     return file;
 }
 
-RecordFile openRecord(const os::FilePlace& place) {
-    RecordFile file = tryOpenRecord(place);
+RecordFile openRecord(const os::PathAt& where) {
+    RecordFile file = tryOpenRecord(where);
     if (file.error == EMFILE || file.error == ENFILE || file.error == ENOMEM) {
-        fail("cannot open the record", place.name, file.error);
+        fail("cannot open the record", where.name, file.error);
     }
     return file;
 }

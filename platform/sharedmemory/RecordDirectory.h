@@ -2,8 +2,8 @@
 
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
-#include "foundation/os/FilePlace.h"
 #include "foundation/os/Group.h"
+#include "foundation/os/PathAt.h"
 #include "sharedmemory/SegmentRecord.h"
 
 #include <optional>
@@ -27,12 +27,10 @@ public:
     static RecordDirectory openOrCreate(const foundation::os::Group& trustee);
 
     /// A place in it; valid for as long as this object lives.
-    foundation::os::FilePlace placeOf(std::string name) const {
-        return {directory.get(), std::move(name)};
-    }
+    foundation::os::PathAt at(std::string name) const { return {directory.get(), std::move(name)}; }
 
     /// Where the place is found by whoever comes by the directory's path.
-    foundation::os::FilePlace pathOf(const std::string& name) const { return ownPath + name; }
+    foundation::os::PathAt pathOf(const std::string& name) const { return ownPath + name; }
 
     /// Whose it is where it is the user's own; of no meaning for a group's.
     uid_t user() const { return ownUser; }
@@ -71,9 +69,9 @@ struct RecordFile {
 };
 
 /// Opens what stands in a place, follows no link and waits for nobody.
-RecordFile tryOpenRecord(const foundation::os::FilePlace& place) noexcept;
+RecordFile tryOpenRecord(const foundation::os::PathAt& where) noexcept;
 
 /// The same. Throws std::runtime_error when there is no descriptor or memory left.
-RecordFile openRecord(const foundation::os::FilePlace& place);
+RecordFile openRecord(const foundation::os::PathAt& where);
 
 } // namespace agent::spf::sharedmemory

@@ -12,9 +12,9 @@ struct SegmentName {
     std::string platformName;
 
     /// Empty where the platform's name tells the identity by itself. Otherwise that name is a
-    /// hash, and every segment under it carries these bytes after the caller's own, as the proof
+    /// hash, and every segment under it carries these bytes after the caller's own, as the sign
     /// that it was made for this identity and not for another of the same hash.
-    std::string proof;
+    std::string trailer;
 };
 
 SegmentName segmentNameOf(const std::string& name, const std::string& trustee, uid_t user);

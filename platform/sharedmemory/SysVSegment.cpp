@@ -17,7 +17,7 @@ SysVSegment::SysVSegment(std::string trustee, std::shared_ptr<const RecordDirect
                          sysv::Attachment attachment)
     : Segment(std::move(trustee))
     , directory(std::move(directory))
-    , place(this->directory->placeOf(recordName))
+    , where(this->directory->at(recordName))
     , path(this->directory->pathOf(recordName))
     , hiddenName(UnnamedRecord::hiddenName(record.token))
     , identity(identity)
@@ -55,10 +55,10 @@ std::optional<UnnamedRecord> SysVSegment::takeRecord() noexcept {
     // Others are at a record for a moment only. Where one was stopped in it, the trailer says to
     // all who find the record that its segment is gone.
     constexpr std::chrono::milliseconds aMoment{20};
-    RecordFile file = tryOpenRecord(place);
+    RecordFile file = tryOpenRecord(where);
     // Not told by the file's identity, which may be a later one's once the file is gone.
     return file.record == record
-               ? UnnamedRecord::takeName(place, std::move(file), std::move(hiddenName), aMoment)
+               ? UnnamedRecord::takeName(where, std::move(file), std::move(hiddenName), aMoment)
                : std::nullopt;
 }
 

@@ -39,8 +39,8 @@ private:
     char* end() const noexcept { return attachment.get() + wholeSize; }
 
     std::shared_ptr<const RecordDirectory> directory;
-    foundation::os::FilePlace place;
-    foundation::os::FilePlace path;
+    foundation::os::PathAt where;
+    foundation::os::PathAt path;
     /// Made beforehand, since a removal must not allocate.
     std::string hiddenName;
     foundation::os::FileIdentity identity;

@@ -82,8 +82,8 @@ void findSegment(Examined& there, const RecordDirectory& directory) {
     }
 }
 
-Examined examine(const os::FilePlace& place, const RecordDirectory& directory) {
-    Examined there{openRecord(place), {}};
+Examined examine(const os::PathAt& where, const RecordDirectory& directory) {
+    Examined there{openRecord(where), {}};
     if (there.file.record) {
         findSegment(there, directory);
     }
@@ -91,16 +91,16 @@ Examined examine(const os::FilePlace& place, const RecordDirectory& directory) {
 }
 
 /// Makes way for a new record. What a stale one may still lead to is its owner's to remove.
-void takeStaleAway(const os::FilePlace& place, RecordFile file) {
+void takeStaleAway(const os::PathAt& where, RecordFile file) {
     constexpr std::chrono::seconds timeout{2};
     const os::FileIdentity identity = file.identity();
     const SegmentToken token = file.record ? file.record->token : makeSegmentToken();
     auto unnamed =
-        UnnamedRecord::takeName(place, std::move(file), UnnamedRecord::hiddenName(token), timeout);
+        UnnamedRecord::takeName(where, std::move(file), UnnamedRecord::hiddenName(token), timeout);
     if (unnamed) {
         unnamed->leaveToOwner();
-    } else if (os::identityAt(place) == identity) {
-        fail("cannot replace the record", place.name, EBUSY);
+    } else if (os::identityAt(where) == identity) {
+        fail("cannot replace the record", where.name, EBUSY);
     }
 }
 
@@ -132,9 +132,9 @@ enum class Naming {
 };
 
 Naming giveName(UnnamedRecord& record, const RecordDirectory& directory, const std::string& name) {
-    const os::FilePlace place = directory.placeOf(name);
+    const os::PathAt where = directory.at(name);
     for (;;) {
-        switch (const int error = record.giveName(place)) {
+        switch (const int error = record.giveName(where)) {
         case 0:
             return Naming::done;
         case ENOENT:
@@ -144,12 +144,12 @@ Naming giveName(UnnamedRecord& record, const RecordDirectory& directory, const s
         default:
             fail("cannot make the segment", name, error);
         }
-        Examined there = examine(place, directory);
+        Examined there = examine(where, directory);
         if (there.segment) {
             return Naming::taken;
         }
         if (there.isStale()) {
-            takeStaleAway(place, std::move(there.file));
+            takeStaleAway(where, std::move(there.file));
             UnnamedRecord::removeAllStale(directory); // It may be this user's own.
         } else if (!there.isFree()) {
             fail("cannot make the segment: something else has its name", name,
@@ -212,7 +212,7 @@ std::vector<std::string> SysVSegments::namesWith(const std::string& prefix) cons
         return names; // A record of this name would not tell it.
     }
     const std::string ending = record.substr(prefix.size());
-    os::DirectoryStream entries(directory->placeOf("."));
+    os::DirectoryStream entries(directory->at("."));
     while (const char* entry = entries ? entries.next() : nullptr) {
         const std::string_view found(entry);
         if (found.starts_with(prefix) && found.ends_with(ending) &&
@@ -231,7 +231,7 @@ SysVSegments::Attempt SysVSegments::tryMake(const std::string& recordName, std::
     if (!id) {
         const int error = errno;
         // Where no more can be made, whoever asks for one that there is need not know.
-        if (examine(directory->placeOf(recordName), *directory).segment) {
+        if (examine(directory->at(recordName), *directory).segment) {
             return {true, nullptr};
         }
         fail("cannot make the segment", recordName, error);
@@ -278,7 +278,7 @@ SegmentLookup SysVSegments::find(const std::string& name, std::size_t size) {
         directory = std::make_shared<const RecordDirectory>(std::move(*found));
     }
     const std::string recordName = recordNameOf(name);
-    Examined there = examine(directory->placeOf(recordName), *directory);
+    Examined there = examine(directory->at(recordName), *directory);
     if (!there.segment) {
         return {nullptr, !there.isFree() && !there.isStale()};
     }

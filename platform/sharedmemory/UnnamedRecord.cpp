@@ -47,19 +47,19 @@ void write(int descriptor, const SegmentRecord& record, const std::string& name)
 
 /// A new file under a name that is free; empty when somebody took it for a dead maker's before it
 /// was locked.
-os::FileDescriptor createLocked(const os::FilePlace& place) {
+os::FileDescriptor createLocked(const os::PathAt& where) {
     os::FileDescriptor file(os::retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(),
+        return ::openat(where.folder, where.name.c_str(),
                         O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     }));
     if (!file) {
-        fail("cannot make the record", place.name, errno);
+        fail("cannot make the record", where.name, errno);
     }
     if (!tryLock(file.get())) {
         const int error = errno;
-        ::unlinkat(place.folder, place.name.c_str(), 0);
+        ::unlinkat(where.folder, where.name.c_str(), 0);
         if (error != EWOULDBLOCK) {
-            fail("cannot lock the record", place.name, error);
+            fail("cannot lock the record", where.name, error);
         }
         file.reset();
     } else if (!hasName(file.get())) {
@@ -127,15 +127,15 @@ bool leadsNowhere(const RecordFile& file) {
            sysv::saysGone(errno);
 }
 
-void removeIfStale(const os::FilePlace& place) {
-    RecordFile file = openRecord(place);
+void removeIfStale(const os::PathAt& where) {
+    RecordFile file = openRecord(where);
     const bool isOwn =
         file.status.st_uid == ::geteuid() || ::geteuid() == root || leadsNowhere(file);
     // Until it is locked here, its maker may give it its name, or write to it and be killed.
     if (file.descriptor && isOwn && S_ISREG(file.status.st_mode) &&
-        tryLock(file.descriptor.get()) && os::identityAt(place) == file.identity() &&
+        tryLock(file.descriptor.get()) && os::identityAt(where) == file.identity() &&
         file.reread() && (!file.record || removeWhatIsOf(*file.record, file.status.st_uid))) {
-        ::unlinkat(place.folder, place.name.c_str(), 0);
+        ::unlinkat(where.folder, where.name.c_str(), 0);
     }
 }
 
@@ -149,7 +149,7 @@ std::string UnnamedRecord::hiddenName(const SegmentToken& token) {
     return name;
 }
 
-UnnamedRecord::UnnamedRecord(os::FilePlace hidden, os::FileDescriptor locked) noexcept
+UnnamedRecord::UnnamedRecord(os::PathAt hidden, os::FileDescriptor locked) noexcept
     : hidden(std::move(hidden))
     , file(std::move(locked)) {
 }
@@ -157,7 +157,7 @@ UnnamedRecord::UnnamedRecord(os::FilePlace hidden, os::FileDescriptor locked) no
 UnnamedRecord UnnamedRecord::create(const RecordDirectory& directory) {
     for (;;) {
         const SegmentToken token = makeSegmentToken();
-        os::FilePlace hidden = directory.placeOf(hiddenName(token));
+        os::PathAt hidden = directory.at(hiddenName(token));
         os::FileDescriptor file = createLocked(hidden);
         if (!file) {
             continue;
@@ -171,7 +171,7 @@ UnnamedRecord UnnamedRecord::create(const RecordDirectory& directory) {
     }
 }
 
-std::optional<UnnamedRecord> UnnamedRecord::takeName(const os::FilePlace& name, RecordFile file,
+std::optional<UnnamedRecord> UnnamedRecord::takeName(const os::PathAt& name, RecordFile file,
                                                      std::string hiddenName,
                                                      std::chrono::milliseconds timeout) noexcept {
     // Whoever takes a record's name away holds its lock, so it cannot come to be another one's
@@ -203,7 +203,7 @@ void UnnamedRecord::complete(int segment) {
     write(file.get(), record, hidden.name);
 }
 
-int UnnamedRecord::giveName(const os::FilePlace& name) noexcept {
+int UnnamedRecord::giveName(const os::PathAt& name) noexcept {
     const int error = os::renameWithoutReplacing(hidden, name);
     if (error == 0) {
         letGo();
@@ -218,13 +218,13 @@ void UnnamedRecord::letGo() noexcept {
 }
 
 void UnnamedRecord::removeAllStale(const RecordDirectory& directory) {
-    os::DirectoryStream names(directory.placeOf("."));
+    os::DirectoryStream names(directory.at("."));
     if (!names) {
         fail("cannot read the directory of segments", {}, errno);
     }
     while (const char* name = names.next()) {
         if (std::string_view(name).starts_with(hiddenPrefix)) {
-            removeIfStale(directory.placeOf(name));
+            removeIfStale(directory.at(name));
         }
     }
 }

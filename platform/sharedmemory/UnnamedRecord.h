@@ -2,7 +2,7 @@
 
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 #include "sharedmemory/RecordDirectory.h"
 #include "sharedmemory/SegmentRecord.h"
 
@@ -34,7 +34,7 @@ public:
     /// Takes its name from an open record, so that nobody finds the segment any more. Nothing when
     /// the name stands for another record by now, or somebody else is at this one for longer than
     /// the time. The hidden name is the caller's to prepare: nothing is allocated here.
-    static std::optional<UnnamedRecord> takeName(const foundation::os::FilePlace& name,
+    static std::optional<UnnamedRecord> takeName(const foundation::os::PathAt& name,
                                                  RecordFile file, std::string hiddenName,
                                                  std::chrono::milliseconds timeout) noexcept;
 
@@ -56,7 +56,7 @@ public:
 
     /// Gives it a name that is free. Returns 0 or the errno value: EEXIST when the name is taken,
     /// ENOENT when somebody has taken this process for dead.
-    int giveName(const foundation::os::FilePlace& name) noexcept;
+    int giveName(const foundation::os::PathAt& name) noexcept;
 
     /// Leaves it as the note to its owner.
     void leaveToOwner() noexcept { letGo(); }
@@ -65,12 +65,12 @@ public:
     static void removeAllStale(const RecordDirectory& directory);
 
 private:
-    UnnamedRecord(foundation::os::FilePlace hidden, foundation::os::FileDescriptor locked) noexcept;
+    UnnamedRecord(foundation::os::PathAt hidden, foundation::os::FileDescriptor locked) noexcept;
 
     /// Unlocks the file and closes it.
     void letGo() noexcept;
 
-    foundation::os::FilePlace hidden;
+    foundation::os::PathAt hidden;
     /// Holds the lock; empty when there is nothing to remove any more.
     foundation::os::FileDescriptor file;
     SegmentRecord record;

@@ -3,7 +3,7 @@
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/NamedStringArray.h"
 #include "endpointregistry/detail/EntryCopy.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 #include "sharedmemory/SegmentRecord.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -68,7 +68,7 @@ SegmentToken tokenOfTheTable() {
 
 /// The caller's own entry made without the library but for its file's lock.
 LockedFile liveWith(const std::string& contents, const std::string& name = ownName()) {
-    LockedFile file = joined::createAndTryLock(name, tests::entryParent, friends, contents);
+    LockedFile file = groupfiles::createAndTryLock(name, tests::entryParent, friends, contents);
     EXPECT_TRUE(file.isLocked());
     return file;
 }

@@ -52,18 +52,18 @@ TEST_F(EndpointSharingHostileLinks, PlantsLinksToFoldersOfHis) {
 }
 
 TEST_F(EndpointSharingHostileLinks, PlantsLinksThatLeadNowhere) {
-    for (const std::string& place :
+    for (const std::string& where :
          {tests::sharedTop, level(tests::entryParent), groupFolder(tests::entryParent),
           groupFolder(tests::tableParent), groupFolder(tests::segmentParent)}) {
         startAfresh();
         expectHarmless(
-            [&place] {
-                fs::create_directories(fs::path(place).parent_path());
-                for (fs::path above = fs::path(place).parent_path(); above != "/home/Shared";
+            [&where] {
+                fs::create_directories(fs::path(where).parent_path());
+                for (fs::path above = fs::path(where).parent_path(); above != "/home/Shared";
                      above = above.parent_path()) {
                     fs::permissions(above, fs::perms::all);
                 }
-                fs::create_symlink("/home/Shared/nowhere", place);
+                fs::create_symlink("/home/Shared/nowhere", where);
             },
             Outcome::refused);
         EXPECT_FALSE(fs::exists("/home/Shared/nowhere"));

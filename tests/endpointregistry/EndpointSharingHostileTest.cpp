@@ -52,12 +52,12 @@ TEST_F(EndpointSharingHostile, PlantsFilesInPlaceOfFolders) {
         startAfresh();
         expectHarmless(
             [&path] {
-                std::string place = tests::sharedTop;
+                std::string where = tests::sharedTop;
                 for (const std::string& next : path) {
-                    tests::makeFolder(place, 0777);
-                    place += "/" + next;
+                    tests::makeFolder(where, 0777);
+                    where += "/" + next;
                 }
-                tests::makeFile(place, 0666);
+                tests::makeFile(where, 0666);
             },
             Outcome::refused);
     }

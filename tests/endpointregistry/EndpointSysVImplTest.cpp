@@ -2,7 +2,7 @@
 
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/NamedStringArray.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 #include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/FoldersTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
@@ -56,7 +56,7 @@ class SharedTrace {
 public:
     SharedTrace(std::string name, const std::vector<std::string>& row)
         : name(std::move(name))
-        , file(joined::tryLock(this->name, tests::entryParent, friends)) {
+        , file(groupfiles::tryLock(this->name, tests::entryParent, friends)) {
         EXPECT_TRUE(file->isLocked());
         if (!row.empty()) {
             table().insert(row);

@@ -1,7 +1,7 @@
 #include "endpointregistry/detail/LockHolder.h"
 
 #include "endpointregistry/LockedFile.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 #include "foundation/os/FileDescriptor.h"
 #include "tests/endpointregistry/FoldersTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
@@ -59,7 +59,7 @@ TEST_F(LockHolder, IsTheProcessThatWaitedForTheLock) {
         EXPECT_EQ(holder()->process, ::getpid());
     }
     EXPECT_FALSE(holder());
-    const joined::LockOrHolder bounded = joined::getLockWithin(name, parent, privately, 1h);
+    const groupfiles::LockOrHolder bounded = groupfiles::getLockWithin(name, parent, privately, 1h);
     ASSERT_TRUE(holder());
     EXPECT_EQ(holder()->process, ::getpid());
 }
@@ -149,8 +149,8 @@ TEST_F(LockHolder, IsNobodyWhereAnAbsurdMarkStands) {
             EXPECT_GE(holder()->process, 0) << start;
             EXPECT_NE(holder()->process, ::getpid()) << start;
             EXPECT_TRUE(hold()->isLocked()) << start;
-            const joined::LockOrHolder bounded =
-                joined::getLockWithin(name, parent, privately, 0ms);
+            const groupfiles::LockOrHolder bounded =
+                groupfiles::getLockWithin(name, parent, privately, 0ms);
             EXPECT_TRUE(bounded.lock.isLocked()) << start;
             EXPECT_EQ(bounded.holder, 0) << start;
             markWith(readable, F_UNLCK, 0, 0);
@@ -165,7 +165,8 @@ TEST_F(LockHolder, IsUnknownWhereSomebodyKeepsItFromMarking) {
     markWith(writable, F_WRLCK, 0, 0);
     const LockedFile file = LockedFile::getLock(name, parent, "");
     ASSERT_TRUE(file.isLocked());
-    const joined::LockOrHolder refused = joined::getLockWithin(name, parent, privately, 0ms);
+    const groupfiles::LockOrHolder refused =
+        groupfiles::getLockWithin(name, parent, privately, 0ms);
     EXPECT_FALSE(refused.lock.isLocked());
     EXPECT_EQ(refused.holder, 0);
 }

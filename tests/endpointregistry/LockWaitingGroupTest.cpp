@@ -1,5 +1,5 @@
-#include "endpointregistry/detail/JoinedRegistry.h"
-#include "tests/endpointregistry/JoinedTools.h"
+#include "endpointregistry/detail/GroupFiles.h"
+#include "tests/endpointregistry/GroupFilesTools.h"
 #include "tests/endpointregistry/LockWaitingTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -16,7 +16,7 @@
 
 using namespace agent::spf::endpointregistry;
 using namespace std::chrono_literals;
-using namespace tests::joined;
+using namespace tests::groupfiles;
 using tests::as;
 using tests::Channel;
 using tests::ForkedProcess;
@@ -37,7 +37,7 @@ public:
         : process([user](Channel& test) {
             accounts::become(user);
             {
-                const auto result = joined::getLockWithin(name, parent, friends, 1h);
+                const auto result = groupfiles::getLockWithin(name, parent, friends, 1h);
                 test.send(result.lock.isLocked() ? "locked" : "not locked");
                 test.receive();
             }
@@ -65,7 +65,7 @@ TEST_F(LockWaitingInAGroup, EndsWithTheProcessIdOfAnotherUsersProcessThatIsStopp
     holder.expectLocked();
     tests::stop(holder.pid());
     as(ben, [&] {
-        const auto result = joined::getLockWithin(name, parent, friends, 50ms);
+        const auto result = groupfiles::getLockWithin(name, parent, friends, 50ms);
         EXPECT_FALSE(result.lock.isLocked());
         EXPECT_EQ(result.lock.getLockError(), EWOULDBLOCK);
         EXPECT_EQ(result.holder, holder.pid());
@@ -104,10 +104,12 @@ TEST_F(LockWaitingInAGroup, MovesOnToTheFolderThatTookThePlace) {
 
 TEST_F(LockWaitingInAGroup, RefusesStrangersAndWhatDoesNotBelongToTheGroup) {
     as(anna,
-       [] { EXPECT_TRUE(joined::getLockWithin(name, parent, friends, 0ms).lock.isLocked()); });
-    as(carl,
-       [] { EXPECT_THROW(joined::getLockWithin(name, parent, friends, 0ms), std::runtime_error); });
+       [] { EXPECT_TRUE(groupfiles::getLockWithin(name, parent, friends, 0ms).lock.isLocked()); });
+    as(carl, [] {
+        EXPECT_THROW(groupfiles::getLockWithin(name, parent, friends, 0ms), std::runtime_error);
+    });
     fs::permissions(path, fs::perms::owner_read);
-    as(anna,
-       [] { EXPECT_THROW(joined::getLockWithin(name, parent, friends, 0ms), std::runtime_error); });
+    as(anna, [] {
+        EXPECT_THROW(groupfiles::getLockWithin(name, parent, friends, 0ms), std::runtime_error);
+    });
 }

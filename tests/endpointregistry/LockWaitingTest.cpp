@@ -1,5 +1,5 @@
 #include "endpointregistry/LockedFile.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 #include "tests/endpointregistry/LockWaitingTools.h"
 #include "tests/endpointregistry/LockedFileProcesses.h"
 #include "tests/endpointregistry/LockedFileTools.h"
@@ -32,8 +32,8 @@ const std::string privately;
 
 class LockWaiting : public tests::LockedFileTest {
 protected:
-    joined::LockOrHolder lockWithin(std::chrono::milliseconds timeout) const {
-        return joined::getLockWithin(name, parent, privately, timeout);
+    groupfiles::LockOrHolder lockWithin(std::chrono::milliseconds timeout) const {
+        return groupfiles::getLockWithin(name, parent, privately, timeout);
     }
 
     void keepLock(Channel& test) const {
@@ -42,7 +42,7 @@ protected:
         test.receive();
     }
 
-    void expectGivenUp(const joined::LockOrHolder& result, pid_t holder) const {
+    void expectGivenUp(const groupfiles::LockOrHolder& result, pid_t holder) const {
         EXPECT_FALSE(result.lock.isLocked());
         EXPECT_EQ(result.lock.getLockError(), EWOULDBLOCK);
         EXPECT_EQ(result.holder, holder);
@@ -86,7 +86,7 @@ struct Turns {
     template<typename Lock>
     void take(const Lock& lock) {
         const auto begin = Clock::now();
-        const joined::LockOrHolder result = lock(timeout);
+        const groupfiles::LockOrHolder result = lock(timeout);
         const auto locked = Clock::now();
         if (!result.lock.isLocked()) {
             lock(1h); // Whoever was in the way has said by then how long that turn was.
@@ -109,7 +109,7 @@ struct Turns {
 
 TEST_F(LockWaiting, IsNotNeededForALockThatIsFree) {
     for (int i = 0; i < 2; ++i) {
-        const joined::LockOrHolder result = lockWithin(0ms);
+        const groupfiles::LockOrHolder result = lockWithin(0ms);
         EXPECT_TRUE(result.lock.isLocked()) << i;
         EXPECT_EQ(result.holder, 0) << i;
         EXPECT_TRUE(tests::isHeld(path())) << i;
@@ -135,7 +135,7 @@ TEST_F(LockWaiting, NamesNobodyWhereTheHolderHasNotSaidWhoItIs) {
 }
 
 TEST_F(LockWaiting, EndsWithTheHolderThatHasBoundedItsOwnWait) {
-    const joined::LockOrHolder holder = lockWithin(1h);
+    const groupfiles::LockOrHolder holder = lockWithin(1h);
     ASSERT_TRUE(holder.lock.isLocked());
     expectGivenUp(lockWithin(20ms), ::getpid());
 }
@@ -172,7 +172,7 @@ TEST_F(LockWaiting, MovesOnToAFileThatReplacedTheOneWaitedFor) {
         const std::string old = path() + (isMadeAgain ? " made again" : " removed");
         const tests::Openings openings(path());
         ForkedProcess waiter([this](Channel& test) {
-            const joined::LockOrHolder result = lockWithin(1h);
+            const groupfiles::LockOrHolder result = lockWithin(1h);
             EXPECT_TRUE(result.lock.isLocked());
             test.send("locked");
             test.receive();
@@ -202,8 +202,8 @@ TEST_F(LockWaiting, ReportsWhyAFileCanBeNeitherOpenedNorMade) {
     fs::create_directory(path());
     EXPECT_THROW(lockWithin(1h), std::runtime_error);
     fs::remove(path());
-    EXPECT_THROW(joined::getLockWithin("", parent, privately, 1h), std::invalid_argument);
-    EXPECT_THROW(joined::getLockWithin(name, "", privately, 1h), std::invalid_argument);
+    EXPECT_THROW(groupfiles::getLockWithin("", parent, privately, 1h), std::invalid_argument);
+    EXPECT_THROW(groupfiles::getLockWithin(name, "", privately, 1h), std::invalid_argument);
 }
 
 TEST_F(LockWaiting, TakesNextToNoProcessorTime) {

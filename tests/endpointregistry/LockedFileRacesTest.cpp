@@ -31,7 +31,7 @@ using foundation::os::identityOf;
 namespace {
 
 /// A file that appears and goes again and again, and others that try to catch it unlocked.
-class AppearingLockedFile : public tests::LockedFileTest {
+class AtomicLockedFile : public tests::LockedFileTest {
 protected:
     void expectNeverSeenUnlocked(const std::string& trustee,
                                  const std::function<LockedFile()>& appear) {
@@ -149,11 +149,11 @@ protected:
 using ElectedLockedFile = tests::LockedFileTest;
 using KilledOwner = tests::LockedFileTest;
 
-TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsCreated) {
+TEST_F(AtomicLockedFile, IsNeverSeenUnlockedWhereItIsCreated) {
     expectNeverSeenUnlocked("", [this] { return LockedFile::createAndTryLock(name, parent, ""); });
 }
 
-TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsTried) {
+TEST_F(AtomicLockedFile, IsNeverSeenUnlockedWhereItIsTried) {
     expectNeverSeenUnlocked("", [this] {
         LockedFile file = LockedFile::tryLock(name, parent, "");
         file.markForDeletion();
@@ -161,7 +161,7 @@ TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsTried) {
     });
 }
 
-TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsWaitedFor) {
+TEST_F(AtomicLockedFile, IsNeverSeenUnlockedWhereItIsWaitedFor) {
     expectNeverSeenUnlocked("", [this] {
         LockedFile file = LockedFile::getLock(name, parent, "");
         file.markForDeletion();
@@ -169,7 +169,7 @@ TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsWaitedFor) {
     });
 }
 
-TEST_F(AppearingLockedFile, IsNeverSeenUnlockedWhereItIsShared) {
+TEST_F(AtomicLockedFile, IsNeverSeenUnlockedWhereItIsShared) {
     tests::provideSharedFolder();
     const std::string group = tests::ownGroup();
     expectNeverSeenUnlocked(group,

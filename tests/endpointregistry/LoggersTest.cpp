@@ -100,8 +100,8 @@ TEST(Loggers, AreTheSameObjectsOnEveryCall) {
 TEST(Loggers, AreTheSameObjectsOnEveryThread) {
     std::array<Logger*, 4> seen{};
     std::vector<std::thread> threads;
-    for (Logger*& place : seen) {
-        threads.emplace_back([&place] { place = &getLogger(); });
+    for (Logger*& where : seen) {
+        threads.emplace_back([&where] { where = &getLogger(); });
     }
     for (std::thread& thread : threads) {
         thread.join();

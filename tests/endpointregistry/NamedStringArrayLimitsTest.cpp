@@ -15,7 +15,7 @@ using tests::Entries;
 namespace {
 
 constexpr std::size_t mebibyte = std::size_t{1} << 20U;
-constexpr std::size_t mostRows = 1048576;
+constexpr std::size_t maxRows = 1048576;
 constexpr std::size_t largestContainer = 64 * mebibyte;
 constexpr std::size_t overhead = 9;
 
@@ -68,12 +68,12 @@ protected:
 } // namespace
 
 TEST_F(NamedStringArrayLimits, AllowAsManyRowsAsThereMayBe) {
-    plant(mostRows, 4, overhead + mostRows * 4);
+    plant(maxRows, 4, overhead + maxRows * 4);
     expectUsable();
 }
 
 TEST_F(NamedStringArrayLimits, AllowNoMoreRowsThanThat) {
-    plant(mostRows + 1, 4, overhead + (mostRows + 1) * 4);
+    plant(maxRows + 1, 4, overhead + (maxRows + 1) * 4);
     expectUnusable();
 }
 
@@ -95,7 +95,7 @@ TEST_F(NamedStringArrayLimits, RefuseAnEntryThatWouldMakeTheContainerTooLarge) {
 TEST_F(NamedStringArrayLimits, RefuseAnEntryThatWouldMakeTooManyRows) {
     expectRefused([this] {
         auto other = table.array();
-        other.setLengthStep(mostRows + 1);
+        other.setLengthStep(maxRows + 1);
         other.insert("one more");
     });
 }

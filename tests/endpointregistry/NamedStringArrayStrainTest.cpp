@@ -29,7 +29,7 @@ namespace {
 namespace accounts = tests::accounts;
 
 constexpr std::size_t workerCount = 8;
-constexpr unsigned mostRowsOfAWorker = 25;
+constexpr unsigned maxRowsPerWorker = 25;
 #ifdef __SANITIZE_ADDRESS__
 constexpr unsigned allOperations = 2'000;
 #else
@@ -102,7 +102,7 @@ void workOn(const RawTable& table, Work& work, std::size_t number) {
             if (rowsOf(array, number) != entriesOf(number, own.first, own.next)) {
                 throw std::runtime_error("rows were lost, doubled or came back");
             }
-        } else if (rows == 0 || (choice < 6 && rows < mostRowsOfAWorker)) {
+        } else if (rows == 0 || (choice < 6 && rows < maxRowsPerWorker)) {
             own.pending = Operation::insertion;
             array.insert(entryOf(number, own.next));
             ++own.next;

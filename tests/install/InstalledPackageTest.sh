@@ -41,7 +41,7 @@ expect_none() {
 own='^_Z(T[ISV])?NK?(5agent3spf|2fl4i18n|10foundation(3log|5paths))'
 grep -qE "$own" <<<"$exported"
 expect_none "$(grep -vE "$own" <<<"$exported" || true)" .
-expect_none "$exported" 'EntryFolder|PosixImpl|ArrayRows|PosixPlace|cityHash64|Roster'
+expect_none "$exported" 'EntryFolder|PosixImpl|ArrayRows|SegmentPath|cityHash64|Roster'
 
 "$compiler" "$here/consumer/unloading.cpp" -o "$work/unloading" -ldl
 if ! "$work/unloading" "$library"; then

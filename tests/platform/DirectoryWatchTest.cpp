@@ -1,6 +1,6 @@
 #include "foundation/os/DirectoryWatch.h"
 
-#include "foundation/os/AppearingFile.h"
+#include "foundation/os/AtomicFile.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/HighDescriptor.h"
 #include "foundation/os/SystemLimits.h"
@@ -116,7 +116,7 @@ TEST_F(WatchedDirectory, TellsThatAttributesWereSet) {
 
 TEST_F(WatchedDirectory, TellsWhenTheLastCopyIsClosedByWhichAFileWasMade) {
     const std::string path = folder + "/file";
-    os::AppearingFile file = os::createAppearing(path, 0400, [](int) { return 0; });
+    os::AtomicFile file = os::createFileAtomically(path, 0400, [](int) { return 0; });
     ASSERT_EQ(file.error, 0);
     os::FileDescriptor copy(::fcntl(file.descriptor.get(), F_DUPFD_CLOEXEC, 0));
     changes();
@@ -133,7 +133,7 @@ TEST_F(WatchedDirectory, TellsWhenTheLastCopyIsClosedByWhichAFileWasMade) {
 }
 
 TEST_F(WatchedDirectory, TellsTheNameBehindAHiddenOne) {
-    const std::string hidden = os::TemporaryName(os::FilePlace(folder + "/file"), 0).get();
+    const std::string hidden = os::TemporaryName(os::PathAt(folder + "/file"), 0).get();
     os::FileDescriptor file = make(hidden);
     ASSERT_EQ(::link(hidden.c_str(), (folder + "/file").c_str()), 0);
     ASSERT_EQ(::unlink(hidden.c_str()), 0);
@@ -182,12 +182,12 @@ TEST_F(WatchedDirectory, MustBeADirectoryAndNoLinkUnlessThatIsWanted) {
 }
 
 TEST(HiddenName, HoldsTheNameBackwardsWhereItFits) {
-    const std::string hidden = os::TemporaryName(os::FilePlace("/folder/entry"), 0).place().name;
+    const std::string hidden = os::TemporaryName(os::PathAt("/folder/entry"), 0).where().name;
     EXPECT_EQ(hidden.substr(0, 17), "/folder/.nascent-");
     EXPECT_EQ(hidden.find("entry"), std::string::npos);
     EXPECT_EQ(os::nameBehindTemporary(hidden.substr(8)), "entry");
     const std::string longest(255, 'x');
-    const std::string without = os::TemporaryName(os::FilePlace(longest), 0).place().name;
+    const std::string without = os::TemporaryName(os::PathAt(longest), 0).where().name;
     EXPECT_LT(without.size(), longest.size());
     EXPECT_EQ(os::nameBehindTemporary(without), "");
 }

@@ -1,10 +1,10 @@
-#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/AtomicFolder.h"
 #include "foundation/os/FolderOpening.h"
 
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/FoldersRefusedCalls.h"
-#include "tests/platform/AppearingFolderTools.h"
+#include "tests/platform/AtomicFolderTools.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -23,20 +23,20 @@ namespace {
 namespace accounts = tests::accounts;
 namespace fs = std::filesystem;
 using foundation::os::FileDescriptor;
-using foundation::os::FilePlace;
 using foundation::os::identityAt;
 using foundation::os::identityOf;
 using foundation::os::openFolderBelow;
 using foundation::os::openThroughNoLink;
+using foundation::os::PathAt;
 
 const std::vector<std::string> levels{"first", "second", "third"};
 
 /// Folders below another, as a system that opens a whole path in one step sees them and one that
 /// refuses to: none of the tests may tell the two apart.
-class FoldersBelow : public tests::AppearingFoldersOfUsers {
+class FoldersBelow : public tests::AtomicFoldersOfUsers {
 protected:
     void SetUp() override {
-        AppearingFoldersOfUsers::SetUp();
+        AtomicFoldersOfUsers::SetUp();
         if (!IsSkipped()) {
             fs::create_directories(pathOf(levels.size()));
         }
@@ -72,7 +72,7 @@ protected:
         }
     }
 
-    static void expectOpen(const FilePlace& top, const std::string& meant) {
+    static void expectOpen(const PathAt& top, const std::string& meant) {
         const FileDescriptor folder = openFolderBelow(top, levels);
         ASSERT_TRUE(folder) << errno;
         EXPECT_EQ(identityOf(folder.get()), identityAt(meant));
@@ -80,7 +80,7 @@ protected:
         EXPECT_EQ(::fcntl(folder.get(), F_GETFL) & O_PATH, 0) << "it can be read";
     }
 
-    static void expectNone(const FilePlace& top, int error) {
+    static void expectNone(const PathAt& top, int error) {
         errno = 0;
         EXPECT_FALSE(openFolderBelow(top, levels));
         EXPECT_EQ(errno, error);

@@ -90,8 +90,8 @@ TEST_F(GroupDirectories, NeedAllPermissionsOfTheGroupAndNoneToWriteForOthers) {
 
 TEST_F(GroupDirectories, StayGoodWhenAnAdministratorLetsAllRead) {
     as(accounts::anna, [&] { GroupDirectory::openOrCreate(path, group()); });
-    for (const std::string& place : {levelPath(1), levelPath(2), own()}) {
-        fs::permissions(place,
+    for (const std::string& where : {levelPath(1), levelPath(2), own()}) {
+        fs::permissions(where,
                         fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
                             fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec,
                         fs::perm_options::add); // chmod -R a+rX

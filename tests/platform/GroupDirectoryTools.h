@@ -62,9 +62,9 @@ protected:
     }
 
     /// Makes a directory of exactly this mode.
-    static void makeDirectory(const std::string& place, mode_t mode) {
-        demand(::mkdir(place.c_str(), 0700) == 0);
-        demand(::chmod(place.c_str(), mode) == 0);
+    static void makeDirectory(const std::string& where, mode_t mode) {
+        demand(::mkdir(where.c_str(), 0700) == 0);
+        demand(::chmod(where.c_str(), mode) == 0);
     }
 
     /// The path of a level by its number: 0 is the base, 3 the group's own.

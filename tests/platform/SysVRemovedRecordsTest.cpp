@@ -123,7 +123,7 @@ TEST_F(SysVRemovedRecords, AreNotHeldByAChildThatWasForkedMeanwhile) {
     const auto directory = RecordDirectory::openOrCreate(none);
     auto record = UnnamedRecord::create(directory);
     tests::ForkedProcess child([](tests::Channel& channel) { channel.receive(); });
-    ASSERT_EQ(record.giveName(directory.placeOf("name")), 0);
+    ASSERT_EQ(record.giveName(directory.at("name")), 0);
     const foundation::os::FileDescriptor named(
         ::open((sysv::recordFolder() + "name").c_str(), O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(::flock(named.get(), LOCK_EX | LOCK_NB), 0);

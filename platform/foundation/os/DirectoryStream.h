@@ -1,7 +1,7 @@
 #pragma once
 
 #include "foundation/os/FileDescriptor.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <array>
 #include <cstddef>
@@ -12,7 +12,7 @@ namespace foundation::os {
 class DirectoryStream {
 public:
     /// Opens the directory; empty, with errno set, when it cannot be opened.
-    explicit DirectoryStream(const FilePlace& place);
+    explicit DirectoryStream(const PathAt& where);
 
     /// How much is read at once: `aLittle` at first, and then more and more, is for whoever may
     /// stop before the end. Nobody gains by more than `much`.

@@ -14,9 +14,9 @@ namespace foundation::os {
 // each reading: of a lookup in a small directory that would be a seventh.
 
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer is filled by the system
-DirectoryStream::DirectoryStream(const FilePlace& place)
+DirectoryStream::DirectoryStream(const PathAt& where)
     : own(retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        return ::openat(where.folder, where.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }))
     , directory(own.get()) {
 }

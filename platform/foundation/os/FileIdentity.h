@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <optional>
 #include <sys/stat.h>
@@ -29,9 +29,9 @@ inline std::optional<FileIdentity> identityOf(int descriptor) noexcept {
 }
 
 /// The identity of what stands in a place, a link itself and not what it points to.
-inline std::optional<FileIdentity> identityAt(const FilePlace& place) noexcept {
+inline std::optional<FileIdentity> identityAt(const PathAt& where) noexcept {
     struct stat status {};
-    if (::fstatat(place.folder, place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::fstatat(where.folder, where.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return std::nullopt;
     }
     return FileIdentity(status);

@@ -10,24 +10,24 @@
 
 namespace foundation::os {
 
-FileDescriptor openFolder(const FilePlace& place) {
+FileDescriptor openFolder(const PathAt& where) {
     return FileDescriptor(retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(),
+        return ::openat(where.folder, where.name.c_str(),
                         O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
     }));
 }
 
-FileDescriptor openThroughNoLink(const FilePlace& place, int flags) {
+FileDescriptor openThroughNoLink(const PathAt& where, int flags) {
     open_how how{};
     how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
     how.resolve = RESOLVE_NO_SYMLINKS;
     return FileDescriptor(retryOnInterrupt([&] {
         return static_cast<int>(
-            ::syscall(SYS_openat2, place.folder, place.name.c_str(), &how, sizeof how));
+            ::syscall(SYS_openat2, where.folder, where.name.c_str(), &how, sizeof how));
     }));
 }
 
-FileDescriptor openFolderBelow(const FilePlace& top, const std::vector<std::string>& levels) {
+FileDescriptor openFolderBelow(const PathAt& top, const std::vector<std::string>& levels) {
     // To pass through a folder takes less of a permission than to read it.
     constexpr int passing = O_PATH | O_DIRECTORY | O_CLOEXEC;
     const auto open = [](int folder, const std::string& name, int flags) {

@@ -1,6 +1,6 @@
 #include "foundation/os/GroupDirectory.h"
 
-#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/AtomicFolder.h"
 #include "foundation/os/FolderOpening.h"
 #include "foundation/os/RetryOnInterrupt.h"
 
@@ -91,9 +91,9 @@ FileIdentity examine(int directory, const Group& group, const std::string& path)
 /// The directory in this place, made by `create` when it is missing, which returns 0 or an errno
 /// value.
 template<typename Create>
-FileDescriptor openOrCreateLevel(const FilePlace& place, const std::string& path, Create create) {
+FileDescriptor openOrCreateLevel(const PathAt& where, const std::string& path, Create create) {
     for (;;) {
-        FileDescriptor directory = openFolder(place);
+        FileDescriptor directory = openFolder(where);
         if (directory) {
             return directory;
         }
@@ -124,10 +124,9 @@ std::optional<gid_t> groupForLevelAbove(gid_t group) {
 }
 
 /// A level that everybody may pass through and add to.
-FileDescriptor openOrCreatePublicLevel(const FilePlace& place, gid_t group,
-                                       const std::string& path) {
-    FileDescriptor directory = openOrCreateLevel(place, path, [&] {
-        return createAppearingFolder(place, everybody, groupForLevelAbove(group));
+FileDescriptor openOrCreatePublicLevel(const PathAt& where, gid_t group, const std::string& path) {
+    FileDescriptor directory = openOrCreateLevel(where, path, [&] {
+        return createFolderAtomically(where, everybody, groupForLevelAbove(group));
     });
     const mode_t mode = statusOf(directory.get(), "", path).st_mode;
     const bool isPublic = (mode & everybody) == everybody;
@@ -139,13 +138,13 @@ FileDescriptor openOrCreatePublicLevel(const FilePlace& place, gid_t group,
 
 /// Makes the group's own level. The kernel refuses to give it to a group that this process is not
 /// in, whatever the user database says.
-int createOwnLevel(const FilePlace& place, const Group& group, const std::string& path) {
+int createOwnLevel(const PathAt& where, const Group& group, const std::string& path) {
     // Below a parent that may hand its group down, other members will ask who made it.
-    const bool isAskedFor = mayHandDown(statusOf(place.folder, "", path), idOf(group));
+    const bool isAskedFor = mayHandDown(statusOf(where.folder, "", path), idOf(group));
     if (isAskedFor && !isMemberOrRoot(::geteuid(), group, path)) {
         return EPERM;
     }
-    return createAppearingFolder(place, groupOnly, idOf(group));
+    return createFolderAtomically(where, groupOnly, idOf(group));
 }
 
 } // namespace
@@ -192,7 +191,7 @@ GroupDirectory GroupDirectory::openOrCreate(const GroupDirectoryPath& path, cons
         here += path.levels[level] + "/";
         above = openOrCreatePublicLevel({above.get(), path.levels[level]}, id, here);
     }
-    const FilePlace own(above.get(), path.levels.back());
+    const PathAt own(above.get(), path.levels.back());
     here += own.name + "/";
     return {openOrCreateLevel(own, here, [&] { return createOwnLevel(own, group, here); }), here,
             group};

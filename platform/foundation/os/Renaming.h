@@ -1,11 +1,11 @@
 #pragma once
 
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 namespace foundation::os {
 
 /// Renames a file or folder where nothing bears the new name, in one step. Returns 0 or the errno
 /// value: EEXIST when the name is taken.
-int renameWithoutReplacing(const FilePlace& from, const FilePlace& to) noexcept;
+int renameWithoutReplacing(const PathAt& from, const PathAt& to) noexcept;
 
 } // namespace foundation::os

@@ -5,7 +5,7 @@
 
 namespace foundation::os {
 
-int renameWithoutReplacing(const FilePlace& from, const FilePlace& to) noexcept {
+int renameWithoutReplacing(const PathAt& from, const PathAt& to) noexcept {
     return ::renameat2(from.folder, from.name.c_str(), to.folder, to.name.c_str(),
                        RENAME_NOREPLACE) == 0
                ? 0

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <cerrno>
 #include <climits>
@@ -30,8 +30,8 @@ class TemporaryName {
 public:
     /// A new name beside `place`; nothing is made under it here. `removalFlags` are those of
     /// unlinkat: AT_REMOVEDIR for a folder.
-    TemporaryName(const FilePlace& place, int removalFlags)
-        : name(place.sibling(randomNameFor(place.name)))
+    TemporaryName(const PathAt& where, int removalFlags)
+        : name(where.sibling(randomNameFor(where.name)))
         , removalFlags(removalFlags) {}
 
     TemporaryName(const TemporaryName&) = delete;
@@ -42,24 +42,24 @@ public:
         errno = before;
     }
 
-    const FilePlace& place() const { return name; }
+    const PathAt& where() const { return name; }
     const char* get() const { return name.name.c_str(); }
 
 private:
     /// The name that it is to get stands there backwards, so that nobody who searches a folder for
     /// a part of that name comes upon it.
-    static std::string randomNameFor(const std::string& place) {
+    static std::string randomNameFor(const std::string& where) {
         std::random_device random;
         std::string hidden =
             std::string(temporaryPrefix) + std::to_string(random()) + std::to_string(random());
-        const std::string_view last = std::string_view(place).substr(place.rfind('/') + 1);
+        const std::string_view last = std::string_view(where).substr(where.rfind('/') + 1);
         if (hidden.size() + 1 + last.size() <= NAME_MAX) {
             hidden.append(1, '-').append(last.rbegin(), last.rend());
         }
         return hidden;
     }
 
-    FilePlace name;
+    PathAt name;
     int removalFlags;
 };
 

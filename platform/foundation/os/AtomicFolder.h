@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <optional>
 #include <sys/types.h>
@@ -17,7 +17,7 @@ namespace foundation::os {
 ///
 /// Where others may write to the parent, they can put a folder of theirs in the new one's place at
 /// any moment: what is used afterwards must be examined after it was opened.
-int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid_t> group);
+int createFolderAtomically(const PathAt& where, mode_t mode, std::optional<gid_t> group);
 
 /// Whether an open file carries an access control list beyond its mode. One that cannot be asked
 /// about counts as carrying one.

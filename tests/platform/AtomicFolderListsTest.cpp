@@ -1,6 +1,6 @@
-#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/AtomicFolder.h"
 #include "foundation/os/FileDescriptor.h"
-#include "tests/platform/AppearingFolderTools.h"
+#include "tests/platform/AtomicFolderTools.h"
 
 #include <array>
 #include <cerrno>
@@ -16,9 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using foundation::os::carriesAccessControlList;
-using foundation::os::createAppearingFolder;
+using foundation::os::createFolderAtomically;
 using foundation::os::FileDescriptor;
-using tests::AppearingFolders;
+using tests::AtomicFolders;
 
 /// An access control list of one user beside the owner, as the kernel stores it.
 struct AccessControlList {
@@ -39,10 +39,10 @@ struct AccessControlList {
 constexpr const char* const handedDown = "system.posix_acl_default";
 constexpr const char* const ownList = "system.posix_acl_access";
 
-class AppearingFoldersWithLists : public AppearingFolders {
+class AtomicFoldersWithLists : public AtomicFolders {
 protected:
     void SetUp() override {
-        AppearingFolders::SetUp();
+        AtomicFolders::SetUp();
         if (!setList(parent, handedDown)) {
             GTEST_SKIP() << "needs a file system with access control lists";
         }
@@ -59,12 +59,12 @@ protected:
     }
 };
 
-TEST_F(AppearingFoldersWithLists, InheritNone) {
+TEST_F(AtomicFoldersWithLists, InheritNone) {
     // What the system's own call makes here inherits the list.
     ASSERT_EQ(::mkdir(other.c_str(), 0700), 0);
     ASSERT_GT(::getxattr(other.c_str(), ownList, nullptr, 0), 0);
     for (const mode_t mode : {0700U, 0770U, 02775U}) {
-        EXPECT_EQ(createAppearingFolder(path, mode, ::getegid()), 0);
+        EXPECT_EQ(createFolderAtomically(path, mode, ::getegid()), 0);
         for (const char* const kind : {handedDown, ownList}) {
             EXPECT_EQ(::getxattr(path.c_str(), kind, nullptr, 0), -1);
             EXPECT_EQ(errno, ENODATA);
@@ -75,11 +75,11 @@ TEST_F(AppearingFoldersWithLists, InheritNone) {
     }
 }
 
-TEST_F(AppearingFoldersWithLists, AreToldFromThoseThatCarryOne) {
+TEST_F(AtomicFoldersWithLists, AreToldFromThoseThatCarryOne) {
     ASSERT_EQ(::mkdir(other.c_str(), 0700), 0);
     EXPECT_TRUE(hasList(other)) << "both kinds";
     EXPECT_TRUE(hasList(parent)) << "one that is handed down only";
-    ASSERT_EQ(createAppearingFolder(path, 0700, std::nullopt), 0);
+    ASSERT_EQ(createFolderAtomically(path, 0700, std::nullopt), 0);
     ASSERT_TRUE(setList(path, ownList));
     EXPECT_TRUE(hasList(path)) << "one of its own only";
     EXPECT_TRUE(carriesAccessControlList(-1)) << "cannot be asked about";

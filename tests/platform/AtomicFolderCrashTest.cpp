@@ -1,6 +1,6 @@
-#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/AtomicFolder.h"
 #include "foundation/os/FileIdentity.h"
-#include "tests/platform/AppearingFolderTools.h"
+#include "tests/platform/AtomicFolderTools.h"
 #include "tests/support/TracedProcess.h"
 
 #include <cerrno>
@@ -14,10 +14,10 @@ namespace {
 
 namespace accounts = tests::accounts;
 namespace fs = std::filesystem;
-using foundation::os::createAppearingFolder;
+using foundation::os::createFolderAtomically;
 using foundation::os::identityAt;
-using tests::AppearingFolders;
-using tests::AppearingFoldersOfUsers;
+using tests::AtomicFolders;
+using tests::AtomicFoldersOfUsers;
 using tests::TracedProcess;
 using Names = std::vector<std::string>;
 
@@ -36,11 +36,11 @@ void killMakerAtEveryStep(const std::function<void()>& make, const std::function
     EXPECT_GT(step, 5);
 }
 
-TEST_F(AppearingFoldersOfUsers, AreThereOrNotWheneverTheirMakerIsKilled) {
+TEST_F(AtomicFoldersOfUsers, AreThereOrNotWheneverTheirMakerIsKilled) {
     const gid_t friends = accounts::groupId(accounts::friends);
     const auto make = [&] {
         ::umask(0077);
-        if (createAppearingFolder(path, 02770, friends) != 0) {
+        if (createFolderAtomically(path, 02770, friends) != 0) {
             throw std::runtime_error("The folder was not made.");
         }
     };
@@ -51,34 +51,34 @@ TEST_F(AppearingFoldersOfUsers, AreThereOrNotWheneverTheirMakerIsKilled) {
             EXPECT_EQ(names(), Names{"folder"});
         } else {
             EXPECT_LE(names().size(), 1U);
-            EXPECT_EQ(createAppearingFolder(path, 0700, std::nullopt), 0);
+            EXPECT_EQ(createFolderAtomically(path, 0700, std::nullopt), 0);
             EXPECT_EQ(names(), Names{"folder"}) << "the next maker tidies up";
         }
         fs::remove(path);
     });
 }
 
-TEST_F(AppearingFolders, LeaveNoTraceOfMakersThatWereKilledOnceAnotherOneIsMade) {
-    const auto make = [&] { createAppearingFolder(path, 0700, std::nullopt); };
+TEST_F(AtomicFolders, LeaveNoTraceOfMakersThatWereKilledOnceAnotherOneIsMade) {
+    const auto make = [&] { createFolderAtomically(path, 0700, std::nullopt); };
     killMakerAtEveryStep(make, [&] {
-        EXPECT_EQ(createAppearingFolder(other, 0700, std::nullopt), 0);
+        EXPECT_EQ(createFolderAtomically(other, 0700, std::nullopt), 0);
         EXPECT_EQ(names(), fs::exists(path) ? Names({"folder", "other"}) : Names({"other"}));
         fs::remove(path);
         fs::remove(other);
     });
 }
 
-TEST_F(AppearingFolders, AppearAlthoughOtherMakersTidyUpMeanwhile) {
+TEST_F(AtomicFolders, AppearAlthoughOtherMakersTidyUpMeanwhile) {
     int step = 0;
     for (bool isOnTheWay = true; isOnTheWay; ++step) {
         SCOPED_TRACE("stopped at step " + std::to_string(step));
         TracedProcess maker([&] {
-            if (createAppearingFolder(path, 0700, std::nullopt) != 0) {
+            if (createFolderAtomically(path, 0700, std::nullopt) != 0) {
                 throw std::runtime_error("The folder was not made.");
             }
         });
         isOnTheWay = maker.run(step);
-        EXPECT_EQ(createAppearingFolder(other, 0700, std::nullopt), 0);
+        EXPECT_EQ(createFolderAtomically(other, 0700, std::nullopt), 0);
         if (isOnTheWay) {
             constexpr int untilTheEnd = 1'000'000;
             ASSERT_FALSE(maker.run(untilTheEnd));
@@ -91,19 +91,19 @@ TEST_F(AppearingFolders, AppearAlthoughOtherMakersTidyUpMeanwhile) {
     EXPECT_GT(step, 5);
 }
 
-TEST_F(AppearingFolders, AreTheFirstMakersWhenAnotherOneComesMeanwhile) {
+TEST_F(AtomicFolders, AreTheFirstMakersWhenAnotherOneComesMeanwhile) {
     int step = 0;
     for (bool isOnTheWay = true; isOnTheWay; ++step) {
         SCOPED_TRACE("stopped at step " + std::to_string(step));
         TracedProcess maker([&] {
-            const int error = createAppearingFolder(path, 0700, std::nullopt);
+            const int error = createFolderAtomically(path, 0700, std::nullopt);
             if (error != 0 && error != EEXIST) {
                 throw std::runtime_error("The folder was not made.");
             }
         });
         isOnTheWay = maker.run(step);
         const bool wasThere = fs::exists(path);
-        EXPECT_EQ(createAppearingFolder(path, 0770, std::nullopt), wasThere ? EEXIST : 0);
+        EXPECT_EQ(createFolderAtomically(path, 0770, std::nullopt), wasThere ? EEXIST : 0);
         const auto first = identityAt(path);
         if (isOnTheWay) {
             constexpr int untilTheEnd = 1'000'000;

@@ -1,4 +1,4 @@
-#include "endpointregistry/detail/JoinedFolder.h"
+#include "endpointregistry/detail/GroupFolder.h"
 
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/Loggers.h"
@@ -41,28 +41,28 @@ os::GroupDirectoryPath pathOf(const std::string& parent, const os::Group& truste
 }
 
 [[noreturn]] void fail(const GroupDirectoryError& failure) {
-    getLogger().log(severity::error, "JoinedFolder: ", failure.what(), ". (Error ", failure.error(),
+    getLogger().log(severity::error, "GroupFolder: ", failure.what(), ". (Error ", failure.error(),
                     ")");
     throw std::runtime_error(inconsistency);
 }
 
 } // namespace
 
-JoinedFolder::JoinedFolder(GroupDirectory directory)
+GroupFolder::GroupFolder(GroupDirectory directory)
     : OpenFolder(directory.takeDescriptor(), directory.path())
     , ownGroup(directory.group())
     , identity(directory.identity()) {
 }
 
-bool JoinedFolder::isStillNamed() const {
+bool GroupFolder::isStillNamed() const {
     return os::identityAt(path()) == identity;
 }
 
-std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
-                                               const os::Group& trustee) {
+std::optional<GroupFolder> GroupFolder::tryOpen(const std::string& parent,
+                                                const os::Group& trustee) {
     try {
         if (auto directory = GroupDirectory::tryOpen(pathOf(parent, trustee), trustee)) {
-            return JoinedFolder(std::move(*directory));
+            return GroupFolder(std::move(*directory));
         }
     } catch (const GroupDirectoryError& failure) {
         checkGroup(trustee);
@@ -76,10 +76,10 @@ std::optional<JoinedFolder> JoinedFolder::find(const std::string& parent,
     return std::nullopt;
 }
 
-JoinedFolder JoinedFolder::enter(const std::string& parent, const os::Group& trustee) {
+GroupFolder GroupFolder::openOrCreate(const std::string& parent, const os::Group& trustee) {
     try {
         if (auto directory = GroupDirectory::tryOpen(pathOf(parent, trustee), trustee)) {
-            return JoinedFolder(std::move(*directory));
+            return GroupFolder(std::move(*directory));
         }
     } catch (const GroupDirectoryError& failure) {
         checkGroup(trustee);
@@ -87,14 +87,14 @@ JoinedFolder JoinedFolder::enter(const std::string& parent, const os::Group& tru
             fail(failure);
         }
     }
-    return obtain(parent, trustee);
+    return openOrRestore(parent, trustee);
 }
 
-JoinedFolder JoinedFolder::obtain(const std::string& parent, const os::Group& trustee) {
+GroupFolder GroupFolder::openOrRestore(const std::string& parent, const os::Group& trustee) {
     checkGroup(trustee);                         // Before anything is made.
     parentPathOf(parent, trustee.name(), false); // Says what is missing above.
     try {
-        return JoinedFolder(GroupDirectory::openOrCreate(pathOf(parent, trustee), trustee));
+        return GroupFolder(GroupDirectory::openOrCreate(pathOf(parent, trustee), trustee));
     } catch (const GroupDirectoryError& failure) {
         fail(failure);
     }

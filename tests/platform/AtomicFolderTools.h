@@ -26,7 +26,7 @@ inline mode_t permissionsOf(const std::string& path) {
 }
 
 /// The folders of this test, in one of their own that everybody may write to.
-class AppearingFolders : public testing::Test {
+class AtomicFolders : public testing::Test {
 protected:
     void SetUp() override {
         std::filesystem::create_directory(parent);
@@ -51,13 +51,13 @@ protected:
 };
 
 /// The tests that act as several users.
-class AppearingFoldersOfUsers : public AppearingFolders {
+class AtomicFoldersOfUsers : public AtomicFolders {
 protected:
     void SetUp() override {
         if (!accounts::available()) {
             GTEST_SKIP() << accounts::whyNot;
         }
-        AppearingFolders::SetUp();
+        AtomicFolders::SetUp();
     }
 
     static void as(const std::string& user, const std::function<void()>& body) {

@@ -1,4 +1,4 @@
-#include "sharedmemory/PosixPlace.h"
+#include "sharedmemory/SegmentPath.h"
 
 #include "foundation/os/RetryOnInterrupt.h"
 #include "sharedmemory/Failure.h"
@@ -14,7 +14,7 @@ namespace agent::spf::sharedmemory {
 
 namespace os = foundation::os;
 
-PosixPlace::PosixPlace(const std::string& name, const os::Group& trustee)
+SegmentPath::SegmentPath(const std::string& name, const os::Group& trustee)
     : user(::geteuid())
     , segmentName(segmentNameOf(name, trustee.name(), user))
     , path("/dev/shm/" + segmentName.platformName)
@@ -23,7 +23,7 @@ PosixPlace::PosixPlace(const std::string& name, const os::Group& trustee)
 
 /// /dev/shm is open to all, so a file of this name may be anybody's. Owner and group cannot be
 /// forged: a file is given only to a group that its owner is a member of.
-bool PosixPlace::trusts(const struct stat& status) const {
+bool SegmentPath::trusts(const struct stat& status) const {
     // Every segment has its memory from the start. In one that has holes, reading takes memory,
     // without bound, and kills the process where there is none.
     constexpr blkcnt_t blockSize = 512;
@@ -35,26 +35,26 @@ bool PosixPlace::trusts(const struct stat& status) const {
            (status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)) == mode();
 }
 
-mode_t PosixPlace::mode() const {
+mode_t SegmentPath::mode() const {
     constexpr mode_t userOnly = S_IRUSR | S_IWUSR;
     return group ? userOnly | S_IRGRP | S_IWGRP : userOnly;
 }
 
-bool PosixPlace::isProvenBy(const ExistingFile& file) const {
-    const std::string& proof = segmentName.proof;
-    const auto proofSize = static_cast<off_t>(proof.size());
-    if (proof.empty() || file.status.st_size < proofSize) {
-        return proof.empty();
+bool SegmentPath::isProvenBy(const ExistingFile& file) const {
+    const std::string& trailer = segmentName.trailer;
+    const auto trailerSize = static_cast<off_t>(trailer.size());
+    if (trailer.empty() || file.status.st_size < trailerSize) {
+        return trailer.empty();
     }
-    std::string there(proof.size(), '\0');
+    std::string there(trailer.size(), '\0');
     const ssize_t count = os::retryOnInterrupt([&] {
         return ::pread(file.descriptor.get(), there.data(), there.size(),
-                       file.status.st_size - proofSize);
+                       file.status.st_size - trailerSize);
     });
-    return count == static_cast<ssize_t>(proof.size()) && there == proof;
+    return count == static_cast<ssize_t>(trailer.size()) && there == trailer;
 }
 
-PosixPlace::ExistingFile PosixPlace::openExisting(int access) const {
+SegmentPath::ExistingFile SegmentPath::openExisting(int access) const {
     ExistingFile file;
     // Not blocking, not followed: the name may have been given to a pipe or a link on purpose.
     file.descriptor = os::FileDescriptor(os::retryOnInterrupt(

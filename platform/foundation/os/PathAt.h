@@ -8,22 +8,22 @@ namespace foundation::os {
 
 /// Where a file is: a path, or a name inside a folder that is held open, whose path may lead
 /// somewhere else by the time it is used.
-struct FilePlace {
+struct PathAt {
     // NOLINTNEXTLINE(google-explicit-constructor): wherever a place is wanted, a path is one
-    FilePlace(std::string path)
+    PathAt(std::string path)
         : name(std::move(path)) {}
-    FilePlace(int folder, std::string name)
+    PathAt(int folder, std::string name)
         : folder(folder)
         , name(std::move(name)) {}
 
     /// The place of the folder that this one is in.
-    FilePlace parent() const {
+    PathAt parent() const {
         const auto separator = name.rfind('/');
         return {folder, separator == std::string::npos ? "." : name.substr(0, separator + 1)};
     }
 
     /// The place beside this one that has another last name.
-    FilePlace sibling(const std::string& other) const {
+    PathAt sibling(const std::string& other) const {
         return {folder, name.substr(0, name.rfind('/') + 1) + other};
     }
 

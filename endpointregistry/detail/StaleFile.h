@@ -2,7 +2,7 @@
 
 #include "endpointregistry/detail/LockedDescriptor.h"
 #include "endpointregistry/detail/OpenFolder.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <chrono>
 #include <string>
@@ -19,7 +19,7 @@ void failIfNotAsked(int error, const OpenFolder& folder, const std::string& name
 /// yet whoever asks about the file meanwhile still sees that its publisher is dead, because the
 /// file's lock is only shared. That is why the folder, too, is locked: two that cleared one file
 /// could otherwise remove the new one that a publisher made between them.
-class AbandonedFile {
+class StaleFile {
 public:
     enum class Finding {
         /// A publisher holds the file, or it cannot be examined.
@@ -30,19 +30,19 @@ public:
         /// up.
         busy,
         /// The publisher is dead, and this object holds the right to clear up.
-        abandoned,
+        stale,
     };
 
     /// How long others that clear up are waited for; they are done in a moment.
     static constexpr std::chrono::milliseconds defaultTimeout{20};
 
     /// Examines a file in a folder that outlives this object. Throws as `failIfNotAsked` does.
-    AbandonedFile(const std::string& name, const OpenFolder& folder,
-                  std::chrono::milliseconds timeout = defaultTimeout);
+    StaleFile(const std::string& name, const OpenFolder& folder,
+              std::chrono::milliseconds timeout = defaultTimeout);
 
     Finding finding() const { return found; }
 
-    /// Removes the file. Only for an abandoned one, after all else of that name is gone: for as
+    /// Removes the file. Only for a stale one, after all else of that name is gone: for as
     /// long as the file stands, the next to look clears up what a crash here leaves.
     void remove();
 
@@ -50,7 +50,7 @@ private:
     bool examine();
 
     const OpenFolder& folder;
-    foundation::os::FilePlace place;
+    foundation::os::PathAt where;
     Finding found = Finding::nothingToClear;
     LockedDescriptor folderLock;
     LockedDescriptor fileLock;

@@ -1,4 +1,4 @@
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 
 #include "tests/endpointregistry/FoldersTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
@@ -35,7 +35,7 @@ const std::string elsewhere = tests::sharedTop + "/" + parent + "/elsewhere/";
 
 /// Whoever may add to the folders above a group's can put that one elsewhere, while members wait
 /// for a lock in it.
-class JoinedRegistryMoved : public tests::SharingTest {
+class GroupFilesMoved : public tests::SharingTest {
 protected:
     void SetUp() override {
         SharingTest::SetUp();
@@ -48,7 +48,7 @@ protected:
     static void hold(Channel& test, const std::string& user) {
         accounts::become(user);
         {
-            LockedFile file = joined::getLock(name, parent, friends);
+            LockedFile file = groupfiles::getLock(name, parent, friends);
             EXPECT_TRUE(file.isLocked());
             file.makePersistent();
             test.send("locked");
@@ -68,7 +68,7 @@ protected:
 
 } // namespace
 
-TEST_F(JoinedRegistryMoved, GivesNoLockWhereNobodyElseLooksForIt) {
+TEST_F(GroupFilesMoved, GivesNoLockWhereNobodyElseLooksForIt) {
     ForkedProcess first([](Channel& test) { hold(test, anna); });
     first.channel().receive();
     ForkedProcess second([](Channel& test) { hold(test, ben); });
@@ -82,7 +82,7 @@ TEST_F(JoinedRegistryMoved, GivesNoLockWhereNobodyElseLooksForIt) {
     EXPECT_TRUE(tests::isHeld(path));
     EXPECT_EQ(tests::modeOf(folder), 0770U);
     as(anna, [] {
-        const LockedFile file = joined::tryLock(name, parent, friends);
+        const LockedFile file = groupfiles::tryLock(name, parent, friends);
         EXPECT_FALSE(file.isLocked());
         EXPECT_EQ(file.getLockError(), EWOULDBLOCK);
     });
@@ -91,7 +91,7 @@ TEST_F(JoinedRegistryMoved, GivesNoLockWhereNobodyElseLooksForIt) {
     EXPECT_EQ(first.waitForExit(), 0);
 }
 
-TEST_F(JoinedRegistryMoved, GivesTheLockInTheFolderThatTookThePlace) {
+TEST_F(GroupFilesMoved, GivesTheLockInTheFolderThatTookThePlace) {
     ForkedProcess first([](Channel& test) { hold(test, anna); });
     first.channel().receive();
     ForkedProcess second([](Channel& test) { hold(test, ben); });

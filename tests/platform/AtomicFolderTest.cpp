@@ -1,9 +1,9 @@
-#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/AtomicFolder.h"
 
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/FoldersRefusedCalls.h"
-#include "tests/platform/AppearingFolderTools.h"
+#include "tests/platform/AtomicFolderTools.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -18,29 +18,29 @@ namespace {
 
 namespace accounts = tests::accounts;
 namespace fs = std::filesystem;
-using foundation::os::createAppearingFolder;
+using foundation::os::createFolderAtomically;
 using foundation::os::FileDescriptor;
-using foundation::os::FilePlace;
 using foundation::os::identityAt;
-using tests::AppearingFolders;
-using tests::AppearingFoldersOfUsers;
+using foundation::os::PathAt;
+using tests::AtomicFolders;
+using tests::AtomicFoldersOfUsers;
 using Names = std::vector<std::string>;
 
-TEST_F(AppearingFolders, AreAnErrorWhereNothingCanBeLocked) {
+TEST_F(AtomicFolders, AreAnErrorWhereNothingCanBeLocked) {
     EXPECT_EQ(tests::runInChild([&] {
                   tests::refuseCalls({SCMP_SYS(flock)}, ENOLCK);
-                  EXPECT_EQ(createAppearingFolder(path, 0700, std::nullopt), ENOLCK);
+                  EXPECT_EQ(createFolderAtomically(path, 0700, std::nullopt), ENOLCK);
               }),
               0);
     EXPECT_EQ(names(), Names());
 }
 
-TEST_F(AppearingFolders, HaveExactlyTheirModeUnderAnyUmask) {
+TEST_F(AtomicFolders, HaveExactlyTheirModeUnderAnyUmask) {
     for (const mode_t mode : {0700U, 0770U, 0777U, 01777U, 02770U, 0550U}) {
         for (const mode_t mask : {0000U, 0022U, 0027U, 0077U}) {
             EXPECT_EQ(tests::runInChild([&] {
                           ::umask(mask);
-                          EXPECT_EQ(createAppearingFolder(path, mode, std::nullopt), 0);
+                          EXPECT_EQ(createFolderAtomically(path, mode, std::nullopt), 0);
                           EXPECT_EQ(::umask(0), mask);
                       }),
                       0);
@@ -53,30 +53,29 @@ TEST_F(AppearingFolders, HaveExactlyTheirModeUnderAnyUmask) {
     }
 }
 
-TEST_F(AppearingFolders, HaveExactlyTheirModeWhateverTheirParentHandsDown) {
+TEST_F(AtomicFolders, HaveExactlyTheirModeWhateverTheirParentHandsDown) {
     ASSERT_EQ(::chmod(parent.c_str(), 02777), 0);
-    EXPECT_EQ(createAppearingFolder(path, 0750, std::nullopt), 0);
+    EXPECT_EQ(createFolderAtomically(path, 0750, std::nullopt), 0);
     EXPECT_EQ(tests::permissionsOf(path), 0750U);
 }
 
-TEST_F(AppearingFolders, AreMadeBesideAFolderThatIsHeldOpen) {
+TEST_F(AtomicFolders, AreMadeBesideAFolderThatIsHeldOpen) {
     const FileDescriptor folder(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    EXPECT_EQ(createAppearingFolder(FilePlace(folder.get(), "folder"), 0700, std::nullopt), 0);
+    EXPECT_EQ(createFolderAtomically(PathAt(folder.get(), "folder"), 0700, std::nullopt), 0);
     EXPECT_EQ(names(), Names{"folder"});
-    EXPECT_EQ(createAppearingFolder(FilePlace(folder.get(), "folder"), 0700, std::nullopt), EEXIST);
-    EXPECT_EQ(createAppearingFolder(FilePlace(folder.get(), "folder/inner"), 0700, std::nullopt),
-              0);
+    EXPECT_EQ(createFolderAtomically(PathAt(folder.get(), "folder"), 0700, std::nullopt), EEXIST);
+    EXPECT_EQ(createFolderAtomically(PathAt(folder.get(), "folder/inner"), 0700, std::nullopt), 0);
     EXPECT_TRUE(fs::is_directory(path + "/inner"));
 }
 
-TEST_F(AppearingFolders, LeaveAFolderOfTheirNameAlone) {
+TEST_F(AtomicFolders, LeaveAFolderOfTheirNameAlone) {
     ASSERT_EQ(::mkdir(path.c_str(), 0710), 0);
     const auto before = identityAt(path);
     for (const bool isEmpty : {true, false}) {
         if (!isEmpty) {
             std::ofstream(path + "/file") << "content";
         }
-        EXPECT_EQ(createAppearingFolder(path, 0777, ::getegid()), EEXIST);
+        EXPECT_EQ(createFolderAtomically(path, 0777, ::getegid()), EEXIST);
         EXPECT_EQ(identityAt(path), before);
         EXPECT_EQ(tests::permissionsOf(path), 0710U);
         EXPECT_EQ(fs::is_empty(path), isEmpty);
@@ -84,22 +83,22 @@ TEST_F(AppearingFolders, LeaveAFolderOfTheirNameAlone) {
     }
 }
 
-TEST_F(AppearingFolders, LeaveAFileOfTheirNameAlone) {
+TEST_F(AtomicFolders, LeaveAFileOfTheirNameAlone) {
     std::ofstream(path) << "content";
     const auto before = identityAt(path);
-    EXPECT_EQ(createAppearingFolder(path, 0777, std::nullopt), EEXIST);
+    EXPECT_EQ(createFolderAtomically(path, 0777, std::nullopt), EEXIST);
     EXPECT_EQ(identityAt(path), before);
     EXPECT_EQ(fs::file_size(path), 7U);
     EXPECT_EQ(names(), Names{"folder"});
 }
 
-TEST_F(AppearingFolders, LeaveALinkOfTheirNameAlone) {
+TEST_F(AtomicFolders, LeaveALinkOfTheirNameAlone) {
     for (const bool leadsSomewhere : {false, true}) {
         if (leadsSomewhere) {
             ASSERT_EQ(::mkdir(other.c_str(), 0700), 0);
         }
         fs::create_symlink(other, path);
-        EXPECT_EQ(createAppearingFolder(path, 0777, std::nullopt), EEXIST);
+        EXPECT_EQ(createFolderAtomically(path, 0777, std::nullopt), EEXIST);
         EXPECT_EQ(fs::read_symlink(path), other);
         EXPECT_EQ(fs::exists(other), leadsSomewhere);
         if (leadsSomewhere) {
@@ -109,19 +108,19 @@ TEST_F(AppearingFolders, LeaveALinkOfTheirNameAlone) {
     }
 }
 
-TEST_F(AppearingFolders, NeedTheirParent) {
-    EXPECT_EQ(createAppearingFolder(path + "/inner", 0700, std::nullopt), ENOENT);
+TEST_F(AtomicFolders, NeedTheirParent) {
+    EXPECT_EQ(createFolderAtomically(path + "/inner", 0700, std::nullopt), ENOENT);
     std::ofstream(other) << "no folder";
-    EXPECT_EQ(createAppearingFolder(other + "/inner", 0700, std::nullopt), ENOTDIR);
+    EXPECT_EQ(createFolderAtomically(other + "/inner", 0700, std::nullopt), ENOTDIR);
     EXPECT_EQ(names(), Names{"other"});
 }
 
-TEST_F(AppearingFoldersOfUsers, BelongToTheirGroup) {
+TEST_F(AtomicFoldersOfUsers, BelongToTheirGroup) {
     const gid_t friends = accounts::groupId(accounts::friends);
     for (const mode_t mode : {0770U, 02770U, 0750U}) {
         as(accounts::anna, [&] {
             ::umask(0077);
-            EXPECT_EQ(createAppearingFolder(path, mode, friends), 0);
+            EXPECT_EQ(createFolderAtomically(path, mode, friends), 0);
         });
         EXPECT_EQ(tests::permissionsOf(path), mode) << std::oct << mode;
         EXPECT_EQ(tests::statusOfFolder(path).st_gid, friends);
@@ -130,15 +129,16 @@ TEST_F(AppearingFoldersOfUsers, BelongToTheirGroup) {
     }
 }
 
-TEST_F(AppearingFoldersOfUsers, DoNotAppearForAGroupThatTheirMakerIsNotIn) {
+TEST_F(AtomicFoldersOfUsers, DoNotAppearForAGroupThatTheirMakerIsNotIn) {
     const gid_t friends = accounts::groupId(accounts::friends);
-    as(accounts::carl, [&] { EXPECT_EQ(createAppearingFolder(path, 0770, friends), EPERM); });
+    as(accounts::carl, [&] { EXPECT_EQ(createFolderAtomically(path, 0770, friends), EPERM); });
     EXPECT_EQ(names(), Names());
 }
 
-TEST_F(AppearingFoldersOfUsers, DoNotAppearWhereTheirMakerMayNotWrite) {
+TEST_F(AtomicFoldersOfUsers, DoNotAppearWhereTheirMakerMayNotWrite) {
     ASSERT_EQ(::chmod(parent.c_str(), 0755), 0);
-    as(accounts::carl, [&] { EXPECT_EQ(createAppearingFolder(path, 0700, std::nullopt), EACCES); });
+    as(accounts::carl,
+       [&] { EXPECT_EQ(createFolderAtomically(path, 0700, std::nullopt), EACCES); });
     EXPECT_EQ(names(), Names());
 }
 

@@ -10,8 +10,8 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-/// What tests of joined folders and files have in common: one file of the friends'.
-namespace tests::joined {
+/// What tests of a group's folders and files have in common: one file of the friends'.
+namespace tests::groupfiles {
 
 inline const std::string parent = "joined";
 inline const std::string name = "file";
@@ -19,7 +19,7 @@ inline const std::string middle = sharedTop + "/" + parent;
 inline const std::string folder = sharedFolder(parent, accounts::friends);
 inline const std::string path = folder + name;
 
-/// Owner, group, mode and identity of what stands somewhere: everything that joining leaves alone.
+/// Owner, group, mode and identity of what stands somewhere: everything that sharing leaves alone.
 struct Standing {
     explicit Standing(const std::string& path)
         : status(statusOf(path)) {}
@@ -32,12 +32,12 @@ struct Standing {
     struct stat status;
 };
 
-inline void expectStanding(const std::string& place, const std::string& owner,
+inline void expectStanding(const std::string& where, const std::string& owner,
                            const std::string& group, mode_t mode) {
-    const struct stat status = statusOf(place);
-    EXPECT_EQ(status.st_uid, accounts::userId(owner)) << place;
-    EXPECT_EQ(status.st_gid, accounts::groupId(group)) << place;
-    EXPECT_EQ(modeOf(place), mode) << place;
+    const struct stat status = statusOf(where);
+    EXPECT_EQ(status.st_uid, accounts::userId(owner)) << where;
+    EXPECT_EQ(status.st_gid, accounts::groupId(group)) << where;
+    EXPECT_EQ(modeOf(where), mode) << where;
 }
 
-} // namespace tests::joined
+} // namespace tests::groupfiles

@@ -1,4 +1,4 @@
-#include "endpointregistry/detail/AbandonedFile.h"
+#include "endpointregistry/detail/StaleFile.h"
 
 #include "endpointregistry/Loggers.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
@@ -23,9 +23,9 @@ namespace os = foundation::os;
 /// the same user or group, may hold the lock for long.
 LockedDescriptor lockFolder(const OpenFolder& open, std::chrono::milliseconds timeout) {
     // A file of its own, since others may look through the folder that is open.
-    const os::FilePlace place = open.placeOf(".");
+    const os::PathAt where = open.at(".");
     os::FileDescriptor folder(os::retryOnInterrupt([&] {
-        return ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        return ::openat(where.folder, where.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }));
     const bool isLocked = folder && os::retryFor(timeout, [&folder] {
                               return os::retryOnInterrupt([&] {
@@ -46,10 +46,10 @@ void failIfNotAsked(int error, const OpenFolder& folder, const std::string& name
     }
 }
 
-AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder,
-                             std::chrono::milliseconds timeout)
+StaleFile::StaleFile(const std::string& name, const OpenFolder& folder,
+                     std::chrono::milliseconds timeout)
     : folder(folder)
-    , place(folder.placeOf(name)) {
+    , where(folder.at(name)) {
     // Nothing is held while the folder's lock is waited for: a publisher that wants the file takes
     // those who share its lock for gone in a moment. So the file is examined again under it, also
     // since somebody else may have cleared it up before.
@@ -65,18 +65,18 @@ AbandonedFile::AbandonedFile(const std::string& name, const OpenFolder& folder,
     }
 }
 
-bool AbandonedFile::examine() {
-    LockingOpen opened = openAndShareLock(place);
-    failIfNotAsked(opened.error, folder, place.name);
+bool StaleFile::examine() {
+    LockingOpen opened = openAndShareLock(where);
+    failIfNotAsked(opened.error, folder, where.name);
     fileLock = std::move(opened.lock);
-    found = opened.error == 0        ? Finding::abandoned
+    found = opened.error == 0        ? Finding::stale
             : opened.error == ENOENT ? Finding::nothingToClear
                                      : Finding::inUse;
-    return found == Finding::abandoned;
+    return found == Finding::stale;
 }
 
-void AbandonedFile::remove() {
-    LockedFile::Impl::removeFile(place, folder.path() + place.name);
+void StaleFile::remove() {
+    LockedFile::Impl::removeFile(where, folder.path() + where.name);
 }
 
 } // namespace agent::spf::endpointregistry

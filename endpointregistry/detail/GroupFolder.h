@@ -14,24 +14,26 @@ namespace agent::spf::endpointregistry {
 /// A folder of the registry that the members of a group share, held open.
 ///
 /// `LockedFile::getParentPath` claims such a folder for its caller, so that only one member could
-/// ever use it. Here what exists is joined: a group's directory is used as it is, whichever member
-/// made it, and what exists and is none is an error, and no place to put data.
-class JoinedFolder : public OpenFolder {
+/// ever use it. Here a group's directory is used as it is, whichever member made it, and what
+/// exists and is none is an error, and no place to put data.
+class GroupFolder : public OpenFolder {
 public:
     // All throw std::runtime_error when the folder cannot be opened or does not belong to the
     // group, or when the shared folder of this machine is missing; std::invalid_argument when there
     // is no such group.
 
     /// The folder as it is; nothing when there is none, whatever the group.
-    static std::optional<JoinedFolder> find(const std::string& parent,
-                                            const foundation::os::Group& trustee);
+    static std::optional<GroupFolder> tryOpen(const std::string& parent,
+                                              const foundation::os::Group& trustee);
 
-    /// The folder as it is, made as `obtain` does when there is none.
-    static JoinedFolder enter(const std::string& parent, const foundation::os::Group& trustee);
+    /// The folder as it is, made as `openOrRestore` does when there is none.
+    static GroupFolder openOrCreate(const std::string& parent,
+                                    const foundation::os::Group& trustee);
 
     /// The folder, made with all levels that are missing; those that this user has made are opened
     /// to everybody again.
-    static JoinedFolder obtain(const std::string& parent, const foundation::os::Group& trustee);
+    static GroupFolder openOrRestore(const std::string& parent,
+                                     const foundation::os::Group& trustee);
 
     gid_t group() const { return ownGroup; }
 
@@ -40,7 +42,7 @@ public:
     bool isStillNamed() const;
 
 private:
-    explicit JoinedFolder(foundation::os::GroupDirectory directory);
+    explicit GroupFolder(foundation::os::GroupDirectory directory);
 
     gid_t ownGroup;
     foundation::os::FileIdentity identity;

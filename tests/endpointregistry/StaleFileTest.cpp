@@ -1,4 +1,4 @@
-#include "endpointregistry/detail/AbandonedFile.h"
+#include "endpointregistry/detail/StaleFile.h"
 
 #include "endpointregistry/Endpoint.h"
 #include "endpointregistry/LockedFile.h"
@@ -27,17 +27,17 @@ using tests::PlantedEntry;
 namespace {
 
 namespace fs = std::filesystem;
-using Finding = AbandonedFile::Finding;
+using Finding = StaleFile::Finding;
 
 const std::string parent = "qvEndpointRegistry";
 const std::string name = "entry";
 
 Finding findingOf(const std::string& file) {
     const auto folder = OpenFolder::findPrivate(parent);
-    return AbandonedFile(file, folder.value()).finding();
+    return StaleFile(file, folder.value()).finding();
 }
 
-class AbandonedFiles : public tests::RegistryTest {
+class StaleFiles : public tests::RegistryTest {
 protected:
     /// The folder of entries, which must be there when it is first asked for.
     const OpenFolder& folder() {
@@ -65,12 +65,12 @@ private:
 
 } // namespace
 
-TEST_F(AbandonedFiles, AreThoseThatNobodyHolds) {
+TEST_F(StaleFiles, AreThoseThatNobodyHolds) {
     const PlantedEntry entry(name, "");
-    EXPECT_EQ(findingOf(name), Finding::abandoned);
+    EXPECT_EQ(findingOf(name), Finding::stale);
 }
 
-TEST_F(AbandonedFiles, AreNotThoseThatAPublisherHolds) {
+TEST_F(StaleFiles, AreNotThoseThatAPublisherHolds) {
     PlantedEntry entry(name, "");
     entry.hold();
     EXPECT_EQ(findingOf(name), Finding::inUse);
@@ -78,14 +78,14 @@ TEST_F(AbandonedFiles, AreNotThoseThatAPublisherHolds) {
     EXPECT_TRUE(tests::isHeld(tests::entryPath(name)));
 }
 
-TEST_F(AbandonedFiles, AreNotThoseThatAreGone) {
+TEST_F(StaleFiles, AreNotThoseThatAreGone) {
     tests::provideEntryFolder();
     FolderWatch watch({tests::entryFolder()});
     EXPECT_EQ(findingOf(name), Finding::nothingToClear);
     EXPECT_EQ(watch.changes(), std::vector<std::string>());
 }
 
-TEST_F(AbandonedFiles, NeedNoFolderToBeGone) {
+TEST_F(StaleFiles, NeedNoFolderToBeGone) {
     const EntryFolder none("");
     EXPECT_TRUE(none.clearIfStale(name, [] {
         ADD_FAILURE() << "there is no data";
@@ -94,14 +94,14 @@ TEST_F(AbandonedFiles, NeedNoFolderToBeGone) {
     EXPECT_FALSE(fs::exists(tests::entryFolder()));
 }
 
-TEST_F(AbandonedFiles, AreNotWhatIsNoFile) {
+TEST_F(StaleFiles, AreNotWhatIsNoFile) {
     tests::provideEntryFolder();
     fs::create_directory(tests::entryPath("folder"));
     ASSERT_EQ(::mkfifo(tests::entryPath("pipe").c_str(), 0600), 0);
     fs::create_symlink("nowhere", tests::entryPath("dangling link"));
     fs::create_symlink("pipe", tests::entryPath("link"));
     for (const std::string& planted : tests::entryFiles()) {
-        AbandonedFile file(planted, folder());
+        StaleFile file(planted, folder());
         EXPECT_EQ(file.finding(), Finding::inUse) << planted;
         EXPECT_TRUE(fs::is_directory(tests::entryFolder())) << planted;
     }
@@ -109,33 +109,33 @@ TEST_F(AbandonedFiles, AreNotWhatIsNoFile) {
     fs::remove_all(tests::entryFolder());
 }
 
-TEST_F(AbandonedFiles, StayUntilTheyAreRemoved) {
+TEST_F(StaleFiles, StayUntilTheyAreRemoved) {
     const PlantedEntry entry(name, "");
-    { const AbandonedFile examined(name, folder()); }
+    { const StaleFile examined(name, folder()); }
     EXPECT_TRUE(entry.hasFile());
-    AbandonedFile file(name, folder());
-    ASSERT_EQ(file.finding(), Finding::abandoned);
+    StaleFile file(name, folder());
+    ASSERT_EQ(file.finding(), Finding::stale);
     file.remove();
     EXPECT_FALSE(entry.hasFile());
 }
 
-TEST_F(AbandonedFiles, LookDeadToAllWhileTheyAreCleared) {
+TEST_F(StaleFiles, LookDeadToAllWhileTheyAreCleared) {
     const PlantedEntry entry(name, "");
-    const AbandonedFile file(name, folder());
-    ASSERT_EQ(file.finding(), Finding::abandoned);
+    const StaleFile file(name, folder());
+    ASSERT_EQ(file.finding(), Finding::stale);
     EXPECT_FALSE(LockedFile::isLocked(name, parent, ""));
 }
 
-TEST_F(AbandonedFiles, CannotBeTakenOverWhileTheyAreCleared) {
+TEST_F(StaleFiles, CannotBeTakenOverWhileTheyAreCleared) {
     const PlantedEntry entry(name, "");
-    const AbandonedFile file(name, folder());
-    ASSERT_EQ(file.finding(), Finding::abandoned);
+    const StaleFile file(name, folder());
+    ASSERT_EQ(file.finding(), Finding::stale);
     const LockedFile taken = LockedFile::tryLock(name, parent, "");
     EXPECT_FALSE(taken.isLocked());
     EXPECT_EQ(taken.getLockError(), EWOULDBLOCK);
 }
 
-TEST_F(AbandonedFiles, CanBeTakenOverWhileOthersThatClearAreWaitedFor) {
+TEST_F(StaleFiles, CanBeTakenOverWhileOthersThatClearAreWaitedFor) {
     const PlantedEntry entry(name, "");
     const FolderHolder stopped;
     std::atomic<bool> isOver = false;
@@ -160,7 +160,7 @@ TEST_F(AbandonedFiles, CanBeTakenOverWhileOthersThatClearAreWaitedFor) {
     }
 }
 
-TEST_F(AbandonedFiles, AreNotClearedWhileTheFolderIsHeld) {
+TEST_F(StaleFiles, AreNotClearedWhileTheFolderIsHeld) {
     const PlantedEntry entry(name, "");
     const PlantedEntry other("other entry", "");
     {
@@ -178,16 +178,16 @@ TEST_F(AbandonedFiles, AreNotClearedWhileTheFolderIsHeld) {
     EXPECT_FALSE(entry.hasFile());
 }
 
-TEST_F(AbandonedFiles, CanBeTakenOverOnceExamined) {
+TEST_F(StaleFiles, CanBeTakenOverOnceExamined) {
     const PlantedEntry entry(name, "");
-    EXPECT_EQ(findingOf(name), Finding::abandoned);
+    EXPECT_EQ(findingOf(name), Finding::stale);
     EXPECT_TRUE(LockedFile::tryLock(name, parent, "").isLocked());
 }
 
-TEST_F(AbandonedFiles, LeaveARecentPublishersFileAlone) {
+TEST_F(StaleFiles, LeaveARecentPublishersFileAlone) {
     const PlantedEntry entry(name, "");
-    std::optional<AbandonedFile> file(std::in_place, name, folder());
-    ASSERT_EQ(file->finding(), Finding::abandoned);
+    std::optional<StaleFile> file(std::in_place, name, folder());
+    ASSERT_EQ(file->finding(), Finding::stale);
     file->remove();
     file.reset();
     PlantedEntry next(name, "");
@@ -196,25 +196,25 @@ TEST_F(AbandonedFiles, LeaveARecentPublishersFileAlone) {
     EXPECT_TRUE(next.hasFile());
 }
 
-TEST_F(AbandonedFiles, AreClearedByOneAtATime) {
+TEST_F(StaleFiles, AreClearedByOneAtATime) {
     const PlantedEntry entry(name, "");
     const PlantedEntry other("other entry", "");
-    const AbandonedFile file(name, folder());
-    ASSERT_EQ(file.finding(), Finding::abandoned);
+    const StaleFile file(name, folder());
+    ASSERT_EQ(file.finding(), Finding::stale);
     EXPECT_EQ(findingOf(name), Finding::busy);
     EXPECT_EQ(findingOf(other.name()), Finding::busy);
     EXPECT_TRUE(entry.hasFile());
     EXPECT_TRUE(other.hasFile());
 }
 
-TEST_F(AbandonedFiles, HoldUpNobodyWhoLooksThemUpWhileTheyAreCleared) {
+TEST_F(StaleFiles, HoldUpNobodyWhoLooksThemUpWhileTheyAreCleared) {
     const tests::DataPair data("a", "b");
     const PlantedEntry entry(tests::entryName(data, "tag", "key", tests::noProcess),
                              tests::segmentBytes(data));
     const Endpoint living(data, "tag", "living key");
     {
-        const AbandonedFile stopped(entry.name(), folder());
-        ASSERT_EQ(stopped.finding(), Finding::abandoned);
+        const StaleFile stopped(entry.name(), folder());
+        ASSERT_EQ(stopped.finding(), Finding::stale);
         EXPECT_EQ(Endpoint::find("tag", "key"), std::nullopt);
         EXPECT_EQ(Endpoint::list(), tests::DataPairs{data});
         EXPECT_TRUE(entry.hasFile());
@@ -224,11 +224,11 @@ TEST_F(AbandonedFiles, HoldUpNobodyWhoLooksThemUpWhileTheyAreCleared) {
     EXPECT_FALSE(entry.hasSegment());
 }
 
-TEST_F(AbandonedFiles, AreClearedByAnotherWhoComesInTime) {
+TEST_F(StaleFiles, AreClearedByAnotherWhoComesInTime) {
     for (int round = 0; round < 100; ++round) {
         const PlantedEntry entry(name, "");
-        std::optional<AbandonedFile> file(std::in_place, name, folder());
-        ASSERT_EQ(file->finding(), Finding::abandoned);
+        std::optional<StaleFile> file(std::in_place, name, folder());
+        ASSERT_EQ(file->finding(), Finding::stale);
         Finding second = Finding::inUse;
         std::thread other([&second] { second = findingOf(name); });
         file->remove();
@@ -238,7 +238,7 @@ TEST_F(AbandonedFiles, AreClearedByAnotherWhoComesInTime) {
     }
 }
 
-TEST_F(AbandonedFiles, LeaveNoDescriptorOpen) {
+TEST_F(StaleFiles, LeaveNoDescriptorOpen) {
     const PlantedEntry free("free", "");
     PlantedEntry held("held", "");
     held.hold();

@@ -1,10 +1,10 @@
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 
-#include "endpointregistry/detail/JoinedFolder.h"
+#include "endpointregistry/detail/GroupFolder.h"
 #include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/EndpointProcesses.h"
 #include "tests/endpointregistry/FoldersTools.h"
-#include "tests/endpointregistry/JoinedTools.h"
+#include "tests/endpointregistry/GroupFilesTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/LoggersReportedFailure.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -31,7 +31,7 @@ using foundation::os::identityAt;
 using tests::as;
 using tests::Names;
 
-using namespace tests::joined;
+using namespace tests::groupfiles;
 
 namespace {
 
@@ -49,18 +49,18 @@ std::vector<Standing> standingOf(const std::vector<std::string>& paths) {
 /// A file of anna's, in folders of hers, that nobody holds any more.
 void leaveAnnasFile() {
     as(anna, [] {
-        LockedFile file = joined::tryLock(name, parent, friends);
+        LockedFile file = groupfiles::tryLock(name, parent, friends);
         EXPECT_TRUE(file.isLocked());
     });
 }
 
-class JoinedRegistry : public tests::SharingTest {};
+class GroupFiles : public tests::SharingTest {};
 
 } // namespace
 
-TEST_F(JoinedRegistry, MakesWhatIsMissingForTheGroup) {
+TEST_F(GroupFiles, MakesWhatIsMissingForTheGroup) {
     as(anna, [] {
-        const LockedFile file = joined::createAndTryLock(name, parent, friends);
+        const LockedFile file = groupfiles::createAndTryLock(name, parent, friends);
         EXPECT_TRUE(file.isLocked());
         EXPECT_EQ(file.getTrustee(), friends);
         EXPECT_TRUE(tests::isHeld(path));
@@ -72,54 +72,54 @@ TEST_F(JoinedRegistry, MakesWhatIsMissingForTheGroup) {
     EXPECT_EQ(tests::namesIn(folder), Names());
 }
 
-TEST_F(JoinedRegistry, UsesWhatAnotherMemberMadeWithoutChangingIt) {
+TEST_F(GroupFiles, UsesWhatAnotherMemberMadeWithoutChangingIt) {
     leaveAnnasFile();
     const std::vector<std::string> places{tests::sharedTop, middle, folder, path};
     const auto before = standingOf(places);
     as(ben, [] {
-        for (const auto factory : {joined::tryLock, joined::getLock}) {
+        for (const auto factory : {groupfiles::tryLock, groupfiles::getLock}) {
             const LockedFile file = factory(name, parent, friends);
             EXPECT_TRUE(file.isLocked());
             EXPECT_TRUE(tests::isHeld(path));
         }
-        const LockedFile taken = joined::createAndTryLock(name, parent, friends);
+        const LockedFile taken = groupfiles::createAndTryLock(name, parent, friends);
         EXPECT_FALSE(taken.isLocked());
         EXPECT_EQ(taken.getLockError(), EEXIST);
         const auto isMade = [](std::string_view entry) { return !entry.starts_with('.'); };
-        EXPECT_EQ(joined::findFolder(parent, friends)->names(isMade), Names{name});
+        EXPECT_EQ(groupfiles::tryOpenFolder(parent, friends)->names(isMade), Names{name});
     });
     EXPECT_EQ(standingOf(places), before);
 }
 
-TEST_F(JoinedRegistry, LetsAMemberRemoveAnothersFile) {
+TEST_F(GroupFiles, LetsAMemberRemoveAnothersFile) {
     leaveAnnasFile();
     as(ben, [] {
-        LockedFile file = joined::tryLock(name, parent, friends);
+        LockedFile file = groupfiles::tryLock(name, parent, friends);
         file.markForDeletion();
     });
     EXPECT_EQ(tests::namesIn(folder), Names());
 }
 
-TEST_F(JoinedRegistry, LetsAMemberMakeFilesInAnothersFolder) {
+TEST_F(GroupFiles, LetsAMemberMakeFilesInAnothersFolder) {
     leaveAnnasFile();
     as(ben, [] {
-        const LockedFile file = joined::createAndTryLock("ben's", parent, friends);
+        const LockedFile file = groupfiles::createAndTryLock("ben's", parent, friends);
         EXPECT_TRUE(file.isLocked());
         expectStanding(folder + "ben's", ben, friends, 0470);
         expectStanding(folder, anna, friends, 0770);
     });
 }
 
-TEST_F(JoinedRegistry, TellsWhatAnotherMemberHolds) {
+TEST_F(GroupFiles, TellsWhatAnotherMemberHolds) {
     tests::ForkedProcess holder([](tests::Channel& test) {
         accounts::become(anna);
-        const LockedFile file = joined::createAndTryLock(name, parent, friends);
+        const LockedFile file = groupfiles::createAndTryLock(name, parent, friends);
         test.send("locked");
         test.receive();
     });
     holder.channel().receive();
     as(ben, [] {
-        const LockedFile file = joined::tryLock(name, parent, friends);
+        const LockedFile file = groupfiles::tryLock(name, parent, friends);
         EXPECT_FALSE(file.isLocked());
         EXPECT_EQ(file.getLockError(), EWOULDBLOCK);
     });
@@ -128,7 +128,7 @@ TEST_F(JoinedRegistry, TellsWhatAnotherMemberHolds) {
     EXPECT_EQ(holder.waitForExit(), 0);
 }
 
-TEST_F(JoinedRegistry, LeavesThePrimitivesAsStrictAsTheyAre) {
+TEST_F(GroupFiles, LeavesThePrimitivesAsStrictAsTheyAre) {
     leaveAnnasFile();
     as(ben, [] {
         const std::string inconsistency = "Endpoint Registry Error: File system inconsistency";
@@ -144,39 +144,39 @@ TEST_F(JoinedRegistry, LeavesThePrimitivesAsStrictAsTheyAre) {
     expectStanding(path, anna, friends, 0470);
 }
 
-TEST_F(JoinedRegistry, LeavesStickyFoldersAsTheyAre) {
-    for (const std::string& place : {tests::sharedTop, middle}) {
-        tests::makeFolder(place, 01777);
+TEST_F(GroupFiles, LeavesStickyFoldersAsTheyAre) {
+    for (const std::string& where : {tests::sharedTop, middle}) {
+        tests::makeFolder(where, 01777);
     }
     ASSERT_EQ(::chmod("/home/Shared", 01777), 0);
     leaveAnnasFile();
     as(ben, [] {
-        const LockedFile file = joined::tryLock(name, parent, friends);
+        const LockedFile file = groupfiles::tryLock(name, parent, friends);
         EXPECT_TRUE(file.isLocked());
     });
-    for (const std::string& place : {tests::sharedTop, middle}) {
-        expectStanding(place, "root", "root", 01777);
+    for (const std::string& where : {tests::sharedTop, middle}) {
+        expectStanding(where, "root", "root", 01777);
     }
     expectStanding(folder, anna, friends, 0770);
 }
 
-TEST_F(JoinedRegistry, FindsNoFolderWhereThereIsNoneAndMakesNone) {
+TEST_F(GroupFiles, FindsNoFolderWhereThereIsNoneAndMakesNone) {
     as(anna, [] {
-        EXPECT_FALSE(JoinedFolder::find(parent, friends).has_value());
-        EXPECT_FALSE(joined::findFolder(parent, friends).has_value());
+        EXPECT_FALSE(GroupFolder::tryOpen(parent, friends).has_value());
+        EXPECT_FALSE(groupfiles::tryOpenFolder(parent, friends).has_value());
         EXPECT_TRUE(fs::is_empty("/home/Shared"));
-        const JoinedFolder made = JoinedFolder::obtain(parent, friends);
+        const GroupFolder made = GroupFolder::openOrRestore(parent, friends);
         EXPECT_EQ(made.path(), folder);
         EXPECT_EQ(made.group(), accounts::groupId(friends));
-        const auto found = JoinedFolder::find(parent, friends);
+        const auto found = GroupFolder::tryOpen(parent, friends);
         ASSERT_TRUE(found.has_value());
-        EXPECT_EQ(identityAt(found->placeOf(".")), identityAt(folder));
+        EXPECT_EQ(identityAt(found->at(".")), identityAt(folder));
     });
 }
 
-TEST_F(JoinedRegistry, IsThePrivateOneWithoutATrustee) {
+TEST_F(GroupFiles, IsThePrivateOneWithoutATrustee) {
     as(anna, [] {
-        const LockedFile file = joined::createAndTryLock(name, parent, std::string());
+        const LockedFile file = groupfiles::createAndTryLock(name, parent, std::string());
         EXPECT_TRUE(file.isLocked());
         EXPECT_EQ(tests::modeOf(tests::privateFolder(parent) + name), 0400U);
         EXPECT_TRUE(LockedFile::isLocked(name, parent, ""));
@@ -184,14 +184,14 @@ TEST_F(JoinedRegistry, IsThePrivateOneWithoutATrustee) {
     });
 }
 
-TEST_F(JoinedRegistry, AppearsInOneStepWithItsFinalOwnersAndModes) {
-    for (const std::string& place : {tests::sharedTop, middle}) {
-        tests::makeFolder(place, 0777);
+TEST_F(GroupFiles, AppearsInOneStepWithItsFinalOwnersAndModes) {
+    for (const std::string& where : {tests::sharedTop, middle}) {
+        tests::makeFolder(where, 0777);
     }
     const foundation::os::FileDescriptor watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     ASSERT_NE(::inotify_add_watch(watch.get(), middle.c_str(), IN_CREATE | IN_MOVED_TO | IN_ATTRIB),
               -1);
-    as(anna, [] { JoinedFolder::obtain(parent, friends); });
+    as(anna, [] { GroupFolder::openOrRestore(parent, friends); });
     expectStanding(folder, anna, friends, 0770);
     const std::string last = fs::path(folder).parent_path().filename();
     int appearances = 0;
@@ -209,7 +209,7 @@ TEST_F(JoinedRegistry, AppearsInOneStepWithItsFinalOwnersAndModes) {
     EXPECT_EQ(appearances, 1);
 }
 
-TEST_F(JoinedRegistry, IsMadeOnceByMembersThatComeAtTheSameTime) {
+TEST_F(GroupFiles, IsMadeOnceByMembersThatComeAtTheSameTime) {
     constexpr std::size_t memberCount = 8;
     constexpr int rounds = 100;
     const tests::StartSignal start;
@@ -218,7 +218,7 @@ TEST_F(JoinedRegistry, IsMadeOnceByMembersThatComeAtTheSameTime) {
         for (int round = 0; round < rounds; ++round) {
             start.await();
             try {
-                const LockedFile file = joined::tryLock(name, parent, friends);
+                const LockedFile file = groupfiles::tryLock(name, parent, friends);
                 test.send(file.isLocked() ? "locked" : std::to_string(file.getLockError()));
                 test.receive();
             } catch (const std::exception& error) {

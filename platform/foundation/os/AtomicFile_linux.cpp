@@ -1,4 +1,4 @@
-#include "foundation/os/AppearingFile.h"
+#include "foundation/os/AtomicFile.h"
 
 #include "foundation/os/DirectoryStream.h"
 #include "foundation/os/RetryOnInterrupt.h"
@@ -19,9 +19,9 @@ namespace {
 
 using Prepare = std::function<int(int)>;
 
-FileDescriptor openFile(const FilePlace& place, int flags, mode_t mode = 0) {
+FileDescriptor openFile(const PathAt& where, int flags, mode_t mode = 0) {
     return FileDescriptor(retryOnInterrupt(
-        [&] { return ::openat(place.folder, place.name.c_str(), flags | O_CLOEXEC, mode); }));
+        [&] { return ::openat(where.folder, where.name.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
 /// Gives a new file its mode, which went through the umask when it was made; nothing, with errno
@@ -37,9 +37,9 @@ std::optional<FileIdentity> identifyWithMode(int descriptor, mode_t mode) {
 }
 
 /// Gives an unnamed file its name; returns 0 or the errno value.
-int linkUnnamed(int descriptor, const FilePlace& place) {
-    const char* const name = place.name.c_str();
-    if (::linkat(descriptor, "", place.folder, name, AT_EMPTY_PATH) == 0) {
+int linkUnnamed(int descriptor, const PathAt& where) {
+    const char* const name = where.name.c_str();
+    if (::linkat(descriptor, "", where.folder, name, AT_EMPTY_PATH) == 0) {
         return 0;
     }
     if (errno == EEXIST) {
@@ -48,31 +48,31 @@ int linkUnnamed(int descriptor, const FilePlace& place) {
     // Before Linux 6.10 the empty path takes a capability, the descriptor's path does not; that
     // one is closed to a process that switched its user, and missing where /proc is.
     const std::string ownPath = "/proc/self/fd/" + std::to_string(descriptor);
-    if (::linkat(AT_FDCWD, ownPath.c_str(), place.folder, name, AT_SYMLINK_FOLLOW) == 0) {
+    if (::linkat(AT_FDCWD, ownPath.c_str(), where.folder, name, AT_SYMLINK_FOLLOW) == 0) {
         return 0;
     }
     return errno;
 }
 
 /// Nothing when the file system has no unnamed files or this process cannot name them.
-std::optional<AppearingFile> createByNamingUnnamed(const FilePlace& place, mode_t mode,
-                                                   const Prepare& prepare) {
-    FileDescriptor file = openFile(place.parent(), O_TMPFILE | O_RDWR, mode);
+std::optional<AtomicFile> createByNamingUnnamed(const PathAt& where, mode_t mode,
+                                                const Prepare& prepare) {
+    FileDescriptor file = openFile(where.parent(), O_TMPFILE | O_RDWR, mode);
     if (!file) {
         return std::nullopt;
     }
     const auto identity = identifyWithMode(file.get(), mode);
     if (!identity) {
-        return AppearingFile{{}, errno};
+        return AtomicFile{{}, errno};
     }
     if (const int error = prepare(file.get()); error != 0) {
-        return AppearingFile{{}, error};
+        return AtomicFile{{}, error};
     }
-    switch (linkUnnamed(file.get(), place)) {
+    switch (linkUnnamed(file.get(), where)) {
     case 0:
-        return AppearingFile{std::move(file), 0, identity};
+        return AtomicFile{std::move(file), 0, identity};
     case EEXIST:
-        return AppearingFile{{}, EEXIST};
+        return AtomicFile{{}, EEXIST};
     default:
         return std::nullopt;
     }
@@ -87,8 +87,8 @@ struct flock makersMark(short type) {
     return lock;
 }
 
-void removeIfAbandoned(const FilePlace& place) {
-    const FileDescriptor file = openFile(place, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+void removeIfStale(const PathAt& where) {
+    const FileDescriptor file = openFile(where, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
         status.st_uid != ::geteuid()) {
@@ -97,28 +97,27 @@ void removeIfAbandoned(const FilePlace& place) {
     // A maker between creation and mark loses its file here, notices, and makes another.
     struct flock mark = makersMark(F_RDLCK);
     if (::fcntl(file.get(), F_OFD_GETLK, &mark) == 0 && mark.l_type == F_UNLCK) {
-        ::unlinkat(place.folder, place.name.c_str(), 0);
+        ::unlinkat(where.folder, where.name.c_str(), 0);
     }
 }
 
-void removeAbandonedTemporaries(const FilePlace& place) {
-    DirectoryStream names(place.parent());
+void removeStaleTemporaries(const PathAt& where) {
+    DirectoryStream names(where.parent());
     if (!names) {
         return;
     }
     while (const char* name = names.next()) {
         if (std::string_view(name).starts_with(temporaryPrefix)) {
-            removeIfAbandoned(place.sibling(name));
+            removeIfStale(where.sibling(name));
         }
     }
 }
 
-AppearingFile createUnderTemporaryName(const FilePlace& place, mode_t mode,
-                                       const Prepare& prepare) {
-    removeAbandonedTemporaries(place);
+AtomicFile createUnderTemporaryName(const PathAt& where, mode_t mode, const Prepare& prepare) {
+    removeStaleTemporaries(where);
     for (;;) {
-        const TemporaryName name(place, 0);
-        FileDescriptor file = openFile(name.place(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+        const TemporaryName name(where, 0);
+        FileDescriptor file = openFile(name.where(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
         if (!file) {
             return {{}, errno};
         }
@@ -133,7 +132,7 @@ AppearingFile createUnderTemporaryName(const FilePlace& place, mode_t mode,
         if (const int error = prepare(file.get()); error != 0) {
             return {{}, error};
         }
-        if (::linkat(place.folder, name.get(), place.folder, place.name.c_str(), 0) == 0) {
+        if (::linkat(where.folder, name.get(), where.folder, where.name.c_str(), 0) == 0) {
             mark = makersMark(F_UNLCK);
             ::fcntl(file.get(), F_OFD_SETLK, &mark);
             return {std::move(file), 0, identity};
@@ -147,9 +146,9 @@ AppearingFile createUnderTemporaryName(const FilePlace& place, mode_t mode,
 
 } // namespace
 
-AppearingFile createAppearing(const FilePlace& place, mode_t mode, const Prepare& prepare) {
-    std::optional<AppearingFile> file = createByNamingUnnamed(place, mode, prepare);
-    return file ? std::move(*file) : createUnderTemporaryName(place, mode, prepare);
+AtomicFile createFileAtomically(const PathAt& where, mode_t mode, const Prepare& prepare) {
+    std::optional<AtomicFile> file = createByNamingUnnamed(where, mode, prepare);
+    return file ? std::move(*file) : createUnderTemporaryName(where, mode, prepare);
 }
 
 } // namespace foundation::os

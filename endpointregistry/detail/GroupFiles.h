@@ -12,11 +12,11 @@
 
 /// The locked files of records and arrays.
 ///
-/// As the functions of `LockedFile` of the same names, but what is shared with a group is joined as
-/// `JoinedFolder` says, files included: whichever member of the group made a file, every other one
-/// may lock and remove it. With an empty trustee nothing differs. They also throw
+/// As the functions of `LockedFile` of the same names, but what is shared with a group is its
+/// members' in common, as `GroupFolder` says: whichever of them made a file, every other one may
+/// lock and remove it. With an empty trustee nothing differs. They also throw
 /// std::runtime_error when a folder or file exists that does not belong to the group.
-namespace agent::spf::endpointregistry::joined {
+namespace agent::spf::endpointregistry::groupfiles {
 
 /// A new file of a group's appears with these contents.
 LockedFile createAndTryLock(const std::string& name, const std::string& parent,
@@ -45,7 +45,7 @@ LockedFile tryLock(const std::string& name, const std::string& parent,
                    const foundation::os::Group& trustee);
 
 /// The folder of a trustee that the files are in; nothing when there is none.
-std::optional<OpenFolder> findFolder(const std::string& parent,
-                                     const foundation::os::Group& trustee);
+std::optional<OpenFolder> tryOpenFolder(const std::string& parent,
+                                        const foundation::os::Group& trustee);
 
-} // namespace agent::spf::endpointregistry::joined
+} // namespace agent::spf::endpointregistry::groupfiles

@@ -1,4 +1,4 @@
-#include "foundation/os/AppearingFile.h"
+#include "foundation/os/AtomicFile.h"
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
 #include "tests/support/ForkedProcess.h"
@@ -21,8 +21,8 @@
 namespace {
 
 namespace fs = std::filesystem;
-using foundation::os::AppearingFile;
-using foundation::os::createAppearing;
+using foundation::os::AtomicFile;
+using foundation::os::createFileAtomically;
 using foundation::os::FileDescriptor;
 using foundation::os::identityAt;
 using foundation::os::identityOf;
@@ -45,7 +45,7 @@ std::string read(const std::string& path) {
 }
 
 /// The files of this test, in a folder of their own.
-class AppearingFiles : public testing::Test {
+class AtomicFiles : public testing::Test {
 protected:
     void SetUp() override { fs::create_directory(folder); }
     void TearDown() override { fs::remove_all(folder); }
@@ -64,8 +64,8 @@ protected:
     // NOLINTEND(cppcoreguidelines-non-private-member-variables-in-classes)
 };
 
-TEST_F(AppearingFiles, AreAsTheyWerePrepared) {
-    const AppearingFile file = createAppearing(path, ownerOnly, writeContent);
+TEST_F(AtomicFiles, AreAsTheyWerePrepared) {
+    const AtomicFile file = createFileAtomically(path, ownerOnly, writeContent);
     ASSERT_TRUE(file.descriptor);
     EXPECT_EQ(file.error, 0);
     EXPECT_EQ(identityOf(file.descriptor.get()), identityAt(path));
@@ -77,12 +77,12 @@ TEST_F(AppearingFiles, AreAsTheyWerePrepared) {
     EXPECT_EQ(names(), std::vector<std::string>{"file"});
 }
 
-TEST_F(AppearingFiles, HaveExactlyTheirModeUnderAnyUmask) {
+TEST_F(AtomicFiles, HaveExactlyTheirModeUnderAnyUmask) {
     constexpr mode_t shared = ownerOnly | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
     for (const mode_t mask : {0000U, 0077U, 0777U}) {
         EXPECT_EQ(tests::runInChild([&] {
                       ::umask(mask);
-                      EXPECT_TRUE(createAppearing(path, shared, writeContent).descriptor);
+                      EXPECT_TRUE(createFileAtomically(path, shared, writeContent).descriptor);
                       EXPECT_EQ(::umask(0), mask);
                   }),
                   0);
@@ -93,8 +93,8 @@ TEST_F(AppearingFiles, HaveExactlyTheirModeUnderAnyUmask) {
     }
 }
 
-TEST_F(AppearingFiles, HaveNoNameWhileTheyArePrepared) {
-    const AppearingFile file = createAppearing(path, ownerOnly, [this](int descriptor) {
+TEST_F(AtomicFiles, HaveNoNameWhileTheyArePrepared) {
+    const AtomicFile file = createFileAtomically(path, ownerOnly, [this](int descriptor) {
         EXPECT_FALSE(fs::exists(path));
         struct stat status {};
         EXPECT_EQ(::fstat(descriptor, &status), 0);
@@ -104,15 +104,15 @@ TEST_F(AppearingFiles, HaveNoNameWhileTheyArePrepared) {
     EXPECT_TRUE(file.descriptor);
 }
 
-TEST_F(AppearingFiles, AreNotPassedOnToPrograms) {
-    const AppearingFile file = createAppearing(path, ownerOnly, writeContent);
+TEST_F(AtomicFiles, AreNotPassedOnToPrograms) {
+    const AtomicFile file = createFileAtomically(path, ownerOnly, writeContent);
     EXPECT_EQ(::fcntl(file.descriptor.get(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST_F(AppearingFiles, LeaveWhatHasTheNameAlone) {
+TEST_F(AtomicFiles, LeaveWhatHasTheNameAlone) {
     std::ofstream(path) << "older";
     const auto older = identityAt(path);
-    const AppearingFile file = createAppearing(path, ownerOnly, writeContent);
+    const AtomicFile file = createFileAtomically(path, ownerOnly, writeContent);
     EXPECT_FALSE(file.descriptor);
     EXPECT_EQ(file.error, EEXIST);
     EXPECT_EQ(identityAt(path), older);
@@ -120,33 +120,33 @@ TEST_F(AppearingFiles, LeaveWhatHasTheNameAlone) {
     EXPECT_EQ(names(), std::vector<std::string>{"file"});
 }
 
-TEST_F(AppearingFiles, DoNotFollowALinkOfTheirName) {
+TEST_F(AtomicFiles, DoNotFollowALinkOfTheirName) {
     fs::create_symlink(folder + "/target", path);
-    EXPECT_EQ(createAppearing(path, ownerOnly, writeContent).error, EEXIST);
+    EXPECT_EQ(createFileAtomically(path, ownerOnly, writeContent).error, EEXIST);
     EXPECT_EQ(names(), std::vector<std::string>{"file"});
 }
 
-TEST_F(AppearingFiles, DoNotAppearWhenTheirPreparationFails) {
-    const AppearingFile file = createAppearing(path, ownerOnly, [](int) { return ENOSPC; });
+TEST_F(AtomicFiles, DoNotAppearWhenTheirPreparationFails) {
+    const AtomicFile file = createFileAtomically(path, ownerOnly, [](int) { return ENOSPC; });
     EXPECT_FALSE(file.descriptor);
     EXPECT_EQ(file.error, ENOSPC);
     EXPECT_TRUE(names().empty());
 }
 
-TEST_F(AppearingFiles, DoNotAppearWhenTheirPreparationThrows) {
+TEST_F(AtomicFiles, DoNotAppearWhenTheirPreparationThrows) {
     const auto fail = [](int) -> int { throw std::domain_error("preparation"); };
-    EXPECT_THROW(createAppearing(path, ownerOnly, fail), std::domain_error);
+    EXPECT_THROW(createFileAtomically(path, ownerOnly, fail), std::domain_error);
     EXPECT_TRUE(names().empty());
 }
 
-TEST_F(AppearingFiles, NeedTheirFolder) {
-    const AppearingFile file = createAppearing(folder + "/none/file", ownerOnly, writeContent);
+TEST_F(AtomicFiles, NeedTheirFolder) {
+    const AtomicFile file = createFileAtomically(folder + "/none/file", ownerOnly, writeContent);
     EXPECT_FALSE(file.descriptor);
     EXPECT_EQ(file.error, ENOENT);
 }
 
-TEST_F(AppearingFiles, KeepALockThatTheirPreparationTook) {
-    const AppearingFile file = createAppearing(path, ownerOnly, [](int descriptor) {
+TEST_F(AtomicFiles, KeepALockThatTheirPreparationTook) {
+    const AtomicFile file = createFileAtomically(path, ownerOnly, [](int descriptor) {
         return ::flock(descriptor, LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
     });
     const FileDescriptor other(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -160,11 +160,12 @@ class SlowMaker {
 public:
     explicit SlowMaker(const std::string& path)
         : process([&path](Channel& channel) {
-            const AppearingFile file = createAppearing(path, ownerOnly, [&channel](int descriptor) {
-                channel.send("preparing");
-                channel.receive();
-                return writeContent(descriptor);
-            });
+            const AtomicFile file =
+                createFileAtomically(path, ownerOnly, [&channel](int descriptor) {
+                    channel.send("preparing");
+                    channel.receive();
+                    return writeContent(descriptor);
+                });
             EXPECT_TRUE(file.descriptor);
             channel.send("made");
             channel.receive();
@@ -180,7 +181,7 @@ private:
     ForkedProcess process;
 };
 
-TEST_F(AppearingFiles, LeaveNoTraceOfMakersThatWereKilled) {
+TEST_F(AtomicFiles, LeaveNoTraceOfMakersThatWereKilled) {
     // A maker that cannot name its first file prepares a second one.
     for (const bool isFirst : {true, false}) {
         SlowMaker maker(path);
@@ -191,19 +192,19 @@ TEST_F(AppearingFiles, LeaveNoTraceOfMakersThatWereKilled) {
         }
         maker.kill();
         fs::remove(path);
-        const AppearingFile file = createAppearing(path, ownerOnly, writeContent);
+        const AtomicFile file = createFileAtomically(path, ownerOnly, writeContent);
         EXPECT_TRUE(file.descriptor);
         EXPECT_EQ(names(), std::vector<std::string>{"file"});
         fs::remove(path);
     }
 }
 
-TEST_F(AppearingFiles, AppearAlthoughOtherMakersTidyUpMeanwhile) {
+TEST_F(AtomicFiles, AppearAlthoughOtherMakersTidyUpMeanwhile) {
     SlowMaker maker(path);
     std::size_t others = 0;
     while (maker.prepares()) {
         const std::string other = folder + "/other" + std::to_string(others++);
-        EXPECT_TRUE(createAppearing(other, ownerOnly, writeContent).descriptor);
+        EXPECT_TRUE(createFileAtomically(other, ownerOnly, writeContent).descriptor);
         maker.goOn();
     }
     maker.goOn();

@@ -1,4 +1,4 @@
-#include "foundation/os/AppearingFolder.h"
+#include "foundation/os/AtomicFolder.h"
 
 #include "foundation/os/DirectoryStream.h"
 #include "foundation/os/FolderOpening.h"
@@ -43,8 +43,8 @@ bool mark(int folder) {
     return retryOnInterrupt([&] { return ::flock(folder, LOCK_EX | LOCK_NB); }) == 0;
 }
 
-void removeAbandonedTemporaries(const FilePlace& place) {
-    DirectoryStream names(place.parent());
+void removeStaleTemporaries(const PathAt& where) {
+    DirectoryStream names(where.parent());
     if (!names) {
         return;
     }
@@ -52,7 +52,7 @@ void removeAbandonedTemporaries(const FilePlace& place) {
         if (!std::string_view(name).starts_with(temporaryPrefix)) {
             continue;
         }
-        const FilePlace temporary = place.sibling(name);
+        const PathAt temporary = where.sibling(name);
         const FileDescriptor folder = openFolder(temporary);
         // A maker between creation and mark loses its folder here, notices, and makes another.
         if (folder && isOwn(folder.get()) && mark(folder.get())) {
@@ -63,7 +63,7 @@ void removeAbandonedTemporaries(const FilePlace& place) {
 
 /// Gives a new folder its group and mode; returns 0 or the errno value. The lists go first: what
 /// they grant is limited by the group's permissions only until the mode is set.
-int furnish(int folder, mode_t mode, std::optional<gid_t> group) {
+int initialize(int folder, mode_t mode, std::optional<gid_t> group) {
     if (const int error = removeAccessLists(folder); error != 0) {
         return error;
     }
@@ -76,18 +76,18 @@ int furnish(int folder, mode_t mode, std::optional<gid_t> group) {
 
 } // namespace
 
-int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid_t> group) {
-    removeAbandonedTemporaries(place);
+int createFolderAtomically(const PathAt& where, mode_t mode, std::optional<gid_t> group) {
+    removeStaleTemporaries(where);
     for (;;) {
-        const TemporaryName name(place, AT_REMOVEDIR);
-        if (::mkdirat(place.folder, name.get(), S_IRWXU) != 0) {
+        const TemporaryName name(where, AT_REMOVEDIR);
+        if (::mkdirat(where.folder, name.get(), S_IRWXU) != 0) {
             return errno;
         }
-        FileDescriptor folder = openFolder(name.place());
+        FileDescriptor folder = openFolder(name.where());
         if (!folder && errno == EACCES) {
             // The umask has taken even our own permissions.
-            ::fchmodat(place.folder, name.get(), S_IRWXU, AT_SYMLINK_NOFOLLOW);
-            folder = openFolder(name.place());
+            ::fchmodat(where.folder, name.get(), S_IRWXU, AT_SYMLINK_NOFOLLOW);
+            folder = openFolder(name.where());
         }
         if (!folder) {
             if (errno == ENOENT) {
@@ -105,10 +105,10 @@ int createAppearingFolder(const FilePlace& place, mode_t mode, std::optional<gid
             }
             return errno;
         }
-        if (const int error = furnish(folder.get(), mode, group); error != 0) {
+        if (const int error = initialize(folder.get(), mode, group); error != 0) {
             return error;
         }
-        const int error = renameWithoutReplacing(name.place(), place);
+        const int error = renameWithoutReplacing(name.where(), where);
         if (error != ENOENT) {
             return error;
         }

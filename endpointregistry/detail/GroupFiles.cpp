@@ -1,13 +1,13 @@
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 
-#include "endpointregistry/detail/JoinedFolder.h"
+#include "endpointregistry/detail/GroupFolder.h"
 #include "endpointregistry/detail/LockedFileImpl.h"
 #include "endpointregistry/detail/LockingOpen.h"
 
 #include <memory>
 #include <utility>
 
-namespace agent::spf::endpointregistry::joined {
+namespace agent::spf::endpointregistry::groupfiles {
 
 namespace os = foundation::os;
 
@@ -23,8 +23,9 @@ std::unique_ptr<LockedFile::Impl> lock(const std::string& name, const std::strin
                                                   waiting);
     }
     for (;;) {
-        JoinedFolder folder = levels == Levels::asTheyAre ? JoinedFolder::enter(parent, trustee)
-                                                          : JoinedFolder::obtain(parent, trustee);
+        GroupFolder folder = levels == Levels::asTheyAre
+                                 ? GroupFolder::openOrCreate(parent, trustee)
+                                 : GroupFolder::openOrRestore(parent, trustee);
         auto impl = std::make_unique<LockedFile::Impl>(name, std::move(folder), trustee.name(),
                                                        isExclusive, waiting, contents);
         // A lock on what nobody comes to by the path keeps nobody out.
@@ -60,8 +61,9 @@ LockedFile tryLock(const std::string& name, const std::string& parent, const os:
         lock(name, parent, trustee, false, Waiting::never(), Levels::openedToEverybody));
 }
 
-std::optional<OpenFolder> findFolder(const std::string& parent, const os::Group& trustee) {
-    return trustee.isNone() ? OpenFolder::findPrivate(parent) : JoinedFolder::find(parent, trustee);
+std::optional<OpenFolder> tryOpenFolder(const std::string& parent, const os::Group& trustee) {
+    return trustee.isNone() ? OpenFolder::findPrivate(parent)
+                            : GroupFolder::tryOpen(parent, trustee);
 }
 
-} // namespace agent::spf::endpointregistry::joined
+} // namespace agent::spf::endpointregistry::groupfiles

@@ -1,8 +1,8 @@
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 
-#include "endpointregistry/detail/JoinedFolder.h"
+#include "endpointregistry/detail/GroupFolder.h"
 #include "tests/endpointregistry/FoldersTools.h"
-#include "tests/endpointregistry/JoinedTools.h"
+#include "tests/endpointregistry/GroupFilesTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/LoggersReportedFailure.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -22,7 +22,7 @@ using namespace agent::spf::endpointregistry;
 using tests::as;
 using tests::Names;
 
-using namespace tests::joined;
+using namespace tests::groupfiles;
 
 namespace {
 
@@ -36,16 +36,16 @@ using accounts::friends;
 /// A file of anna's, in folders of hers, that nobody holds any more.
 void leaveAnnasFile() {
     as(anna, [] {
-        LockedFile file = joined::tryLock(name, parent, friends);
+        LockedFile file = groupfiles::tryLock(name, parent, friends);
         EXPECT_TRUE(file.isLocked());
     });
 }
 
-class JoinedRegistryRefusal : public tests::SharingTest {};
+class GroupFilesRefusal : public tests::SharingTest {};
 
 } // namespace
 
-TEST_F(JoinedRegistryRefusal, RefusesFilesThatDoNotBelongToTheGroup) {
+TEST_F(GroupFilesRefusal, RefusesFilesThatDoNotBelongToTheGroup) {
     const auto make = [](const std::string& owner, const std::string& group, mode_t mode) {
         tests::makeFile(path, 0600);
         if (::chown(path.c_str(), accounts::userId(owner), accounts::groupId(group)) != 0 ||
@@ -65,9 +65,9 @@ TEST_F(JoinedRegistryRefusal, RefusesFilesThatDoNotBelongToTheGroup) {
         make(file.owner, file.group, file.mode);
         const Standing before(path);
         as(ben, [] {
-            EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
+            EXPECT_THROW(groupfiles::getLock(name, parent, friends), std::runtime_error);
             try {
-                EXPECT_FALSE(joined::tryLock(name, parent, friends).isLocked());
+                EXPECT_FALSE(groupfiles::tryLock(name, parent, friends).isLocked());
             } catch (const std::runtime_error&) {
                 SUCCEED();
             }
@@ -78,19 +78,19 @@ TEST_F(JoinedRegistryRefusal, RefusesFilesThatDoNotBelongToTheGroup) {
     }
 }
 
-TEST_F(JoinedRegistryRefusal, RefusesNoFileThatOthersMayOnlyRead) {
+TEST_F(GroupFilesRefusal, RefusesNoFileThatOthersMayOnlyRead) {
     leaveAnnasFile();
     for (const mode_t mode : {0474U, 0475U, 0070U, 0775U}) {
         ASSERT_EQ(::chmod(path.c_str(), mode), 0);
         as(ben, [] {
-            EXPECT_TRUE(joined::getLock(name, parent, friends).isLocked());
-            EXPECT_TRUE(joined::tryLock(name, parent, friends).isLocked());
+            EXPECT_TRUE(groupfiles::getLock(name, parent, friends).isLocked());
+            EXPECT_TRUE(groupfiles::tryLock(name, parent, friends).isLocked());
         });
         EXPECT_EQ(tests::modeOf(path), mode);
     }
 }
 
-TEST_F(JoinedRegistryRefusal, FollowsNoLinkInPlaceOfAFile) {
+TEST_F(GroupFilesRefusal, FollowsNoLinkInPlaceOfAFile) {
     leaveAnnasFile();
     fs::remove(path);
     const std::string target = "/home/Shared/target";
@@ -98,42 +98,44 @@ TEST_F(JoinedRegistryRefusal, FollowsNoLinkInPlaceOfAFile) {
     ASSERT_EQ(::chown(target.c_str(), accounts::userId(anna), accounts::groupId(friends)), 0);
     fs::create_symlink(target, path);
     as(ben, [] {
-        EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
-        EXPECT_FALSE(joined::createAndTryLock(name, parent, friends).isLocked());
+        EXPECT_THROW(groupfiles::getLock(name, parent, friends), std::runtime_error);
+        EXPECT_FALSE(groupfiles::createAndTryLock(name, parent, friends).isLocked());
     });
     EXPECT_TRUE(fs::is_symlink(path));
     EXPECT_TRUE(fs::exists(target));
 }
 
-TEST_F(JoinedRegistryRefusal, MakesNothingForStrangers) {
+TEST_F(GroupFilesRefusal, MakesNothingForStrangers) {
     leaveAnnasFile();
     as(carl, [] {
-        EXPECT_THROW(joined::createAndTryLock(name, parent, friends), std::runtime_error);
-        EXPECT_THROW(joined::tryLock(name, parent, friends), std::runtime_error);
-        EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
-        EXPECT_THROW(joined::findFolder(parent, friends), std::runtime_error);
+        EXPECT_THROW(groupfiles::createAndTryLock(name, parent, friends), std::runtime_error);
+        EXPECT_THROW(groupfiles::tryLock(name, parent, friends), std::runtime_error);
+        EXPECT_THROW(groupfiles::getLock(name, parent, friends), std::runtime_error);
+        EXPECT_THROW(groupfiles::tryOpenFolder(parent, friends), std::runtime_error);
     });
     EXPECT_EQ(tests::namesIn(folder), Names{name});
     expectStanding(folder, anna, friends, 0770);
 }
 
-TEST_F(JoinedRegistryRefusal, KnowsNoUnknownGroup) {
+TEST_F(GroupFilesRefusal, KnowsNoUnknownGroup) {
     as(anna, [] {
-        EXPECT_THROW(joined::tryLock(name, parent, std::string("no group")), std::invalid_argument);
-        EXPECT_THROW(JoinedFolder::obtain(parent, std::string("no group")), std::invalid_argument);
+        EXPECT_THROW(groupfiles::tryLock(name, parent, std::string("no group")),
+                     std::invalid_argument);
+        EXPECT_THROW(GroupFolder::openOrRestore(parent, std::string("no group")),
+                     std::invalid_argument);
     });
 }
 
-TEST_F(JoinedRegistryRefusal, KnowsNoEmptyNames) {
+TEST_F(GroupFilesRefusal, KnowsNoEmptyNames) {
     for (const std::string& trustee : {std::string(), friends}) {
         as(anna, [&trustee] {
             tests::expectReported<std::invalid_argument>(
-                [&] { joined::tryLock("", parent, trustee); }, "LockedFile name cannot be empty",
-                "LockedFile::lockFile(): Name cannot be empty.");
+                [&] { groupfiles::tryLock("", parent, trustee); },
+                "LockedFile name cannot be empty", "LockedFile::lockFile(): Name cannot be empty.");
         });
         as(anna, [&trustee] {
             tests::expectReported<std::invalid_argument>(
-                [&] { joined::tryLock(name, "", trustee); },
+                [&] { groupfiles::tryLock(name, "", trustee); },
                 "LockedFile parent name cannot be empty",
                 "LockedFile::createParentFolder(): Parent name cannot be empty.");
         });

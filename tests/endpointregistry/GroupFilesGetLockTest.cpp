@@ -1,7 +1,7 @@
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/detail/GroupFiles.h"
 
 #include "tests/endpointregistry/FoldersTools.h"
-#include "tests/endpointregistry/JoinedTools.h"
+#include "tests/endpointregistry/GroupFilesTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/SharingTools.h"
 #include "tests/support/ForkedProcess.h"
@@ -19,7 +19,7 @@
 #include <unistd.h>
 
 using namespace agent::spf::endpointregistry;
-using namespace tests::joined;
+using namespace tests::groupfiles;
 using tests::as;
 using tests::Channel;
 using tests::ForkedProcess;
@@ -35,7 +35,7 @@ using accounts::friends;
 
 /// A file of anna's, in folders of hers, that nobody holds any more.
 void leaveAnnasFile() {
-    as(anna, [] { EXPECT_TRUE(joined::getLock(name, parent, friends).isLocked()); });
+    as(anna, [] { EXPECT_TRUE(groupfiles::getLock(name, parent, friends).isLocked()); });
 }
 
 void demand(bool isDone, const std::string& what) {
@@ -51,7 +51,7 @@ public:
         : process([user](Channel& test) {
             accounts::become(user);
             {
-                const LockedFile file = joined::getLock(name, parent, friends);
+                const LockedFile file = groupfiles::getLock(name, parent, friends);
                 EXPECT_TRUE(file.isLocked());
                 EXPECT_EQ(file.getLockError(), 0);
                 test.send("locked");
@@ -74,20 +74,21 @@ private:
     ForkedProcess process;
 };
 
-class JoinedRegistryGetLock : public tests::SharingTest {
+class GroupFilesGetLock : public tests::SharingTest {
 protected:
     /// Expects a member to be refused, and that nothing is changed afterwards.
-    static void expectRefused(const std::string& place) {
-        const Standing before(place);
-        as(ben, [] { EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error); });
-        EXPECT_TRUE(Standing(place) == before);
+    static void expectRefused(const std::string& where) {
+        const Standing before(where);
+        as(ben,
+           [] { EXPECT_THROW(groupfiles::getLock(name, parent, friends), std::runtime_error); });
+        EXPECT_TRUE(Standing(where) == before);
     }
 };
 
-class JoinedRegistryWaiting : public JoinedRegistryGetLock {
+class GroupFilesWaiting : public GroupFilesGetLock {
 protected:
     void SetUp() override {
-        JoinedRegistryGetLock::SetUp();
+        GroupFilesGetLock::SetUp();
         if (!IsSkipped() && !tests::canSeeWaiting()) {
             GTEST_SKIP() << tests::whyWaitingIsNotSeen;
         }
@@ -96,22 +97,22 @@ protected:
 
 } // namespace
 
-TEST_F(JoinedRegistryGetLock, WorksWhereTheSharedFolderIsALink) {
+TEST_F(GroupFilesGetLock, WorksWhereTheSharedFolderIsALink) {
     const std::string target = "/home/Target";
     fs::rename("/home/Shared", target);
     fs::create_symlink(target, "/home/Shared");
     leaveAnnasFile();
     leaveAnnasFile();
     as(ben, [] {
-        const LockedFile file = joined::getLock(name, parent, friends);
+        const LockedFile file = groupfiles::getLock(name, parent, friends);
         EXPECT_TRUE(file.isLocked());
-        EXPECT_FALSE(joined::tryLock(name, parent, friends).isLocked());
+        EXPECT_FALSE(groupfiles::tryLock(name, parent, friends).isLocked());
     });
     fs::remove("/home/Shared");
     fs::remove_all(target);
 }
 
-TEST_F(JoinedRegistryWaiting, KeepsOtherMembersOut) {
+TEST_F(GroupFilesWaiting, KeepsOtherMembersOut) {
     leaveAnnasFile();
     Holder holder(anna);
     holder.expectLocked();
@@ -123,7 +124,7 @@ TEST_F(JoinedRegistryWaiting, KeepsOtherMembersOut) {
     waiter.letGo();
 }
 
-TEST_F(JoinedRegistryWaiting, GivesTheLockOfTheFileThatStandsThere) {
+TEST_F(GroupFilesWaiting, GivesTheLockOfTheFileThatStandsThere) {
     leaveAnnasFile();
     for (const bool isReplaced : {false, true}) {
         Holder holder(anna);
@@ -142,7 +143,7 @@ TEST_F(JoinedRegistryWaiting, GivesTheLockOfTheFileThatStandsThere) {
     }
 }
 
-TEST_F(JoinedRegistryGetLock, WaitsForNoPipe) {
+TEST_F(GroupFilesGetLock, WaitsForNoPipe) {
     leaveAnnasFile();
     fs::remove(path);
     demand(::mkfifo(path.c_str(), 0600) == 0, path);
@@ -152,7 +153,7 @@ TEST_F(JoinedRegistryGetLock, WaitsForNoPipe) {
     expectRefused(path);
 }
 
-TEST_F(JoinedRegistryGetLock, RefusesAStrangersFolderWithoutWaitingForHisLock) {
+TEST_F(GroupFilesGetLock, RefusesAStrangersFolderWithoutWaitingForHisLock) {
     leaveAnnasFile();
     for (const bool isPipe : {false, true}) {
         ForkedProcess stranger([&](Channel& test) {
@@ -174,7 +175,7 @@ TEST_F(JoinedRegistryGetLock, RefusesAStrangersFolderWithoutWaitingForHisLock) {
         ASSERT_EQ(stranger.channel().receive(), "held");
         ForkedProcess member([](Channel& test) {
             accounts::become(ben);
-            EXPECT_THROW(joined::getLock(name, parent, friends), std::runtime_error);
+            EXPECT_THROW(groupfiles::getLock(name, parent, friends), std::runtime_error);
             test.send("refused");
         });
         EXPECT_EQ(member.channel().receive(), "refused");

@@ -2,7 +2,7 @@
 
 #include "foundation/os/FileDescriptor.h"
 #include "foundation/os/FileIdentity.h"
-#include "foundation/os/FilePlace.h"
+#include "foundation/os/PathAt.h"
 
 #include <functional>
 #include <optional>
@@ -11,7 +11,7 @@
 namespace foundation::os {
 
 /// A new file, or why there is none.
-struct AppearingFile {
+struct AtomicFile {
     FileDescriptor descriptor;
     /// 0, or the errno value: EEXIST when the name is taken.
     int error = 0;
@@ -31,7 +31,7 @@ struct AppearingFile {
 /// Where neither the kernel nor /proc lets an unnamed file be named, the file is made under a
 /// hidden name (".nascent-", random digits, and backwards the name it is to get) in the same folder
 /// first. Those that a crash left there are removed by the next call that needs the detour.
-AppearingFile createAppearing(const FilePlace& place, mode_t mode,
-                              const std::function<int(int descriptor)>& prepare);
+AtomicFile createFileAtomically(const PathAt& where, mode_t mode,
+                                const std::function<int(int descriptor)>& prepare);
 
 } // namespace foundation::os

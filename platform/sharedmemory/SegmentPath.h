@@ -13,9 +13,9 @@
 namespace agent::spf::sharedmemory {
 
 /// Where the POSIX segment of one name and trustee is looked for, and who may have made it.
-struct PosixPlace {
+struct SegmentPath {
     /// Throws as `groupOf` does.
-    PosixPlace(const std::string& name, const foundation::os::Group& trustee);
+    SegmentPath(const std::string& name, const foundation::os::Group& trustee);
 
     /// A file under the segment's name.
     struct ExistingFile {
@@ -34,7 +34,7 @@ struct PosixPlace {
 
     /// How many bytes of a trusted file are the caller's.
     std::size_t callersSize(const ExistingFile& file) const {
-        return static_cast<std::size_t>(file.status.st_size) - segmentName.proof.size();
+        return static_cast<std::size_t>(file.status.st_size) - segmentName.trailer.size();
     }
 
     mode_t mode() const;
