@@ -1,9 +1,11 @@
 #include "endpointregistry/Endpoint.h"
-#include "endpointregistry/Groups.h"
 #include "endpointregistry/detail/EndpointImpl.h"
+#include "foundation/os/Accounts.h"
 
 #include <algorithm>
 #include <iterator>
+#include <stdexcept>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
@@ -13,9 +15,14 @@ namespace {
 constexpr const char* local = "";
 
 std::set<std::string> getAllTrustees() {
-    std::set<std::string> trustees = getCurrentUserGroups();
-    trustees.insert(local);
-    return trustees;
+    // Not by getCurrentUserGroups, which leaves out a group whose name cannot be asked for just
+    // now: a lookup would say that there is nothing.
+    auto trustees = foundation::os::findOwnGroupNames();
+    if (!trustees) {
+        throw std::runtime_error("System error: Failed to get current user groups");
+    }
+    trustees->insert(local);
+    return std::move(*trustees);
 }
 
 } // namespace

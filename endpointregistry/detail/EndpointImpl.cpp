@@ -125,17 +125,19 @@ std::vector<Endpoint::DataPair> Endpoint::Impl::getDataPairs(const std::vector<s
 
 LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder,
                                          const std::function<bool()>& removeData,
+                                         std::chrono::milliseconds timeout,
                                          std::string_view contents) const {
     // Nearly always the name is new. If it is not, its holder may be dead: an earlier program of
     // this process, or one whose process id was given out again. Or it may go between two attempts.
-    constexpr std::chrono::seconds timeout{1};
     LockedFile file = folder.lock(name, true, contents);
     bool isStale = false;
     if (!file.isLocked()) {
         foundation::os::retryFor(timeout, [&] {
             isStale = folder.clearIfStale(name, removeData);
             file = folder.lock(name, true, contents);
-            return file.isLocked() || !isStale;
+            const bool isInTheWay =
+                file.getLockError() == EEXIST || file.getLockError() == EWOULDBLOCK;
+            return file.isLocked() || !isStale || !isInTheWay;
         });
     }
     if (!file.isLocked()) {

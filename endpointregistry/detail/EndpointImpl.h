@@ -81,13 +81,15 @@ protected:
 
     /// Makes and locks the entry's file, which goes with the lock. What a dead publisher of this
     /// very name has left is removed before: its data, by `removeData`, which tells whether it
-    /// could, and its file. A new file of a group's has these contents. A dead publisher's file is
-    /// not locked again, for whoever watches the folder is told of a publisher's end only when the
-    /// publisher has made its file.
+    /// could, and its file; others that are at that are waited for no longer than the timeout. A
+    /// new file of a group's has these contents. A dead publisher's file is not locked again, for
+    /// whoever watches the folder is told of a publisher's end only when the publisher has made its
+    /// file.
     ///
     /// Throws DuplicateEndpointError when a live process has the file, std::runtime_error when it
     /// cannot be made, or when others that clear up after the dead one are waited for in vain.
     LockedFile lockEntryFile(const EntryFolder& folder, const std::function<bool()>& removeData,
+                             std::chrono::milliseconds timeout,
                              std::string_view contents = {}) const;
 
     /// Whether this can be the data of an entry; two empty strings stand for one that cannot be

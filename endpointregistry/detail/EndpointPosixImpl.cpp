@@ -41,10 +41,12 @@ LockedFile Endpoint::PosixImpl::createLockedFile() {
 }
 
 LockedFile Endpoint::PosixImpl::createLockedFile(const EntryFolder& folder) const {
-    return lockEntryFile(folder, [&] {
+    constexpr std::chrono::seconds timeout{1};
+    const auto removeData = [&] {
         removeTraces(entryName(), folder);
         return true;
-    });
+    };
+    return lockEntryFile(folder, removeData, timeout);
 }
 
 SharedMemory Endpoint::PosixImpl::createSharedMemory(const DataPair& data) const {

@@ -106,7 +106,7 @@ Endpoint::SysVImpl::~SysVImpl() {
         return;
     }
     TableAccess access(group);
-    if (!tableOf(access).eraseContaining(entryName(), NamedStringArray::readTimeout)) {
+    if (!tableOf(access).eraseContaining(entryName(), TableAccess::Lock::preferred)) {
         // Somebody was stopped with the table's lock. What stays is what a killed publisher leaves:
         // the next to look sees that nobody holds the file, and clears up.
         lockedFile.makePersistent();
@@ -122,25 +122,28 @@ LockedFile Endpoint::SysVImpl::createLockedFile() {
 LockedFile Endpoint::SysVImpl::createLockedFile(const EntryFolder& folder, TableAccess& access,
                                                 const std::string& contents) const {
     const auto removeRows = [&] {
-        if (!tableOf(access).eraseContaining(entryName(), NamedStringArray::changeTimeout)) {
+        if (!tableOf(access).eraseContaining(entryName(), TableAccess::Lock::required)) {
             access.failBusy();
         }
         return true;
     };
-    return lockEntryFile(folder, removeRows, contents);
+    return lockEntryFile(folder, removeRows, NamedStringArray::changeTimeout, contents);
 }
 
 bool Endpoint::SysVImpl::staleEndpointFoundAndCleanedUp(const std::string& name,
                                                         const EntryFolder& folder, Table& table) {
     return folder.clearIfStale(
-        name, [&] { return table.eraseContaining(name, NamedStringArray::readTimeout); });
+        name, [&] { return table.eraseContaining(name, TableAccess::Lock::preferred); });
 }
 
 std::optional<Endpoint::DataPair>
 Endpoint::SysVImpl::getCopy(const std::string& name, const EntryFolder& folder,
-                            const std::optional<sharedmemory::SegmentToken>& table) {
+                            const std::optional<sharedmemory::SegmentToken>& table,
+                            std::size_t& allowance) {
     const auto size = entrycopy::sizeFor(getLengthFromName(name));
-    const auto contents = size ? folder.contentsOfLiving(name, *size) : std::nullopt;
+    const bool isAllowed = size && *size <= allowance;
+    const auto contents = isAllowed ? folder.contentsOfLiving(name, *size) : std::nullopt;
+    allowance -= contents ? *size : 0;
     auto copy = contents ? entrycopy::parse(*contents) : std::nullopt;
     // Where the table stands that the entry's row went into, the row is what counts.
     if (!copy || copy->base == table) {
@@ -182,6 +185,7 @@ Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names, const En
     Table table = tableOf(access);
     const Table::Reading reading = table.read(commonParts(readable));
     const auto rowOf = firstRowsContaining(reading.rows, readable);
+    std::size_t copiesAllowance = entrycopy::maxTotal;
     for (const std::string& name : readable) {
         if (pairs.size() == most) {
             break;
@@ -192,7 +196,8 @@ Endpoint::SysVImpl::getDataPairs(const std::vector<std::string>& names, const En
             staleEndpointFoundAndCleanedUp(name, folder, table)) {
             continue;
         }
-        auto data = hasRow ? dataOf(*row->second) : getCopy(name, folder, reading.base);
+        auto data =
+            hasRow ? dataOf(*row->second) : getCopy(name, folder, reading.base, copiesAllowance);
         if (data && isReadable(*data)) {
             pairs.push_back(std::move(*data));
         }

@@ -54,8 +54,10 @@ private:
 
     /// The data of an entry without a row, from the copy in its file; nothing where the table that
     /// was read is the one that the row belongs into, and nothing of a dead publisher's.
+    /// `allowance` is how many bytes the copies of one lookup may still take.
     static std::optional<DataPair> getCopy(const std::string& name, const EntryFolder& folder,
-                                           const std::optional<sharedmemory::SegmentToken>& table);
+                                           const std::optional<sharedmemory::SegmentToken>& table,
+                                           std::size_t& allowance);
 
     pid_t publisher;
     /// Looked up once: a withdrawal must not depend on the databases.

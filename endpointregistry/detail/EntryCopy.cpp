@@ -13,13 +13,11 @@ constexpr std::size_t tokenOffset = mark.size();
 constexpr std::size_t firstLengthOffset = tokenOffset + sizeof(sharedmemory::SegmentToken);
 constexpr std::size_t dataOffset = firstLengthOffset + sizeof(std::uint64_t);
 
-// No row of a table holds more.
-constexpr unsigned long maxData = 64UL * 1024 * 1024;
-
 } // namespace
 
 std::optional<std::size_t> sizeFor(unsigned long length) {
-    return length <= maxData ? std::optional<std::size_t>(dataOffset + length) : std::nullopt;
+    return length <= maxTotal - dataOffset ? std::optional<std::size_t>(dataOffset + length)
+                                           : std::nullopt;
 }
 
 std::string contentsOf(const DataPair& data, const sharedmemory::SegmentToken& base) {

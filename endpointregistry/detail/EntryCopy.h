@@ -22,6 +22,10 @@ namespace agent::spf::endpointregistry::entrycopy {
 
 using DataPair = std::pair<std::string, std::string>;
 
+/// What all copies that one lookup reads may take together: no table holds more. A file can state
+/// any size without having it.
+inline constexpr std::size_t maxTotal = std::size_t{64} * 1024 * 1024;
+
 /// The size of a copy of joined data of this length; nothing where no entry has that much.
 std::optional<std::size_t> sizeFor(unsigned long length);
 

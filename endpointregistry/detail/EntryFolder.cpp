@@ -6,6 +6,7 @@
 #include "endpointregistry/detail/ParentPath.h"
 #include "endpointregistry/detail/StaleFile.h"
 #include "foundation/os/FileBytes.h"
+#include "foundation/os/GroupDirectory.h"
 #include "foundation/paths/UsersFolder.h"
 
 #include <cerrno>
@@ -131,6 +132,10 @@ std::optional<std::string> EntryFolder::contentsOfLiving(const std::string& name
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
         static_cast<std::size_t>(status.st_size) != size) {
+        return std::nullopt;
+    }
+    // Who has left the group may still write to the folder that they once made.
+    if (const auto id = group.id(); id && !foundation::os::isUsableByGroup(status, *id)) {
         return std::nullopt;
     }
     return foundation::os::readFirst(file.get(), size);

@@ -49,9 +49,8 @@ LockedFile getLock(const std::string& name, const std::string& parent, const os:
 }
 
 LockOrHolder getLockWithin(const std::string& name, const std::string& parent,
-                           const os::Group& trustee, std::chrono::milliseconds timeout) {
-    auto impl =
-        lock(name, parent, trustee, false, Waiting::forOneHolder(timeout), Levels::asTheyAre);
+                           const os::Group& trustee, Waiting waiting) {
+    auto impl = lock(name, parent, trustee, false, waiting, Levels::asTheyAre);
     const pid_t holder = impl->getHolder();
     return {LockedFile::Impl::wrap(std::move(impl)), holder};
 }

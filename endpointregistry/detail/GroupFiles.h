@@ -1,10 +1,10 @@
 #pragma once
 
 #include "endpointregistry/LockedFile.h"
+#include "endpointregistry/detail/LockingOpen.h"
 #include "endpointregistry/detail/OpenFolder.h"
 #include "foundation/os/Group.h"
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,12 +34,10 @@ struct LockOrHolder {
     pid_t holder;
 };
 
-/// As `getLock`, but gives up when one and the same holder keeps the lock for longer than the
-/// timeout, as a process that was stopped does. Many that take turns are waited for without end.
-/// Holders are told apart where they have waited for the lock themselves, by this function or
-/// `getLock`. With a timeout of 0 nobody is waited for.
+/// As `getLock`, but waits as it is told. Holders are told apart where they have waited for the
+/// lock themselves, by this function or `getLock`.
 LockOrHolder getLockWithin(const std::string& name, const std::string& parent,
-                           const foundation::os::Group& trustee, std::chrono::milliseconds timeout);
+                           const foundation::os::Group& trustee, Waiting waiting);
 
 LockedFile tryLock(const std::string& name, const std::string& parent,
                    const foundation::os::Group& trustee);

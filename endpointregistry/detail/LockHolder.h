@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <sys/types.h>
@@ -14,8 +15,12 @@ namespace agent::spf::endpointregistry {
 struct HolderMark {
     /// The holder's process id, as its own process namespace numbers it.
     pid_t process;
-    /// Tells one taking of the lock from the next by the same process.
+    /// Tells one taking of the lock from the next by the same process: some bits of the time at
+    /// which it was marked.
     std::uint64_t number;
+
+    /// How long ago that was. Begins anew after a quarter of an hour.
+    std::chrono::nanoseconds age() const noexcept;
 
     bool operator==(const HolderMark&) const = default;
 };

@@ -40,6 +40,10 @@ bool applyToOpenFile(int fd, int command, struct flock& lock) {
 
 } // namespace
 
+std::chrono::nanoseconds HolderMark::age() const noexcept {
+    return std::chrono::nanoseconds((newNumber() - number) & numberMask);
+}
+
 void markHolder(int fd, pid_t process) noexcept {
     const auto start = static_cast<std::uint64_t>(process) << numberBits | newNumber();
     struct flock mark = rangeLock(F_RDLCK, static_cast<off_t>(start), 1);

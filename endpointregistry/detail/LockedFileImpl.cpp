@@ -130,7 +130,10 @@ LockedDescriptor LockedFile::Impl::lockFile(std::string_view contents) {
 
 LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
     if (opened.error != 0) {
-        if (!waiting.isNever() && opened.error != EWOULDBLOCK && opened.error != EEXIST) {
+        const bool isTaken = opened.error == EWOULDBLOCK || opened.error == EEXIST;
+        // Then whoever opened the folder opens the one that is at its path now.
+        const bool isFolderRemoved = opened.error == ENOENT && folder && !folder->isStillNamed();
+        if (!waiting.isNever() && !isTaken && !isFolderRemoved) {
             getLogger().log(severity::error, "LockedFile::lockFile(): Failed to create file: <",
                             parentPath, name, ">. (Error ", opened.error, ")");
             throw std::runtime_error(inconsistency);

@@ -43,25 +43,40 @@ public:
     /// Without end.
     static constexpr Waiting forLock() { return Waiting(Kind::forLock); }
 
-    /// Until one holder has kept it for that long, whatever the others do that take turns; with 0
-    /// there is one attempt. Whoever does not mark the file counts as the same holder.
+    /// Until one holder has kept it for that long, whatever the others do that take turns. Whoever
+    /// does not mark the file counts as the same holder.
     static constexpr Waiting forOneHolder(std::chrono::milliseconds timeout) {
         return Waiting(Kind::forOneHolder, timeout);
     }
 
+    /// The same for whoever can do without the lock: also only for a moment where a holder says
+    /// that it has kept the lock for that long already, and never longer than `total` for all
+    /// holders, since a hostile one can look like many.
+    static constexpr Waiting briefly(std::chrono::milliseconds timeout,
+                                     std::chrono::milliseconds total) {
+        return Waiting(Kind::forOneHolder, timeout, total);
+    }
+
+    /// For nobody: there is one attempt.
+    static constexpr Waiting once() { return forOneHolder({}); }
+
     bool isNever() const { return kind == Kind::never; }
     bool isWithoutEnd() const { return kind == Kind::forLock; }
     std::chrono::milliseconds timeout() const { return holderTimeout; }
+    std::optional<std::chrono::milliseconds> total() const { return totalTimeout; }
 
 private:
     enum class Kind { never, forLock, forOneHolder };
 
-    explicit constexpr Waiting(Kind kind, std::chrono::milliseconds timeout = {})
+    explicit constexpr Waiting(Kind kind, std::chrono::milliseconds timeout = {},
+                               std::optional<std::chrono::milliseconds> total = std::nullopt)
         : kind(kind)
-        , holderTimeout(timeout) {}
+        , holderTimeout(timeout)
+        , totalTimeout(total) {}
 
     Kind kind;
     std::chrono::milliseconds holderTimeout;
+    std::optional<std::chrono::milliseconds> totalTimeout;
 };
 
 /// What a file is to be like that has to be made.

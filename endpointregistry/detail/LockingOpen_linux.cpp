@@ -54,12 +54,26 @@ Attempt lockUnlessHeld(int descriptor) {
     return {isDecided ? error : EWOULDBLOCK};
 }
 
+/// Whether a lock has been waited for long enough: so long for this holder, and for all together.
+bool isEnough(Waiting waiting, std::chrono::nanoseconds forHolder, std::chrono::nanoseconds forAll,
+              const std::optional<HolderMark>& holder) {
+    if (forHolder >= waiting.timeout() || waiting.timeout() == std::chrono::milliseconds::zero()) {
+        return true;
+    }
+    // Not at once: a mark can be made up, and the true holder be about to let go.
+    constexpr std::chrono::milliseconds aMoment{100};
+    const bool isKnownToBeStuck =
+        forHolder >= aMoment && holder && holder->age() >= waiting.timeout();
+    return waiting.total() && (forAll >= *waiting.total() || isKnownToBeStuck);
+}
+
 /// Takes the exclusive lock unless one holder keeps it for the timeout. Each holder has a time of
 /// its own, so that nobody gives up for there being many.
-Attempt lockUnlessKept(int descriptor, const os::PathAt& where, std::chrono::milliseconds timeout) {
+Attempt lockUnlessKept(int descriptor, const os::PathAt& where, Waiting waiting) {
     using Clock = std::chrono::steady_clock;
     std::optional<HolderMark> holder;
-    auto since = Clock::now();
+    const auto begin = Clock::now();
+    auto since = begin;
     for (os::Backoff backoff;; backoff.sleep()) {
         // The times are taken after a holder was first seen and before it was last seen, so that a
         // process that was itself stopped in between never takes two holders for one.
@@ -72,7 +86,7 @@ Attempt lockUnlessKept(int descriptor, const os::PathAt& where, std::chrono::mil
             holder = current;
             since = Clock::now();
         }
-        if (now - since >= timeout || timeout == std::chrono::milliseconds::zero()) {
+        if (isEnough(waiting, now - since, now - begin, holder)) {
             return {EWOULDBLOCK, holder ? holder->process : 0};
         }
         // Its holder may keep a removed file for good, while others have long gone on with the
@@ -88,7 +102,7 @@ Attempt lock(int descriptor, const os::PathAt& where, Waiting waiting) {
         return lockUnlessHeld(descriptor);
     }
     return waiting.isWithoutEnd() ? Attempt{applyLock(descriptor, LOCK_EX)}
-                                  : lockUnlessKept(descriptor, where, waiting.timeout());
+                                  : lockUnlessKept(descriptor, where, waiting);
 }
 
 /// The errno value for an open file that is no regular file; 0 for one that is.

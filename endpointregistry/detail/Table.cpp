@@ -184,13 +184,13 @@ void Table::eraseLocked(SharedMemory& base, const Row& entry) {
     logMissing("Entry could not be found.");
 }
 
-bool Table::eraseContaining(const std::string& part, std::chrono::milliseconds timeout) {
+bool Table::eraseContaining(const std::string& part, TableAccess::Lock need) {
     for (;;) {
         SharedMemory base = access.findBase(shape.baseName);
         if (!isInitialised(base)) {
             return true;
         }
-        const auto lock = access.tryLock(timeout);
+        const auto lock = access.tryLock(need);
         if (!lock) {
             return false;
         }

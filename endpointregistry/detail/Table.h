@@ -4,7 +4,6 @@
 #include "sharedmemory/SegmentRecord.h"
 #include "sharedmemory/SharedMemory.h"
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -63,7 +62,7 @@ public:
     /// Erases all rows whose first element contains this string. False, and nothing is done, when
     /// a holder does not let go of the lock in time. Where there is no table, there is nothing to
     /// do.
-    bool eraseContaining(const std::string& part, std::chrono::milliseconds timeout);
+    bool eraseContaining(const std::string& part, TableAccess::Lock need);
 
     // Under the lock.
 

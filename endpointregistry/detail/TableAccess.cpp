@@ -24,6 +24,12 @@ constexpr const char* lockParent = "qvNamedStringArray";
 constexpr unsigned long largestContainer = 64UL * 1024 * 1024;
 constexpr unsigned long maxRows = 1024UL * 1024;
 
+Waiting waitingFor(TableAccess::Lock need) {
+    return need == TableAccess::Lock::required
+               ? Waiting::forOneHolder(NamedStringArray::changeTimeout)
+               : Waiting::briefly(NamedStringArray::readTimeout, NamedStringArray::changeTimeout);
+}
+
 std::string nameOf(const std::string& baseName, const ArrayBase::Descriptor& descriptor) {
     return NamedStringArray::getContainerName(baseName, descriptor.generation);
 }
@@ -34,10 +40,10 @@ unsigned long sizeOf(const ArrayBase::Descriptor& descriptor) {
 
 } // namespace
 
-std::optional<LockedFile> TableAccess::tryLock(std::chrono::milliseconds timeout) {
+std::optional<LockedFile> TableAccess::tryLock(Lock need) {
     const bool hasWaited = busyHolder.has_value();
     groupfiles::LockOrHolder result = groupfiles::getLockWithin(
-        lockName, lockParent, group, hasWaited ? std::chrono::milliseconds(0) : timeout);
+        lockName, lockParent, group, hasWaited ? Waiting::once() : waitingFor(need));
     if (!result.lock.isLocked()) {
         busyHolder = result.holder;
         return std::nullopt;
@@ -46,7 +52,7 @@ std::optional<LockedFile> TableAccess::tryLock(std::chrono::milliseconds timeout
 }
 
 LockedFile TableAccess::lock() {
-    if (auto locked = tryLock(NamedStringArray::changeTimeout)) {
+    if (auto locked = tryLock(Lock::required)) {
         return std::move(*locked);
     }
     failBusy();
@@ -128,6 +134,7 @@ void TableAccess::removeContainersOf(const std::string& baseName) {
             name.find_first_not_of("0123456789", baseName.size()) == std::string::npos;
         if (isContainer && !belongsToOtherVersion(baseName, name)) {
             removeContainer(name);
+            segments.removeStale(name);
         }
     }
 }

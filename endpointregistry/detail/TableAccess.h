@@ -6,7 +6,6 @@
 #include "sharedmemory/SegmentOpeners.h"
 #include "sharedmemory/SharedMemory.h"
 
-#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -38,12 +37,14 @@ public:
 
     const foundation::os::Group& trustee() const { return group; }
 
-    /// The lock of all tables of the trustee, for which one holder that does not let go is waited
-    /// for no longer than this; nothing then.
-    std::optional<LockedFile> tryLock(std::chrono::milliseconds timeout);
+    /// Whether an operation cannot do without the lock, and waits for one holder as long as changes
+    /// do, or can, and waits as long as lookups do.
+    enum class Lock { required, preferred };
 
-    /// The same for an operation that cannot do without, which waits as long as changes may, and
-    /// fails as below.
+    /// The lock of all tables of the trustee; nothing where a holder does not let go in time.
+    std::optional<LockedFile> tryLock(Lock need);
+
+    /// The same for an operation that cannot do without, which fails as below.
     LockedFile lock();
 
     /// Logs and throws std::runtime_error with the process id of whoever was waited for in vain.

@@ -34,7 +34,7 @@ Table::Outcome<Result> Table::readSafely(ReadOnce readOnce) {
         if (!base.isAttached() || !viewOf(base).isInitialised()) {
             return {Result(), true};
         }
-        const auto lock = access.tryLock(NamedStringArray::readTimeout);
+        const auto lock = access.tryLock(TableAccess::Lock::preferred);
         const auto now = Clock::now();
         end = end.value_or(now + NamedStringArray::readTimeout);
         // It may have been removed while the lock was waited for, and its container's name be that

@@ -35,6 +35,9 @@ public:
         return segments.namesWith(prefix);
     }
 
+    /// Takes a name away that no segment has any more, for whoever has just opened one.
+    void removeStale(const std::string& name) { segments.removeStale(name); }
+
     /// Has the next opener look for the trustee's directory anew.
     void forgetDirectory() { segments.forgetDirectory(); }
 

@@ -90,16 +90,23 @@ Examined examine(const os::PathAt& where, const RecordDirectory& directory) {
     return there;
 }
 
-/// Makes way for a new record. What a stale one may still lead to is its owner's to remove.
-void takeStaleAway(const os::PathAt& where, RecordFile file) {
-    constexpr std::chrono::seconds timeout{2};
-    const os::FileIdentity identity = file.identity();
+/// Takes the name of a stale record away, unless somebody else is at it for longer than the
+/// timeout. What it may still lead to is its owner's to remove.
+bool tryTakeStaleAway(const os::PathAt& where, RecordFile file, std::chrono::milliseconds timeout) {
     const SegmentToken token = file.record ? file.record->token : makeSegmentToken();
     auto unnamed =
         UnnamedRecord::takeName(where, std::move(file), UnnamedRecord::hiddenName(token), timeout);
     if (unnamed) {
         unnamed->leaveToOwner();
-    } else if (os::identityAt(where) == identity) {
+    }
+    return unnamed.has_value();
+}
+
+/// Makes way for a new record.
+void takeStaleAway(const os::PathAt& where, RecordFile file) {
+    constexpr std::chrono::seconds timeout{2};
+    const os::FileIdentity identity = file.identity();
+    if (!tryTakeStaleAway(where, std::move(file), timeout) && os::identityAt(where) == identity) {
         fail("cannot replace the record", where.name, EBUSY);
     }
 }
@@ -221,6 +228,15 @@ std::vector<std::string> SysVSegments::namesWith(const std::string& prefix) cons
         }
     }
     return names;
+}
+
+void SysVSegments::removeStale(const std::string& name) {
+    constexpr std::chrono::milliseconds aMoment{20};
+    const os::PathAt where = directory->at(recordNameOf(name));
+    Examined there = examine(where, *directory);
+    if (there.isStale()) {
+        tryTakeStaleAway(where, std::move(there.file), aMoment);
+    }
 }
 
 SysVSegments::Attempt SysVSegments::tryMake(const std::string& recordName, std::size_t size,

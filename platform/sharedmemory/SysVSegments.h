@@ -32,6 +32,10 @@ public:
     /// The names of segments, in the directory that is open, that begin so and go on.
     std::vector<std::string> namesWith(const std::string& prefix) const;
 
+    /// Takes a name away, in the directory that is open, that no segment has any more, as after a
+    /// reboot. Where somebody is at its record, it is left to others.
+    void removeStale(const std::string& name);
+
     /// Has the directory opened anew when it is next needed: somebody may have put another one in
     /// its place.
     void forgetDirectory() { directory.reset(); }

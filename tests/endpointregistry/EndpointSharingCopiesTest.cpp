@@ -199,6 +199,37 @@ TEST_F(EndpointSharingCopies, AreSkippedWhereTheNameStatesWhatNoFileHolds) {
     }
 }
 
+TEST_F(EndpointSharingCopies, AreNotBelievedInFilesThatAreNotTheGroups) {
+    // Who has left the group may still write to the folder that they once made.
+    asAnna([] {
+        const LockedFile file = liveWith(copyOf(data));
+        const std::string path = tests::sharedPath(friends, ownName());
+        expectFound(data);
+        ASSERT_EQ(::chmod(path.c_str(), 0444), 0);
+        expectFound(std::nullopt);
+        ASSERT_EQ(::chmod(path.c_str(), 0470), 0);
+        ASSERT_EQ(
+            ::chown(path.c_str(), accounts::userId(anna), accounts::groupId(accounts::family)), 0);
+        expectFound(std::nullopt);
+    });
+}
+
+TEST_F(EndpointSharingCopies, TakeNoMoreMemoryTogetherThanATable) {
+    asAnna([] {
+        constexpr std::size_t half = entrycopy::maxTotal / 2;
+        std::vector<LockedFile> files;
+        for (const char* const first : {"a", "b", "c"}) {
+            const DataPair large(first, std::string(half, 'x'));
+            files.push_back(
+                liveWith(copyOf(large), tests::entryName(large, tag, first, ::getpid())));
+        }
+        files.push_back(liveWith(copyOf(data)));
+        const DataPairs found = Endpoint::list({friends});
+        EXPECT_EQ(found.size(), 2U) << "one of the large ones, and what there is room for";
+        EXPECT_EQ(found.back(), data);
+    });
+}
+
 TEST_F(EndpointSharingCopies, AreNotReadFromWhatIsNoFile) {
     asAnna([] { liveWith(""); });
     const std::string path =

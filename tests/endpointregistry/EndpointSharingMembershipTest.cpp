@@ -211,6 +211,8 @@ TEST_F(EndpointSharingMembership, OfAGroupThatCannotBeNamedMakesNothingASecondTi
                       accounts::becomeMemberOf(std::vector<gid_t>{group}, user);
                       EXPECT_ANY_THROW(Endpoint::list({friends}));
                       EXPECT_ANY_THROW(Endpoint::find(tag, key, {friends}));
+                      EXPECT_THROW(Endpoint::listFromAllTrustees(), std::runtime_error);
+                      EXPECT_THROW(Endpoint::findFromAllTrustees(tag, key), std::runtime_error);
                       Endpoint endpoint(bens, tag, "ben's key");
                       EXPECT_ANY_THROW(endpoint.addTrustees({friends}));
                       EXPECT_EQ(endpoint.getTrustees(), Trustees());

@@ -1,5 +1,7 @@
 #include "endpointregistry/detail/GroupFiles.h"
 
+#include "endpointregistry/detail/GroupFolder.h"
+#include "endpointregistry/detail/LockedFileImpl.h"
 #include "tests/endpointregistry/FoldersTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -7,12 +9,14 @@
 #include "tests/support/TestAccounts.h"
 
 #include <cerrno>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 using namespace agent::spf::endpointregistry;
 using tests::as;
@@ -67,6 +71,18 @@ protected:
 };
 
 } // namespace
+
+TEST_F(GroupFilesMoved, LooksForTheFolderAnewThatWasRemovedBeforeTheFileWasMade) {
+    as(anna, [] {
+        GroupFolder opened = GroupFolder::openOrCreate(parent, friends);
+        ASSERT_EQ(::rmdir(folder.c_str()), 0);
+        const LockedFile::Impl impl(name, std::move(opened), friends, false,
+                                    Waiting::forOneHolder(std::chrono::hours(1)), {});
+        EXPECT_FALSE(impl.isLocked());
+        EXPECT_FALSE(impl.isStillNamed());
+        EXPECT_TRUE(groupfiles::getLock(name, parent, friends).isLocked());
+    });
+}
 
 TEST_F(GroupFilesMoved, GivesNoLockWhereNobodyElseLooksForIt) {
     ForkedProcess first([](Channel& test) { hold(test, anna); });

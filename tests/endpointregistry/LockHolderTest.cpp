@@ -9,8 +9,10 @@
 #include "tests/support/ForkedProcess.h"
 #include "tests/support/TestAccounts.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits>
@@ -18,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -59,7 +62,8 @@ TEST_F(LockHolder, IsTheProcessThatWaitedForTheLock) {
         EXPECT_EQ(holder()->process, ::getpid());
     }
     EXPECT_FALSE(holder());
-    const groupfiles::LockOrHolder bounded = groupfiles::getLockWithin(name, parent, privately, 1h);
+    const groupfiles::LockOrHolder bounded =
+        groupfiles::getLockWithin(name, parent, privately, Waiting::forOneHolder(1h));
     ASSERT_TRUE(holder());
     EXPECT_EQ(holder()->process, ::getpid());
 }
@@ -150,12 +154,53 @@ TEST_F(LockHolder, IsNobodyWhereAnAbsurdMarkStands) {
             EXPECT_NE(holder()->process, ::getpid()) << start;
             EXPECT_TRUE(hold()->isLocked()) << start;
             const groupfiles::LockOrHolder bounded =
-                groupfiles::getLockWithin(name, parent, privately, 0ms);
+                groupfiles::getLockWithin(name, parent, privately, Waiting::once());
             EXPECT_TRUE(bounded.lock.isLocked()) << start;
             EXPECT_EQ(bounded.holder, 0) << start;
             markWith(readable, F_UNLCK, 0, 0);
         }
     }
+}
+
+TEST_F(LockHolder, ThatHasLongKeptTheLockIsNotWaitedForAsLongAgain) {
+    const LockedFile file = LockedFile::tryLock(name, parent, "");
+    const FileDescriptor marked = tests::openFile(path());
+    // As if it had been taken ten minutes ago.
+    constexpr unsigned numberBits = 40;
+    constexpr std::uint64_t process = 4711;
+    const auto then = std::chrono::steady_clock::now().time_since_epoch() - 10min;
+    const auto number = static_cast<std::uint64_t>(std::chrono::nanoseconds(then).count()) &
+                        ((std::uint64_t{1} << numberBits) - 1);
+    markWith(marked, F_RDLCK, static_cast<off_t>(process << numberBits | number), 1);
+    ASSERT_TRUE(holder());
+    EXPECT_GE(holder()->age(), 10min);
+    const groupfiles::LockOrHolder result =
+        groupfiles::getLockWithin(name, parent, privately, Waiting::briefly(5min, 1h));
+    EXPECT_FALSE(result.lock.isLocked());
+    EXPECT_EQ(result.holder, process);
+}
+
+TEST_F(LockHolder, IsNotOldWhileItIsNew) {
+    const auto file = hold();
+    ASSERT_TRUE(holder());
+    EXPECT_LT(holder()->age(), 10min);
+}
+
+TEST_F(LockHolder, WhoLooksLikeManyIsNotWaitedForWithoutEndByWhoeverCanDoWithoutTheLock) {
+    const LockedFile file = LockedFile::tryLock(name, parent, "");
+    const FileDescriptor marked = tests::openFile(path());
+    std::atomic<bool> isOver{false};
+    std::thread marking([&] {
+        while (!isOver) {
+            markHolder(marked.get(), ::getpid());
+            unmarkHolder(marked.get());
+        }
+    });
+    const groupfiles::LockOrHolder result =
+        groupfiles::getLockWithin(name, parent, privately, Waiting::briefly(1h, 20ms));
+    isOver = true;
+    marking.join();
+    EXPECT_FALSE(result.lock.isLocked());
 }
 
 TEST_F(LockHolder, IsUnknownWhereSomebodyKeepsItFromMarking) {
@@ -166,7 +211,7 @@ TEST_F(LockHolder, IsUnknownWhereSomebodyKeepsItFromMarking) {
     const LockedFile file = LockedFile::getLock(name, parent, "");
     ASSERT_TRUE(file.isLocked());
     const groupfiles::LockOrHolder refused =
-        groupfiles::getLockWithin(name, parent, privately, 0ms);
+        groupfiles::getLockWithin(name, parent, privately, Waiting::once());
     EXPECT_FALSE(refused.lock.isLocked());
     EXPECT_EQ(refused.holder, 0);
 }

@@ -37,7 +37,8 @@ public:
         : process([user](Channel& test) {
             accounts::become(user);
             {
-                const auto result = groupfiles::getLockWithin(name, parent, friends, 1h);
+                const auto result =
+                    groupfiles::getLockWithin(name, parent, friends, Waiting::forOneHolder(1h));
                 test.send(result.lock.isLocked() ? "locked" : "not locked");
                 test.receive();
             }
@@ -65,7 +66,8 @@ TEST_F(LockWaitingInAGroup, EndsWithTheProcessIdOfAnotherUsersProcessThatIsStopp
     holder.expectLocked();
     tests::stop(holder.pid());
     as(ben, [&] {
-        const auto result = groupfiles::getLockWithin(name, parent, friends, 50ms);
+        const auto result =
+            groupfiles::getLockWithin(name, parent, friends, Waiting::forOneHolder(50ms));
         EXPECT_FALSE(result.lock.isLocked());
         EXPECT_EQ(result.lock.getLockError(), EWOULDBLOCK);
         EXPECT_EQ(result.holder, holder.pid());
@@ -103,13 +105,17 @@ TEST_F(LockWaitingInAGroup, MovesOnToTheFolderThatTookThePlace) {
 }
 
 TEST_F(LockWaitingInAGroup, RefusesStrangersAndWhatDoesNotBelongToTheGroup) {
-    as(anna,
-       [] { EXPECT_TRUE(groupfiles::getLockWithin(name, parent, friends, 0ms).lock.isLocked()); });
+    as(anna, [] {
+        EXPECT_TRUE(
+            groupfiles::getLockWithin(name, parent, friends, Waiting::once()).lock.isLocked());
+    });
     as(carl, [] {
-        EXPECT_THROW(groupfiles::getLockWithin(name, parent, friends, 0ms), std::runtime_error);
+        EXPECT_THROW(groupfiles::getLockWithin(name, parent, friends, Waiting::once()),
+                     std::runtime_error);
     });
     fs::permissions(path, fs::perms::owner_read);
     as(anna, [] {
-        EXPECT_THROW(groupfiles::getLockWithin(name, parent, friends, 0ms), std::runtime_error);
+        EXPECT_THROW(groupfiles::getLockWithin(name, parent, friends, Waiting::once()),
+                     std::runtime_error);
     });
 }

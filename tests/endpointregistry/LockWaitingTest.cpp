@@ -33,7 +33,7 @@ const std::string privately;
 class LockWaiting : public tests::LockedFileTest {
 protected:
     groupfiles::LockOrHolder lockWithin(std::chrono::milliseconds timeout) const {
-        return groupfiles::getLockWithin(name, parent, privately, timeout);
+        return groupfiles::getLockWithin(name, parent, privately, Waiting::forOneHolder(timeout));
     }
 
     void keepLock(Channel& test) const {
@@ -202,8 +202,10 @@ TEST_F(LockWaiting, ReportsWhyAFileCanBeNeitherOpenedNorMade) {
     fs::create_directory(path());
     EXPECT_THROW(lockWithin(1h), std::runtime_error);
     fs::remove(path());
-    EXPECT_THROW(groupfiles::getLockWithin("", parent, privately, 1h), std::invalid_argument);
-    EXPECT_THROW(groupfiles::getLockWithin(name, "", privately, 1h), std::invalid_argument);
+    EXPECT_THROW(groupfiles::getLockWithin("", parent, privately, Waiting::forOneHolder(1h)),
+                 std::invalid_argument);
+    EXPECT_THROW(groupfiles::getLockWithin(name, "", privately, Waiting::forOneHolder(1h)),
+                 std::invalid_argument);
 }
 
 TEST_F(LockWaiting, TakesNextToNoProcessorTime) {
