@@ -1,12 +1,15 @@
 #include "tests/platform/SysVTools.h"
 
+#include <array>
 #include <cerrno>
 #include <functional>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -190,6 +193,53 @@ TEST_F(SysVUsers, TrustRootAsTheyTrustMembers) {
         EXPECT_FALSE(createForFriends("name").isAttached());
     });
     as(accounts::carl, [] { EXPECT_FALSE(findForFriends("name").isAttached()); });
+}
+
+/// Runs the body as root in no group, and without the right to use what permissions deny it of
+/// System V memory, as in a container.
+void asRootWithoutRights(const std::function<void()>& body) {
+    EXPECT_EQ(tests::runInChild([&] {
+                  ASSERT_EQ(::setgroups(0, nullptr), 0);
+                  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+                  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> rights{};
+                  ASSERT_EQ(::syscall(SYS_capget, &header, rights.data()), 0);
+                  rights[0].effective &= ~(1U << CAP_IPC_OWNER);
+                  rights[0].permitted &= ~(1U << CAP_IPC_OWNER);
+                  ASSERT_EQ(::syscall(SYS_capset, &header, rights.data()), 0);
+                  body();
+              }),
+              0);
+}
+
+TEST_F(SysVUsers, RootWithoutRightsLeavesAMembersSegmentAlone) {
+    Owner anna(accounts::anna, "name", accounts::friends, 9);
+    const std::string record = sysv::fileContent(sysv::recordOf("name", accounts::friends));
+    asRootWithoutRights([] {
+        EXPECT_FALSE(findForFriends("name").isAttached());
+        EXPECT_THROW(createForFriends("name"), std::runtime_error);
+        EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
+        EXPECT_TRUE(createForFriends("other").isCreator());
+        EXPECT_TRUE(create("name").isCreator());
+    });
+    EXPECT_EQ(sysv::fileContent(sysv::recordOf("name", accounts::friends)), record);
+    EXPECT_EQ(sysv::segments().size(), 1U);
+    as(accounts::ben, [] {
+        const SharedMemory found = findForFriends("name");
+        ASSERT_TRUE(found.isAttached());
+        EXPECT_EQ(bytesOf(found)[0], 9);
+    });
+    anna.end();
+    EXPECT_EQ(sysv::allRecords().size(), 0U);
+}
+
+TEST_F(SysVUsers, RootWithoutRightsKeepsTheNoteOfASegmentThatItMayNotRemove) {
+    as(accounts::anna, [] { createForFriends("name").makePersistent(); });
+    as(accounts::ben, [] { findForFriends("name").markForDeletion(); });
+    asRootWithoutRights(sysv::useTheServiceForFriends);
+    EXPECT_EQ(sysv::hiddenRecords().size(), 1U);
+    as(accounts::anna, sysv::useTheServiceForFriends);
+    EXPECT_EQ(sysv::segments().size(), 0U);
+    EXPECT_EQ(sysv::hiddenRecords().size(), 0U);
 }
 
 TEST_F(SysVUsers, HaveSeparateSegmentsForEveryTrustee) {
