@@ -199,6 +199,27 @@ TEST_F(EndpointSharingMembership, IsNotAskedForByTheFirstToShareEither) {
     expectBenGoesOn({});
 }
 
+TEST_F(EndpointSharingMembership, AWithdrawalLeavesNoTracesWhereTheDatabasesCannotBeAsked) {
+    const auto withdrawals = {
+        +[](Sharer& publisher) { publisher.remove({friends}); },
+        +[](Sharer& publisher) { publisher.end(); },
+    };
+    for (const auto& withdraw : withdrawals) {
+        for (const std::string& database : {accounts::groupDatabase, accounts::userDatabase}) {
+            SCOPED_TRACE(database);
+            onAnotherMachine([&] {
+                accounts::replaceDatabase(database, accounts::contentOfDatabase(database));
+                Sharer publisher(anna, annas, tag, key, {friends});
+                ASSERT_EQ(::chmod(database.c_str(), 0600), 0);
+                withdraw(publisher);
+                EXPECT_EQ(tests::sharedEntries(friends), tests::Names());
+                ASSERT_EQ(::chmod(database.c_str(), 0644), 0);
+                as(ben, [] { tests::expectNothingShared(friends); });
+            });
+        }
+    }
+}
+
 TEST_F(EndpointSharingMembership, OfAGroupThatCannotBeNamedMakesNothingASecondTime) {
     Sharer publisher(anna, annas, tag, key, {friends});
     const auto before = everythingLasting();
