@@ -1,5 +1,6 @@
 #include "endpointregistry/NamedStringArray.h"
 
+#include "tests/endpointregistry/LockWaitingTools.h"
 #include "tests/endpointregistry/LockedFileProcesses.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/NamedStringArrayTools.h"
@@ -22,18 +23,12 @@ namespace {
 /// Tables that are removed between being found and being locked.
 class NamedStringArrayGone : public tests::NamedStringArrayTest {
 protected:
-    void SetUp() override {
-        if (!tests::canSeeWaiting()) {
-            GTEST_SKIP() << tests::whyWaitingIsNotSeen;
-        }
-    }
-
     /// Lets a process begin the operation and, while it waits for the lock, others do something.
     void meanwhile(const std::function<void()>& operation, const std::function<void()>& others) {
         std::optional<LockedFile> lock = table.lock();
+        const tests::Openings openings(lockPath);
         ForkedProcess child([&](Channel&) { operation(); });
-        tests::waitUntil([&] { return tests::hasOpen(child.pid(), "baseLock"); },
-                         "waiting for the lock");
+        openings.wait();
         others();
         lock.reset();
         EXPECT_EQ(child.waitForExit(), 0);
@@ -50,6 +45,8 @@ protected:
         removeByHand();
         table.plant(9, 8, {std::string("\1other\0\0", 8), std::string("\1first\0\0", 8)});
     }
+
+    const std::string lockPath = tests::privateFolder("qvNamedStringArray") + "baseLock";
 };
 
 } // namespace
@@ -134,9 +131,9 @@ TEST_F(NamedStringArrayGone, AreDeletedOnceByTwo) {
 TEST_F(NamedStringArrayGone, AndTheLockFileWithThemAreMadeAnew) {
     array.insert("first");
     std::optional<LockedFile> lock = table.lock();
+    const tests::Openings openings(lockPath);
     ForkedProcess child([this](Channel&) { table.array().insert("next"); });
-    tests::waitUntil([&] { return tests::hasOpen(child.pid(), "baseLock"); },
-                     "waiting for the lock");
+    openings.wait();
     removeByHand();
     lock->markForDeletion();
     lock.reset();
