@@ -11,6 +11,9 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <vector>
 
 using agent::spf::endpointregistry::LockedFile;
 using tests::BaseContent;
@@ -44,6 +47,13 @@ protected:
     void replaceByHand() {
         removeByHand();
         table.plant(9, 8, {std::string("\1other\0\0", 8), std::string("\1first\0\0", 8)});
+    }
+
+    /// As with the logout of the user who made the table: no other process is told.
+    static void removeFromKernel() {
+        for (const int id : tests::kernelSegments()) {
+            ASSERT_EQ(::shmctl(id, IPC_RMID, nullptr), 0);
+        }
     }
 
     const std::string lockPath = tests::privateFolder("qvNamedStringArray") + "baseLock";
@@ -102,6 +112,33 @@ TEST_F(NamedStringArrayGone, AreReadWhereTheyWereReplaced) {
         [this] { replaceByHand(); });
     meanwhile([this] { EXPECT_EQ(table.dimensions(), tests::Dimensions(2, 8)); },
               [this] { replaceByHand(); });
+}
+
+TEST_F(NamedStringArrayGone, AReaderThatWaitedReadsTheTableThatFollowedOneLostToALogout) {
+    // The next table counts its generations from the beginning, so its container has the name of
+    // the old one's.
+    array.insert("first");
+    for (const unsigned long width : {16UL, 8UL}) {
+        const std::vector<std::string> rows(10, tests::padded("\1next", width));
+        meanwhile(
+            [&] {
+                EXPECT_EQ(table.array().filter({}), Entries(rows.size(), {"next"}));
+                EXPECT_EQ(table.dimensions(), tests::Dimensions(rows.size(), width));
+            },
+            [&] {
+                removeFromKernel();
+                table.plant(2, width, rows);
+            });
+    }
+    meanwhile([this] { EXPECT_EQ(table.array().filter({}), Entries()); }, removeFromKernel);
+}
+
+TEST_F(NamedStringArrayGone, AContainerOfAnotherSizeIsNotReadAsTheTablesOwn) {
+    array.insert("first");
+    // Rows twice as wide as the base says.
+    table.plantContainer(
+        2, tests::containerOf(std::vector<std::string>(10, tests::padded("\1longer one", 16))));
+    EXPECT_EQ(array.filter({}), Entries());
 }
 
 TEST_F(NamedStringArrayGone, AreEmptyToReaders) {

@@ -146,3 +146,25 @@ TEST_F(NamedStringArrayUsers, LoseATableThatItsMakersLoginTookAlong) {
     insertAs(accounts::ben, "b");
     expectRows({{"b"}});
 }
+
+TEST_F(NamedStringArrayUsers, ANewTableLeavesNoContainerOfOneThatALogoutEnded) {
+    insertAs(accounts::anna, "of anna");
+    insertAs(accounts::ben, "an entry that is wider than the first");
+    insertAs(accounts::ben, "an entry that is wider than the second by far");
+    const unsigned long last = shared.generation();
+    ASSERT_TRUE(shared.hasContainer(last));
+    // Of the base, which was hers.
+    as(accounts::anna, [] {
+        for (const int id : tests::kernelSegments()) {
+            ::shmctl(id, IPC_RMID, nullptr);
+        }
+    });
+    ASSERT_FALSE(shared.hasBase());
+    ASSERT_TRUE(shared.hasContainer(last)) << "ben's";
+    insertAs(accounts::anna, "a");
+    ASSERT_LT(shared.generation(), last);
+    EXPECT_FALSE(shared.hasContainer(last));
+    expectRows({{"a"}});
+    as(accounts::ben, tests::useSharedMemoryOfFriends);
+    EXPECT_EQ(tests::kernelSegments().size(), 2U) << "he was told to remove it";
+}
