@@ -297,6 +297,37 @@ TEST_F(EndpointSharingMembership, IsAskedForOnlyBelowAFolderThatMayHandItsGroupD
     });
 }
 
+TEST_F(EndpointSharingMembership, AWithdrawalDoesNotAskWhoseTheFoldersAreThatItHasUsed) {
+    onAnotherMachine([] {
+        accounts::replaceDatabase(accounts::groupDatabase,
+                                  accounts::contentOfDatabase(accounts::groupDatabase));
+        tests::makeFolder(tests::sharedTop, 0777);
+        for (const std::string& parent :
+             {tests::entryParent, tests::tableParent, tests::segmentParent}) {
+            const std::string level = tests::sharedTop + "/" + parent;
+            tests::makeFolder(level, 0777);
+            ASSERT_EQ(::chown(level.c_str(), 0, accounts::groupId(friends)), 0);
+        }
+        tests::useShortly(anna, friends);
+        // Each is another member's.
+        fs::remove_all(tests::recordFolder(friends));
+        tests::useShortly(ben, friends);
+        ASSERT_NE(tests::statusOf(tests::recordFolder(friends)).st_uid,
+                  tests::statusOf(tests::sharedFolder(tests::tableParent, friends)).st_uid);
+        Sharer publisher(anna, annas, tag, key, {friends});
+        for (const std::string& database : {accounts::groupDatabase, accounts::userDatabase}) {
+            ASSERT_EQ(::chmod(database.c_str(), 0600), 0);
+        }
+        publisher.remove({friends});
+        EXPECT_EQ(tests::sharedEntries(friends), tests::Names());
+        for (const std::string& database : {accounts::groupDatabase, accounts::userDatabase}) {
+            ASSERT_EQ(::chmod(database.c_str(), 0644), 0);
+        }
+        as(ben, [] { tests::expectNothingShared(friends); });
+        publisher.end();
+    });
+}
+
 TEST_F(EndpointSharingMembership, IsWhatAStrangersFolderLacksThatGotTheGroupHandedDown) {
     for (const std::string& parent :
          {tests::entryParent, tests::tableParent, tests::segmentParent}) {
