@@ -1,15 +1,19 @@
 #include "endpointregistry/NamedStringArray.h"
 
+#include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/NamedStringArrayTools.h"
+#include "tests/platform/RecordTools.h"
 #include "tests/support/TestAccounts.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 #include <sys/shm.h>
 
 using tests::as;
+using tests::BaseContent;
 using tests::Dimensions;
 using tests::Entries;
 
@@ -167,4 +171,21 @@ TEST_F(NamedStringArrayUsers, ANewTableLeavesNoContainerOfOneThatALogoutEnded) {
     expectRows({{"a"}});
     as(accounts::ben, tests::useSharedMemoryOfFriends);
     EXPECT_EQ(tests::kernelSegments().size(), 2U) << "he was told to remove it";
+}
+
+TEST_F(NamedStringArrayUsers, ATableWhoseContainerCannotBeOpenedIsNotReplaced) {
+    insertAs(accounts::anna, "of anna");
+    const BaseContent base = shared.base();
+    const std::string baseRecord = tests::sysv::recordOf(shared.baseName(), accounts::friends);
+    const std::string containerRecord =
+        tests::sysv::recordOf(shared.containerName(shared.generation()), accounts::friends);
+    const auto before = foundation::os::identityAt(baseRecord);
+    // By a mistake, something else stands there.
+    std::filesystem::remove(containerRecord);
+    std::filesystem::create_directory(containerRecord);
+    as(accounts::ben,
+       [this] { EXPECT_THROW(shared.array().insert("of ben"), std::runtime_error); });
+    EXPECT_EQ(foundation::os::identityAt(baseRecord), before);
+    EXPECT_EQ(shared.base(), base);
+    std::filesystem::remove(containerRecord);
 }
