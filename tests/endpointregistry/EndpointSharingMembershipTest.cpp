@@ -304,7 +304,7 @@ TEST_F(EndpointSharingMembership, AWithdrawalDoesNotAskWhoseTheFoldersAreThatItH
         tests::makeFolder(tests::sharedTop, 0777);
         for (const std::string& parent :
              {tests::entryParent, tests::tableParent, tests::segmentParent}) {
-            const std::string level = tests::sharedTop + "/" + parent;
+            const std::string level = fs::path(tests::sharedTop) / parent;
             tests::makeFolder(level, 0777);
             ASSERT_EQ(::chown(level.c_str(), 0, accounts::groupId(friends)), 0);
         }
