@@ -1,6 +1,6 @@
 #include "endpointregistry/EndpointMonitor.h"
 
-#include "endpointregistry/detail/JoinedRegistry.h"
+#include "endpointregistry/LockedFile.h"
 #include "tests/endpointregistry/EndpointMonitorTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -86,7 +86,7 @@ TEST_F(MonitoredGroup, AMonitorWaitsOnceForOneWhoKeepsTheTableLocked) {
                                                    tests::Trustees{friends}));
     }
     {
-        LockedFile lock = joined::getLock("baseLock", tests::tableParent, friends);
+        LockedFile lock = LockedFile::getLock("baseLock", tests::tableParent, friends);
         lock.makePersistent();
         as(ben, [&sharers] {
             EndpointMonitor monitor(tag, {friends});

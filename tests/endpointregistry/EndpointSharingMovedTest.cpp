@@ -1,7 +1,7 @@
 #include "endpointregistry/Endpoint.h"
 
+#include "endpointregistry/LockedFile.h"
 #include "endpointregistry/NamedStringArray.h"
-#include "endpointregistry/detail/JoinedRegistry.h"
 #include "tests/endpointregistry/LockWaitingTools.h"
 #include "tests/endpointregistry/SharingTools.h"
 #include "tests/support/ForkedProcess.h"
@@ -121,7 +121,7 @@ protected:
             prepareOther();
         }
         {
-            LockedFile lock = joined::getLock("baseLock", tests::tableParent, friends);
+            LockedFile lock = LockedFile::getLock("baseLock", tests::tableParent, friends);
             lock.makePersistent();
             const tests::Openings openings(tests::tableLock(friends));
             process.channel().send("begin");
