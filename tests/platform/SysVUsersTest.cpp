@@ -1,15 +1,12 @@
 #include "tests/platform/SysVTools.h"
 
-#include <array>
 #include <cerrno>
 #include <functional>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -195,17 +192,9 @@ TEST_F(SysVUsers, TrustRootAsTheyTrustMembers) {
     as(accounts::carl, [] { EXPECT_FALSE(findForFriends("name").isAttached()); });
 }
 
-/// Runs the body as root in no group, and without the right to use what permissions deny it of
-/// System V memory, as in a container.
 void asRootWithoutRights(const std::function<void()>& body) {
     EXPECT_EQ(tests::runInChild([&] {
-                  ASSERT_EQ(::setgroups(0, nullptr), 0);
-                  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-                  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> rights{};
-                  ASSERT_EQ(::syscall(SYS_capget, &header, rights.data()), 0);
-                  rights[0].effective &= ~(1U << CAP_IPC_OWNER);
-                  rights[0].permitted &= ~(1U << CAP_IPC_OWNER);
-                  ASSERT_EQ(::syscall(SYS_capset, &header, rights.data()), 0);
+                  accounts::becomeRootWithoutIpcRights();
                   body();
               }),
               0);
