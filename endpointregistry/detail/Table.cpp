@@ -188,7 +188,8 @@ bool Table::eraseContaining(const std::string& part, TableAccess::Lock need) {
     for (;;) {
         SharedMemory base = access.findBase(shape.baseName);
         if (!isInitialised(base)) {
-            return true;
+            // One that is closed to this process may have the rows.
+            return base.isAttached() || !access.isTaken(shape.baseName);
         }
         const auto lock = access.tryLock(need);
         if (!lock) {

@@ -60,7 +60,8 @@ public:
     bool insertReplacing(sharedmemory::SharedMemory& base, const Row& entry);
 
     /// Erases all rows whose first element contains this string. False, and nothing is done, when
-    /// a holder does not let go of the lock in time. Where there is no table, there is nothing to
+    /// a holder does not let go of the lock in time, or the table cannot be opened: it is closed to
+    /// this process, or something else has its name. Where there is no table, there is nothing to
     /// do.
     bool eraseContaining(const std::string& part, TableAccess::Lock need);
 

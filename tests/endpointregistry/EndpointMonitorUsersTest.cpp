@@ -1,5 +1,6 @@
 #include "endpointregistry/EndpointMonitor.h"
 
+#include "endpointregistry/LockedFile.h"
 #include "tests/endpointregistry/EndpointMonitorTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/SharingTools.h"
@@ -10,10 +11,12 @@
 #include <filesystem>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -74,6 +77,32 @@ TEST_F(MonitoredGroup, IsToldWhenAMemberIsKilled) {
         ASSERT_EQ(events.front().kind, MonitorEvent::Kind::disappeared);
     }
     EXPECT_EQ(tests::sharedEntries(friends), tests::Names());
+}
+
+TEST_F(MonitoredGroup, AMonitorWaitsOnceForOneWhoKeepsTheTableLocked) {
+    std::vector<std::unique_ptr<Sharer>> sharers;
+    for (const std::string name : {"one", "two", "three"}) {
+        sharers.push_back(std::make_unique<Sharer>(anna, DataPair("data of", name), tag, name,
+                                                   tests::Trustees{friends}));
+    }
+    {
+        LockedFile lock = LockedFile::getLock("baseLock", tests::tableParent, friends);
+        lock.makePersistent();
+        as(ben, [&sharers] {
+            EndpointMonitor monitor(tag, {friends});
+            EXPECT_EQ(monitor.take().size(), sharers.size());
+            // Whoever waits sleeps for 2 ms at a time, as a rule, and this is 2 s of waiting.
+            constexpr long sleepsOfTwoWaits = 2'000;
+            rusage usage{};
+            ASSERT_EQ(::getrusage(RUSAGE_SELF, &usage), 0);
+            const long sleeps =
+                usage.ru_nvcsw; // NOLINT(*-pro-type-union-access): as the C library declares it
+            EXPECT_LT(sleeps, sleepsOfTwoWaits);
+        });
+    }
+    for (const auto& sharer : sharers) {
+        sharer->end();
+    }
 }
 
 TEST_F(MonitoredGroup, AndOnesOwnEntriesAreSearchedInTheOrderOfTheTrustees) {

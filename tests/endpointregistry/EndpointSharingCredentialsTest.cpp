@@ -189,3 +189,28 @@ TEST_F(EndpointSharingCredentials, AreEnoughForManyUsersThatComeOnceEach) {
     // The one that each made last cannot be removed by others; the kernel counts in thousands.
     EXPECT_LE(tests::kernelSegments().size(), users + 2);
 }
+
+TEST_F(EndpointSharingCredentials, RootWithoutRightsFindsWhatLivesAndLeavesTheDeadToMembers) {
+    const auto asRootWithoutRights = [](const DataPairs& expected) {
+        EXPECT_EQ(tests::runInChild([&] {
+                      accounts::becomeRootWithoutIpcRights();
+                      EXPECT_EQ(Endpoint::list({friends}), expected);
+                      EXPECT_EQ(Endpoint::find(tag, key, {friends}), annas);
+                  }),
+                  0);
+    };
+    Sharer publisher(anna, annas, tag, key, {friends});
+    Sharer killed(ben, carls, tag, "another key", {friends});
+    asRootWithoutRights({annas, carls});
+    killed.kill();
+    asRootWithoutRights({annas});
+    // Without its file, nobody would look for its row.
+    EXPECT_EQ(tests::sharedEntries(friends).size(), 2U);
+    as(ben, [] {
+        EXPECT_EQ(Endpoint::list({friends}), DataPairs{annas});
+        EXPECT_EQ(tests::rowsOf(friends).size(), 1U);
+    });
+    EXPECT_EQ(tests::sharedEntries(friends).size(), 1U);
+    publisher.end();
+    as(ben, [] { tests::expectNothingShared(friends); });
+}

@@ -5,6 +5,7 @@
 #include "tests/endpointregistry/SharingTools.h"
 #include "tests/support/ForkedProcess.h"
 #include "tests/support/TestAccounts.h"
+#include "tests/support/TracedProcess.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -14,8 +15,10 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <sched.h>
+#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
@@ -29,6 +32,7 @@ using tests::KernelSegment;
 using tests::Names;
 using tests::Rows;
 using tests::Sharer;
+using tests::TracedProcess;
 
 namespace {
 
@@ -45,6 +49,8 @@ const DataPair annas("data of", "anna");
 const DataPair bens("data of", "ben");
 const DataPair later("something", "later");
 const DataPair unheld("data of", "nora");
+
+constexpr int untilTheEnd = 100'000;
 
 Sharer sharerOf(const DataPair& data, const std::string& user) {
     return {user, data, tag, data.second, {friends}};
@@ -245,6 +251,23 @@ TEST_F(EndpointSharingLogout, IsSurvivedByALookupThatIsAtIt) {
     first.end();
     second.end();
     expectNothingLeft();
+}
+
+TEST_F(EndpointSharingLogout, HidesNothingFromALookupThatIsAboutToLockTheTable) {
+    Sharer first = sharerOf(annas, anna);
+    TracedProcess reader([] {
+        accounts::become(ben);
+        if (Endpoint::list({friends}) != DataPairs{annas}) {
+            throw std::runtime_error("The lookup does not find what lives.");
+        }
+    });
+    ASSERT_TRUE(reader.runToCall(SYS_flock, [](const auto&) { return true; }));
+    tests::logOut(anna);
+    // The next table looks just as the one that was found, in its container's name and size.
+    Sharer second = sharerOf(unheld, ben);
+    EXPECT_FALSE(reader.run(untilTheEnd));
+    second.end();
+    first.end();
 }
 
 TEST_F(EndpointSharingLogout, IsLikeLivingInAnotherIpcNamespace) {

@@ -199,6 +199,27 @@ TEST_F(EndpointSharingMembership, IsNotAskedForByTheFirstToShareEither) {
     expectBenGoesOn({});
 }
 
+TEST_F(EndpointSharingMembership, AWithdrawalLeavesNoTracesWhereTheDatabasesCannotBeAsked) {
+    const auto withdrawals = {
+        +[](Sharer& publisher) { publisher.remove({friends}); },
+        +[](Sharer& publisher) { publisher.end(); },
+    };
+    for (const auto& withdraw : withdrawals) {
+        for (const std::string& database : {accounts::groupDatabase, accounts::userDatabase}) {
+            SCOPED_TRACE(database);
+            onAnotherMachine([&] {
+                accounts::replaceDatabase(database, accounts::contentOfDatabase(database));
+                Sharer publisher(anna, annas, tag, key, {friends});
+                ASSERT_EQ(::chmod(database.c_str(), 0600), 0);
+                withdraw(publisher);
+                EXPECT_EQ(tests::sharedEntries(friends), tests::Names());
+                ASSERT_EQ(::chmod(database.c_str(), 0644), 0);
+                as(ben, [] { tests::expectNothingShared(friends); });
+            });
+        }
+    }
+}
+
 TEST_F(EndpointSharingMembership, OfAGroupThatCannotBeNamedMakesNothingASecondTime) {
     Sharer publisher(anna, annas, tag, key, {friends});
     const auto before = everythingLasting();
@@ -275,6 +296,37 @@ TEST_F(EndpointSharingMembership, IsAskedForOnlyBelowAFolderThatMayHandItsGroupD
         Sharer second(ben, bens, tag, key, {anna});
         as(anna, [] { EXPECT_EQ(Endpoint::list({anna}), DataPairs{bens}); });
         second.end();
+    });
+}
+
+TEST_F(EndpointSharingMembership, AWithdrawalDoesNotAskWhoseTheFoldersAreThatItHasUsed) {
+    onAnotherMachine([] {
+        accounts::replaceDatabase(accounts::groupDatabase,
+                                  accounts::contentOfDatabase(accounts::groupDatabase));
+        tests::makeFolder(tests::sharedTop, 0777);
+        for (const std::string& parent :
+             {tests::entryParent, tests::tableParent, tests::segmentParent}) {
+            const std::string level = fs::path(tests::sharedTop) / parent;
+            tests::makeFolder(level, 0777);
+            ASSERT_EQ(::chown(level.c_str(), 0, accounts::groupId(friends)), 0);
+        }
+        tests::useShortly(anna, friends);
+        // Each is another member's.
+        fs::remove_all(tests::recordFolder(friends));
+        tests::useShortly(ben, friends);
+        ASSERT_NE(tests::statusOf(tests::recordFolder(friends)).st_uid,
+                  tests::statusOf(tests::sharedFolder(tests::tableParent, friends)).st_uid);
+        Sharer publisher(anna, annas, tag, key, {friends});
+        for (const std::string& database : {accounts::groupDatabase, accounts::userDatabase}) {
+            ASSERT_EQ(::chmod(database.c_str(), 0600), 0);
+        }
+        publisher.remove({friends});
+        EXPECT_EQ(tests::sharedEntries(friends), tests::Names());
+        for (const std::string& database : {accounts::groupDatabase, accounts::userDatabase}) {
+            ASSERT_EQ(::chmod(database.c_str(), 0644), 0);
+        }
+        as(ben, [] { tests::expectNothingShared(friends); });
+        publisher.end();
     });
 }
 

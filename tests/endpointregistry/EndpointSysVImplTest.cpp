@@ -10,12 +10,14 @@
 #include "tests/endpointregistry/SharingTools.h"
 #include "tests/support/TestAccounts.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <unistd.h>
 #include <vector>
 
@@ -167,6 +169,28 @@ TEST_F(EndpointSysVImpl, TakesOverTheNameOfADeadOneOfAnotherMember) {
             EXPECT_TRUE(tests::isHeld(tests::sharedPath(friends, ownName())));
         }
         tests::expectNothingShared(friends);
+    });
+}
+
+TEST_F(EndpointSysVImpl, ADeadPublishersFileThatCannotBeClearedAwayIsNoLivingDuplicate) {
+    asAnna([] {
+        SharedTrace dead(ownName(), {});
+        dead.die();
+        const std::string path = tests::sharedPath(friends, ownName());
+        {
+            // Somebody else is clearing up in the folder, and was stopped in it.
+            const auto folder = tests::openFile(path.substr(0, path.rfind('/')));
+            ASSERT_EQ(::flock(folder.get(), LOCK_EX | LOCK_NB), 0);
+            tests::expectReported<std::runtime_error>(
+                [] { const Record record(data, tag, key, friends); },
+                "System Error: File system inconsistency",
+                "Endpoint::Impl::createLockedFile(): Failed to create file: <" + path +
+                    ">. (Error " + std::to_string(EEXIST) + ")");
+            EXPECT_EQ(tests::rowsOf(friends), Rows());
+            EXPECT_TRUE(dead.isThere());
+        }
+        const Record record(data, tag, key, friends);
+        EXPECT_EQ(Record::getDataPair(ownName(), friends), data);
     });
 }
 

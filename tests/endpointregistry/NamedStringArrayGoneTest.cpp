@@ -1,5 +1,6 @@
 #include "endpointregistry/NamedStringArray.h"
 
+#include "tests/endpointregistry/LockWaitingTools.h"
 #include "tests/endpointregistry/LockedFileProcesses.h"
 #include "tests/endpointregistry/LockedFileTools.h"
 #include "tests/endpointregistry/NamedStringArrayTools.h"
@@ -10,6 +11,9 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <vector>
 
 using agent::spf::endpointregistry::LockedFile;
 using tests::BaseContent;
@@ -22,18 +26,12 @@ namespace {
 /// Tables that are removed between being found and being locked.
 class NamedStringArrayGone : public tests::NamedStringArrayTest {
 protected:
-    void SetUp() override {
-        if (!tests::canSeeWaiting()) {
-            GTEST_SKIP() << tests::whyWaitingIsNotSeen;
-        }
-    }
-
     /// Lets a process begin the operation and, while it waits for the lock, others do something.
     void meanwhile(const std::function<void()>& operation, const std::function<void()>& others) {
         std::optional<LockedFile> lock = table.lock();
+        const tests::Openings openings(lockPath);
         ForkedProcess child([&](Channel&) { operation(); });
-        tests::waitUntil([&] { return tests::hasOpen(child.pid(), "baseLock"); },
-                         "waiting for the lock");
+        openings.wait();
         others();
         lock.reset();
         EXPECT_EQ(child.waitForExit(), 0);
@@ -50,6 +48,15 @@ protected:
         removeByHand();
         table.plant(9, 8, {std::string("\1other\0\0", 8), std::string("\1first\0\0", 8)});
     }
+
+    /// As with the logout of the user who made the table: no other process is told.
+    static void removeFromKernel() {
+        for (const int id : tests::kernelSegments()) {
+            ASSERT_EQ(::shmctl(id, IPC_RMID, nullptr), 0);
+        }
+    }
+
+    const std::string lockPath = tests::privateFolder("qvNamedStringArray") + "baseLock";
 };
 
 } // namespace
@@ -107,6 +114,33 @@ TEST_F(NamedStringArrayGone, AreReadWhereTheyWereReplaced) {
               [this] { replaceByHand(); });
 }
 
+TEST_F(NamedStringArrayGone, AReaderThatWaitedReadsTheTableThatFollowedOneLostToALogout) {
+    // The next table counts its generations from the beginning, so its container has the name of
+    // the old one's.
+    array.insert("first");
+    for (const unsigned long width : {16UL, 8UL}) {
+        const std::vector<std::string> rows(10, tests::padded("\1next", width));
+        meanwhile(
+            [&] {
+                EXPECT_EQ(table.array().filter({}), Entries(rows.size(), {"next"}));
+                EXPECT_EQ(table.dimensions(), tests::Dimensions(rows.size(), width));
+            },
+            [&] {
+                removeFromKernel();
+                table.plant(2, width, rows);
+            });
+    }
+    meanwhile([this] { EXPECT_EQ(table.array().filter({}), Entries()); }, removeFromKernel);
+}
+
+TEST_F(NamedStringArrayGone, AContainerOfAnotherSizeIsNotReadAsTheTablesOwn) {
+    array.insert("first");
+    // Rows twice as wide as the base says.
+    table.plantContainer(
+        2, tests::containerOf(std::vector<std::string>(10, tests::padded("\1longer one", 16))));
+    EXPECT_EQ(array.filter({}), Entries());
+}
+
 TEST_F(NamedStringArrayGone, AreEmptyToReaders) {
     array.insert("first");
     meanwhile([this] { EXPECT_EQ(table.array().filter({}), Entries()); },
@@ -134,9 +168,9 @@ TEST_F(NamedStringArrayGone, AreDeletedOnceByTwo) {
 TEST_F(NamedStringArrayGone, AndTheLockFileWithThemAreMadeAnew) {
     array.insert("first");
     std::optional<LockedFile> lock = table.lock();
+    const tests::Openings openings(lockPath);
     ForkedProcess child([this](Channel&) { table.array().insert("next"); });
-    tests::waitUntil([&] { return tests::hasOpen(child.pid(), "baseLock"); },
-                     "waiting for the lock");
+    openings.wait();
     removeByHand();
     lock->markForDeletion();
     lock.reset();

@@ -1,15 +1,19 @@
 #include "endpointregistry/NamedStringArray.h"
 
+#include "foundation/os/FileIdentity.h"
 #include "tests/endpointregistry/NamedStringArrayTools.h"
+#include "tests/platform/RecordTools.h"
 #include "tests/support/TestAccounts.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 #include <sys/shm.h>
 
 using tests::as;
+using tests::BaseContent;
 using tests::Dimensions;
 using tests::Entries;
 
@@ -145,4 +149,43 @@ TEST_F(NamedStringArrayUsers, LoseATableThatItsMakersLoginTookAlong) {
     expectRows({});
     insertAs(accounts::ben, "b");
     expectRows({{"b"}});
+}
+
+TEST_F(NamedStringArrayUsers, ANewTableLeavesNoContainerOfOneThatALogoutEnded) {
+    insertAs(accounts::anna, "of anna");
+    insertAs(accounts::ben, "an entry that is wider than the first");
+    insertAs(accounts::ben, "an entry that is wider than the second by far");
+    const unsigned long last = shared.generation();
+    ASSERT_TRUE(shared.hasContainer(last));
+    // Of the base, which was hers.
+    as(accounts::anna, [] {
+        for (const int id : tests::kernelSegments()) {
+            ::shmctl(id, IPC_RMID, nullptr);
+        }
+    });
+    ASSERT_FALSE(shared.hasBase());
+    ASSERT_TRUE(shared.hasContainer(last)) << "ben's";
+    insertAs(accounts::anna, "a");
+    ASSERT_LT(shared.generation(), last);
+    EXPECT_FALSE(shared.hasContainer(last));
+    expectRows({{"a"}});
+    as(accounts::ben, tests::useSharedMemoryOfFriends);
+    EXPECT_EQ(tests::kernelSegments().size(), 2U) << "he was told to remove it";
+}
+
+TEST_F(NamedStringArrayUsers, ATableWhoseContainerCannotBeOpenedIsNotReplaced) {
+    insertAs(accounts::anna, "of anna");
+    const BaseContent base = shared.base();
+    const std::string baseRecord = tests::sysv::recordOf(shared.baseName(), accounts::friends);
+    const std::string containerRecord =
+        tests::sysv::recordOf(shared.containerName(shared.generation()), accounts::friends);
+    const auto before = foundation::os::identityAt(baseRecord);
+    // By a mistake, something else stands there.
+    std::filesystem::remove(containerRecord);
+    std::filesystem::create_directory(containerRecord);
+    as(accounts::ben,
+       [this] { EXPECT_THROW(shared.array().insert("of ben"), std::runtime_error); });
+    EXPECT_EQ(foundation::os::identityAt(baseRecord), before);
+    EXPECT_EQ(shared.base(), base);
+    std::filesystem::remove(containerRecord);
 }

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
@@ -19,6 +20,7 @@ namespace accounts = tests::accounts;
 namespace fs = std::filesystem;
 namespace sysv = tests::sysv;
 using agent::spf::sharedmemory::SegmentRecord;
+using agent::spf::sharedmemory::SegmentToken;
 using sysv::as;
 using sysv::createForFriends;
 using sysv::createOrFindForFriends;
@@ -190,6 +192,54 @@ TEST_F(SysVRecords, WithOtherRandomBitsThanTheirSegmentNameNothing) {
             found.markForDeletion();
         });
     }
+}
+
+TEST_F(SysVRecords, ARecordLeadsToNoSegmentThatAnotherUserMade) {
+    // As after a reboot: anna's segment is gone, its number is given out again, and somebody who
+    // could read the record knows what the segment ended with.
+    const SegmentToken token = {7};
+    as(accounts::carl,
+       [] { sysv::plant(0600, std::string(200, 'x') + '\7' + std::string(15, 0)); });
+    const auto forged = sysv::onlySegment();
+    sysv::giveTo(forged.id, forged.owner, friends, 0660);
+    plantRecord({forged.id, ::getpid(), token});
+    expectReplaced();
+    EXPECT_EQ(sysv::onlySegment().id, forged.id);
+    EXPECT_EQ(sysv::contentOf(forged.id).substr(0, 200), std::string(200, 'x'));
+    sysv::removeFromKernel(forged.id);
+}
+
+TEST_F(SysVRecords, AStrangerWhoHasReadARecordCannotForgeItsSegment) {
+    ASSERT_EQ(tests::runInChild([] {
+                  const auto startNumbering = [] { ASSERT_EQ(::unshare(CLONE_NEWIPC), 0); };
+                  startNumbering();
+                  as(accounts::anna, [] { createForFriends("name").makePersistent(); });
+                  // An administrator lets everybody read.
+                  for (const auto& path : {sysv::recordFolder(accounts::friends), path()}) {
+                      fs::permissions(path, fs::perms::others_read | fs::perms::others_exec,
+                                      fs::perm_options::add);
+                  }
+                  startNumbering();
+                  as(accounts::carl, [] {
+                      const SegmentRecord record = sysv::readRecord(path());
+                      std::string forged(tests::someSize, 'x');
+                      forged.append(record.token.begin(), record.token.end());
+                      const int id = sysv::plant(0600, forged);
+                      EXPECT_EQ(id, record.id);
+                      sysv::giveTo(id, ::geteuid(), accounts::groupId(accounts::friends), 0660);
+                  });
+                  for (const std::string& member : {accounts::anna, accounts::ben}) {
+                      as(member, [] { EXPECT_FALSE(findForFriends("name").isAttached()); });
+                  }
+                  as(accounts::ben, [] {
+                      const SharedMemory made = createOrFindForFriends("name");
+                      EXPECT_TRUE(made.isCreator());
+                      EXPECT_TRUE(tests::isZero(bytesOf(made)));
+                  });
+                  as(accounts::anna, useTheServiceForFriends);
+              }),
+              0);
+    EXPECT_EQ(sysv::allRecords(), std::vector<std::string>());
 }
 
 TEST_F(SysVRecords, ThatOthersMayWriteToNameNothing) {

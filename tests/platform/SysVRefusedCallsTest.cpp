@@ -59,7 +59,8 @@ TEST_F(SysVRefusedCalls, AreErrorsWhereASegmentCannotBeAttachedTo) {
 }
 
 TEST_F(SysVRefusedCalls, AreErrorsWhereARecordCannotBeWrittenOrNamed) {
-    for (const int call : {SCMP_SYS(pwrite64), SCMP_SYS(fchmod), SCMP_SYS(renameat2)}) {
+    for (const int call :
+         {SCMP_SYS(flock), SCMP_SYS(pwrite64), SCMP_SYS(fchmod), SCMP_SYS(renameat2)}) {
         SCOPED_TRACE(call);
         create("name"); // The folder is there.
         withRefused(call, EPERM, [] {

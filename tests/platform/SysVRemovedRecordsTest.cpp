@@ -85,6 +85,17 @@ TEST_F(SysVRemovedRecords, WhoseSegmentIsGoneAreRemovedAlone) {
     EXPECT_EQ(sysv::hiddenRecords().size(), 0U);
 }
 
+TEST_F(SysVRemovedRecords, AnyMemberRemovesANoteWhoseSegmentIsGone) {
+    // Their owner may never come back.
+    as(accounts::anna, [] { createForFriends("name").makePersistent(); });
+    as(accounts::ben, [] { findForFriends("name").markForDeletion(); });
+    as(accounts::ben, useTheServiceForFriends);
+    ASSERT_EQ(sysv::hiddenRecords().size(), 1U) << "there is a segment to be removed yet";
+    sysv::removeFromKernel(sysv::onlySegment().id);
+    as(accounts::ben, useTheServiceForFriends);
+    EXPECT_EQ(sysv::hiddenRecords().size(), 0U);
+}
+
 TEST_F(SysVRemovedRecords, ThatSomebodyIsAtAreLeftAloneMeanwhile) {
     as(accounts::anna, [] { createForFriends("name").makePersistent(); });
     as(accounts::ben, [] { findForFriends("name").markForDeletion(); });

@@ -2,6 +2,7 @@
 #include "tests/support/Sanitizers.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <iomanip>
@@ -95,6 +96,20 @@ TEST_F(SysVSegment, IsNotNamedAnyMoreOnceAnotherProgramHasRemovedIt) {
     EXPECT_FALSE(memory.isStillNamed());
     EXPECT_EQ(bytesOf(memory)[0], 7);
     sysv::useTheService();
+}
+
+TEST_F(SysVSegment, TheUsersDirectoryOfRecordsIsNotReachedThroughALink) {
+    sysv::useTheService(); // Makes the directory.
+    const std::string directory = sysv::recordFolder().substr(0, sysv::recordFolder().size() - 1);
+    const std::string elsewhere = directory + " elsewhere";
+    std::filesystem::rename(directory, elsewhere);
+    std::filesystem::create_symlink(elsewhere, directory);
+    EXPECT_THROW(find("name"), std::runtime_error);
+    EXPECT_THROW(create("name"), std::runtime_error);
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+    std::filesystem::remove(directory);
+    std::filesystem::rename(elsewhere, directory);
+    EXPECT_TRUE(create("name").isCreator());
 }
 
 class SysVWithoutDescriptors : public sysv::SysVUsersTest {

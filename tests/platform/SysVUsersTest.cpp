@@ -192,6 +192,45 @@ TEST_F(SysVUsers, TrustRootAsTheyTrustMembers) {
     as(accounts::carl, [] { EXPECT_FALSE(findForFriends("name").isAttached()); });
 }
 
+void asRootWithoutRights(const std::function<void()>& body) {
+    EXPECT_EQ(tests::runInChild([&] {
+                  accounts::becomeRootWithoutIpcRights();
+                  body();
+              }),
+              0);
+}
+
+TEST_F(SysVUsers, RootWithoutRightsLeavesAMembersSegmentAlone) {
+    Owner anna(accounts::anna, "name", accounts::friends, 9);
+    const std::string record = sysv::fileContent(sysv::recordOf("name", accounts::friends));
+    asRootWithoutRights([] {
+        EXPECT_FALSE(findForFriends("name").isAttached());
+        EXPECT_THROW(createForFriends("name"), std::runtime_error);
+        EXPECT_THROW(createOrFindForFriends("name"), std::runtime_error);
+        EXPECT_TRUE(createForFriends("other").isCreator());
+        EXPECT_TRUE(create("name").isCreator());
+    });
+    EXPECT_EQ(sysv::fileContent(sysv::recordOf("name", accounts::friends)), record);
+    EXPECT_EQ(sysv::segments().size(), 1U);
+    as(accounts::ben, [] {
+        const SharedMemory found = findForFriends("name");
+        ASSERT_TRUE(found.isAttached());
+        EXPECT_EQ(bytesOf(found)[0], 9);
+    });
+    anna.end();
+    EXPECT_EQ(sysv::allRecords().size(), 0U);
+}
+
+TEST_F(SysVUsers, RootWithoutRightsKeepsTheNoteOfASegmentThatItMayNotRemove) {
+    as(accounts::anna, [] { createForFriends("name").makePersistent(); });
+    as(accounts::ben, [] { findForFriends("name").markForDeletion(); });
+    asRootWithoutRights(sysv::useTheServiceForFriends);
+    EXPECT_EQ(sysv::hiddenRecords().size(), 1U);
+    as(accounts::anna, sysv::useTheServiceForFriends);
+    EXPECT_EQ(sysv::segments().size(), 0U);
+    EXPECT_EQ(sysv::hiddenRecords().size(), 0U);
+}
+
 TEST_F(SysVUsers, HaveSeparateSegmentsForEveryTrustee) {
     as(accounts::anna, [] {
         const SharedMemory own = create("name");

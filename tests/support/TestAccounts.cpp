@@ -2,15 +2,19 @@
 
 #include "foundation/os/Accounts.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <fstream>
 #include <grp.h>
 #include <iterator>
+#include <linux/capability.h>
 #include <pwd.h>
 #include <sched.h>
 #include <stdexcept>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -75,6 +79,17 @@ void becomeMemberOf(const std::vector<gid_t>& groups, uid_t user) {
     demand(::setgroups(groups.size(), groups.data()), "setgroups");
     demand(::setgid(user), "setgid");
     demand(::setuid(user), "setuid");
+}
+
+void becomeRootWithoutIpcRights() {
+    demand(::setgroups(0, nullptr), "setgroups");
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> rights{};
+    demand(static_cast<int>(::syscall(SYS_capget, &header, rights.data())), "capget");
+    constexpr std::uint32_t ipcOwner = 1U << CAP_IPC_OWNER;
+    rights.front().effective &= ~ipcOwner;
+    rights.front().permitted &= ~ipcOwner;
+    demand(static_cast<int>(::syscall(SYS_capset, &header, rights.data())), "capset");
 }
 
 std::string contentOfDatabase(const std::string& database) {

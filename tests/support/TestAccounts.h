@@ -34,6 +34,10 @@ void become(const std::string& user);
 void becomeMemberOf(const std::vector<std::string>& groups, uid_t user);
 void becomeMemberOf(const std::vector<gid_t>& groups, uid_t user);
 
+/// Turns the calling process, which is root's, into one that is in no group and may not use what
+/// permissions deny it of System V shared memory (CAP_IPC_OWNER), as in many containers.
+void becomeRootWithoutIpcRights();
+
 /// The user and the group database, whose lines are separated by line feeds.
 inline const std::string userDatabase = "/etc/passwd";
 inline const std::string groupDatabase = "/etc/group";
