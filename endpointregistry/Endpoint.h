@@ -89,9 +89,10 @@ public:
     //
     // Members work on a group's table by turns, and wait for as long as others take turns. One who
     // was stopped in it (by a debugger, for instance) is not waited for without end: lookups and
-    // withdrawals go on after 2 seconds for each such group, `addTrustees` gives up after 10 (see
-    // the timeouts of `NamedStringArray`). What is shared stays in sight for as long as its
-    // publisher lives, also when the table is lost, as with the logout of the user who made it.
+    // withdrawals go on after 2 seconds for each such group, or sooner where it has kept them out
+    // for that long already; `addTrustees` gives up after 10 (see the timeouts of
+    // `NamedStringArray`). What is shared stays in sight for as long as its publisher lives, also
+    // when the table is lost, as with the logout of the user who made it.
 
     /// Shares the entry with these groups, too; those it is shared with already and the empty
     /// string are passed over. Groups are taken in ascending order.
@@ -132,11 +133,13 @@ public:
     // may be called from any thread. An entry that vanishes while a lookup runs is skipped. A
     // trustee is the name of a group of the operating system, the empty string stands for the
     // caller's own entries; `...FromLocal` searches those alone,
-    // `...FromAllTrustees` those and all groups of the calling process.
+    // `...FromAllTrustees` those and all supplementary groups of the calling process that have a
+    // name.
     //
-    // All throw std::runtime_error when a folder of the registry cannot be read or the system has
-    // no descriptor or memory left, std::out_of_range when a segment's contents contradict its
-    // name, and std::invalid_argument when a folder's group is no longer known.
+    // All throw std::runtime_error when a folder of the registry cannot be read, the names of the
+    // process's groups cannot be asked for, or the system has no descriptor or memory left,
+    // std::out_of_range when a segment's contents contradict its name, and std::invalid_argument
+    // when a folder's group is no longer known.
 
     /// The data of the entry with exactly this group tag and selected key, or nothing when there
     /// is none. Trustees are searched in ascending order, so one's own entry comes first.

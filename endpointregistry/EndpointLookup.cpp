@@ -1,4 +1,6 @@
 #include "endpointregistry/Endpoint.h"
+
+#include "endpointregistry/Groups.h"
 #include "endpointregistry/detail/EndpointImpl.h"
 #include "foundation/os/Accounts.h"
 
@@ -19,6 +21,7 @@ std::set<std::string> getAllTrustees() {
     // now: a lookup would say that there is nothing.
     auto trustees = foundation::os::findOwnGroupNames();
     if (!trustees) {
+        getCurrentUserGroups(); // Says so where even the groups' numbers are not told.
         throw std::runtime_error("System error: Failed to get current user groups");
     }
     trustees->insert(local);

@@ -40,8 +40,10 @@ class NamedStringArray {
 public:
     using SharedMemory = sharedmemory::SharedMemory;
 
-    /// After this time `filter` and `getNamedStringArrayDimensions` read without the lock, until
-    /// two readings agree: a holder that was stopped changes nothing.
+    /// After this time of one holder `filter` and `getNamedStringArrayDimensions` read without the
+    /// lock, until two readings agree: a holder that was stopped changes nothing. They wait for a
+    /// moment only where it has kept others out for that long already, and no longer than
+    /// `changeTimeout` for all holders together.
     static constexpr std::chrono::seconds readTimeout{2};
 
     /// After this time all that changes a table throws std::runtime_error, which names the holder's

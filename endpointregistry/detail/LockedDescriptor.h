@@ -2,6 +2,7 @@
 
 #include "endpointregistry/detail/LockHolder.h"
 #include "foundation/os/FileDescriptor.h"
+#include "foundation/os/HighDescriptor.h"
 
 #include <sys/file.h>
 #include <sys/types.h>
@@ -46,6 +47,16 @@ public:
     void mark() noexcept {
         markHolder(descriptor.get(), owner);
         isMarked = true;
+    }
+
+    /// Moves it away from the numbers of the standard streams, where it may have landed when a
+    /// service is started without them, to be taken for one. Where no number is left, it stays.
+    void lift() noexcept {
+        if (descriptor && descriptor.get() <= STDERR_FILENO) {
+            if (auto lifted = foundation::os::duplicateAboveStreams(descriptor.get())) {
+                descriptor = std::move(lifted);
+            }
+        }
     }
 
     /// Unlocks and closes.

@@ -46,8 +46,12 @@ public:
     pid_t getHolder() const { return holder; }
     std::string getTrustee() const;
 
-    /// The public face of such a state.
-    static LockedFile wrap(std::unique_ptr<Impl> impl) { return LockedFile(std::move(impl)); }
+    /// The public face of such a state, for the locks of records and tables: they are kept away
+    /// from the numbers of the standard streams.
+    static LockedFile wrap(std::unique_ptr<Impl> impl) {
+        impl->lock.lift();
+        return LockedFile(std::move(impl));
+    }
 
     /// Removes the file in its place; one that cannot be removed is logged under its path.
     static void removeFile(const foundation::os::PathAt& where, const std::string& path);

@@ -2,6 +2,7 @@
 
 #include "endpointregistry/EntryName.h"
 #include "endpointregistry/detail/EndpointPosixImpl.h"
+#include "foundation/os/FileDescriptor.h"
 #include "tests/endpointregistry/EndpointTools.h"
 #include "tests/endpointregistry/FewDescriptors.h"
 #include "tests/endpointregistry/LockedFileTools.h"
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -28,6 +30,7 @@
 #include <vector>
 
 using namespace agent::spf::endpointregistry;
+using foundation::os::FileDescriptor;
 using tests::DataPair;
 using tests::DataPairs;
 
@@ -119,6 +122,22 @@ std::vector<Failure> failuresForWantOfDescriptors(const std::function<void()>& c
 }
 
 } // namespace
+
+TEST_F(EndpointUnderStrain, IsNotOnTheNumberOfAStandardStreamThatIsClosed) {
+    EXPECT_EQ(tests::runInChild([] {
+                  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+                      FileDescriptor(stream).reset();
+                  }
+                  const Endpoint endpoint(data, tag, key);
+                  const FileDescriptor null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+                  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+                      ::dup2(null.get(), stream);
+                  }
+                  EXPECT_EQ(tests::runInChild([] { EXPECT_EQ(Endpoint::find(tag, key), data); }),
+                            0);
+              }),
+              0);
+}
 
 TEST_F(EndpointWithoutDescriptors, IsRefusedButNoDuplicate) {
     const auto failures = failuresForWantOfDescriptors([] { const Endpoint made(data, tag, key); });

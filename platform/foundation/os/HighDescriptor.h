@@ -4,18 +4,24 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace foundation::os {
 
-/// The same open file under a number above those of the standard streams, where it may land when a
-/// service is started without them, to be taken for one. Empty, with errno set, when there is no
-/// number left, and what is empty stays so.
+// Where a service is started without the standard streams, what it opens may land on their numbers,
+// to be taken for one.
+
+/// The same open file under another number, above those of the standard streams. Empty, with errno
+/// set, when there is no number left.
+inline FileDescriptor duplicateAboveStreams(int descriptor) noexcept {
+    return FileDescriptor(::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
+/// The same open file, with such a number. Else as above; what is empty stays so.
 inline FileDescriptor liftDescriptor(FileDescriptor descriptor) noexcept {
-    constexpr int firstOther = STDERR_FILENO + 1;
-    if (!descriptor || descriptor.get() >= firstOther) {
-        return descriptor;
-    }
-    return FileDescriptor(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, firstOther));
+    return !descriptor || descriptor.get() > STDERR_FILENO
+               ? std::move(descriptor)
+               : duplicateAboveStreams(descriptor.get());
 }
 
 } // namespace foundation::os
