@@ -173,6 +173,20 @@ TEST_F(NamedStringArrayUsers, ANewTableLeavesNoContainerOfOneThatALogoutEnded) {
     EXPECT_EQ(tests::kernelSegments().size(), 2U) << "he was told to remove it";
 }
 
+TEST_F(NamedStringArrayUsers, ANewTableLeavesNoRecordOfOneThatARebootEnded) {
+    insertAs(accounts::anna, "of anna");
+    insertAs(accounts::anna, "an entry that is wider than the first");
+    const std::string lastRecord =
+        tests::sysv::recordOf(shared.containerName(shared.generation()), accounts::friends);
+    ASSERT_TRUE(std::filesystem::exists(lastRecord));
+    for (const int id : tests::kernelSegments()) {
+        ::shmctl(id, IPC_RMID, nullptr);
+    }
+    insertAs(accounts::ben, "b");
+    EXPECT_FALSE(std::filesystem::exists(lastRecord));
+    expectRows({{"b"}});
+}
+
 TEST_F(NamedStringArrayUsers, ATableWhoseContainerCannotBeOpenedIsNotReplaced) {
     insertAs(accounts::anna, "of anna");
     const BaseContent base = shared.base();
