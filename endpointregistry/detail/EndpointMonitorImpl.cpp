@@ -1,5 +1,7 @@
 #include "endpointregistry/detail/EndpointMonitorImpl.h"
 
+#include "foundation/os/SystemLimits.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -45,6 +47,11 @@ std::vector<EndpointMonitor::Event> EndpointMonitor::Impl::take() {
 
 std::vector<EndpointMonitor::Event> EndpointMonitor::Impl::wait(std::chrono::milliseconds timeOut) {
     const auto end = endOf(timeOut);
+    // What has just failed is not tried again before there is a reason to: whoever waits in a loop
+    // and goes on after errors would do nothing else.
+    if (hasFailed && wakeUp.wait(end - steady_clock::now()) != WakeUp::Reason::readable) {
+        return take();
+    }
     for (;;) {
         std::vector<Event> taken = take();
         const auto rest = end - steady_clock::now();
@@ -69,13 +76,26 @@ void EndpointMonitor::Impl::update(Doubtful which) {
         readAll();
         lookAgain(which);
         releaseFolders();
+        hasFailed = false;
     } catch (...) {
-        isScanDue = true;
-        releaseFolders();
-        // Who waits for the descriptor shall come back, though nothing may happen any more.
-        wakeUp.setAlarm(steady_clock::now() + 1s);
+        const bool isForWantOfDescriptors = !foundation::os::hasDescriptorLeft();
+        prepareNextAttempt();
+        if (isForWantOfDescriptors) {
+            failToWatch(foundation::os::reasonForNoDescriptor(EMFILE), EMFILE);
+        }
         throw;
     }
+}
+
+void EndpointMonitor::Impl::prepareNextAttempt() noexcept {
+    hasFailed = true;
+    isScanDue = true;
+    releaseFolders();
+    // What can be neither read nor taken now must not wake anybody again and again.
+    folders.discard();
+    wakeUp.call(false);
+    // Who waits for the descriptor shall come back, though nothing may happen any more.
+    wakeUp.setAlarm(steady_clock::now() + 1s);
 }
 
 void EndpointMonitor::Impl::readAll() {

@@ -45,6 +45,7 @@ public:
     /// As those of `DirectoryWatch`.
     std::size_t read(const Taker& take);
     std::size_t pending() const noexcept { return watch.pending(); }
+    void discard() noexcept { watch.discard(); }
 
 private:
     struct Watched {

@@ -1,10 +1,14 @@
 #include "endpointregistry/EndpointMonitor.h"
 
+#include "endpointregistry/detail/EntryFolder.h"
 #include "foundation/os/DirectoryStream.h"
 #include "tests/endpointregistry/EndpointMonitorTools.h"
 #include "tests/endpointregistry/EndpointTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
+#include "tests/support/TracedProcess.h"
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -14,6 +18,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace agent::spf::endpointregistry;
@@ -49,6 +54,24 @@ protected:
     void TearDown() override {
         fs::remove_all(away);
         tests::RegistryTest::TearDown();
+    }
+
+    /// Puts a base that others may write to in the place of the private one.
+    void replaceBase() const {
+        fs::rename(tests::privateBase(), away);
+        fs::create_directory(tests::privateBase());
+        ASSERT_EQ(::chmod(tests::privateBase().c_str(), 0777), 0);
+    }
+
+    void restoreBase() const {
+        fs::remove(tests::privateBase());
+        fs::rename(away, tests::privateBase());
+    }
+
+    /// Has a monitor compare all entries anew.
+    void moveAwayAndBack() const {
+        fs::rename(plain(tests::entryFolder()), away);
+        fs::rename(away, plain(tests::entryFolder()));
     }
 
     const fs::path away = "/dev/shm/away";
@@ -178,8 +201,7 @@ TEST_F(MonitoredFolder, ThatIsMovedAwayAndBackLosesNothing) {
     EndpointMonitor monitor;
     const Endpoint endpoint(data, tag, key);
     EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
-    fs::rename(plain(tests::entryFolder()), away);
-    fs::rename(away, plain(tests::entryFolder()));
+    moveAwayAndBack();
     EXPECT_EQ(monitor.take(), MonitorEvents());
     const Endpoint other({"other", ""}, tag, "other");
     EXPECT_EQ(monitor.take().size(), 1U);
@@ -189,9 +211,7 @@ TEST_F(MonitoredFolder, WhoseBaseIsNotToBeTrustedIsAnErrorUntilItIs) {
     EndpointMonitor monitor;
     Endpoint endpoint(data, tag, key);
     EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
-    fs::rename(tests::privateBase(), away);
-    fs::create_directory(tests::privateBase());
-    ASSERT_EQ(::chmod(tests::privateBase().c_str(), 0777), 0);
+    replaceBase();
     EXPECT_THROW(monitor.take(), std::runtime_error);
     EXPECT_THROW(monitor.find(tag, key), std::runtime_error);
     EXPECT_THROW(Endpoint::find(tag, key), std::runtime_error);
@@ -201,10 +221,64 @@ TEST_F(MonitoredFolder, WhoseBaseIsNotToBeTrustedIsAnErrorUntilItIs) {
     pollfd request{monitor.fileDescriptor(), POLLIN, 0};
     EXPECT_EQ(::poll(&request, 1, limitInMilliseconds), 1);
     EXPECT_THROW(monitor.take(), std::runtime_error);
-    fs::remove(tests::privateBase());
-    fs::rename(away, tests::privateBase());
+    restoreBase();
     EXPECT_EQ(monitor.find(tag, key), data);
     EXPECT_EQ(monitor.take(), MonitorEvents());
     endpoint.reset();
     EXPECT_EQ(monitor.take(), MonitorEvents{disappearance()});
+}
+
+namespace {
+
+/// Whether the descriptor is not readable for ever while all that is taken is an error.
+bool becomesQuietByErrors(EndpointMonitor& monitor) {
+    constexpr int most = 100;
+    for (int i = 0; i < most; ++i) {
+        EXPECT_THROW(monitor.take(), std::runtime_error);
+        if (!tests::isReadable(monitor)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+TEST_F(MonitoredFolder, WhoseErrorLastsIsNotReadableForChangesThatNobodyCanRead) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    replaceBase();
+    EXPECT_TRUE(becomesQuietByErrors(monitor));
+    const fs::path changed = away / EntryFolder::parent / "file";
+    tests::makeFile(changed, 0600);
+    EXPECT_TRUE(becomesQuietByErrors(monitor));
+    fs::remove(changed);
+    restoreBase();
+    const DataPair newData("new", "");
+    const Endpoint other(newData, tag, "other");
+    EXPECT_EQ(await(monitor, 1),
+              MonitorEvents{tests::appearanceOf(newData, tag, "other", ::getpid())});
+}
+
+TEST_F(MonitoredFolder, WhoseErrorLastsIsNotReadableForEventsThatWereNotTakenBefore) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.find(tag, key), data);
+    replaceBase();
+    EXPECT_TRUE(becomesQuietByErrors(monitor));
+    restoreBase();
+    EXPECT_EQ(await(monitor, 1), MonitorEvents{appearance()});
+}
+
+TEST_F(MonitoredFolder, WhoseErrorLastsIsWaitedForBeforeTheNextAttempt) {
+    tests::TracedProcess process([this] {
+        EndpointMonitor monitor;
+        replaceBase();
+        EXPECT_THROW(monitor.wait(std::chrono::minutes(1)), std::runtime_error);
+        ::raise(SIGSTOP);
+        EXPECT_THROW(monitor.wait(std::chrono::minutes(1)), std::runtime_error);
+    });
+    process.runToOwnStop();
+    EXPECT_TRUE(process.runToCall(SYS_ppoll, [](const auto&) { return true; }));
 }

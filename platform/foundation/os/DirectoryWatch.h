@@ -73,6 +73,9 @@ public:
     /// How many bytes of the queue there are to read now.
     std::size_t pending() const noexcept;
 
+    /// Drops all changes that there are to read now.
+    void discard() noexcept;
+
 private:
     FileDescriptor queue;
     /// Where a file's inode is not what the queue calls it by.
