@@ -42,6 +42,23 @@ const EntryFolder& MonitoredTrustee::folder() {
     return openFolder ? *openFolder : openFolder.emplace(trustee);
 }
 
+const MonitoredEntry* MonitoredTrustee::find(std::string_view tagPrefix,
+                                             std::string_view keyPart) const {
+    const MonitorTable::Found found = table.find(tagPrefix, keyPart);
+    if (!found.isOneOfSeveral) {
+        return found.entry;
+    }
+    // Of several, a lookup takes the one that the folder lists first.
+    const MonitoredEntry* first = nullptr;
+    EntryFolder(trustee).anyName([&](std::string_view name) {
+        if (contains(name, keyPart) && contains(name, tagPrefix)) {
+            first = table.withName(name);
+        }
+        return first != nullptr;
+    });
+    return first != nullptr ? first : found.entry;
+}
+
 void MonitoredTrustee::note(const DirectoryChange& change) {
     if (change.inode) {
         // That of an entry that is not known was withdrawn, or never seen with a publisher.

@@ -27,6 +27,10 @@ public:
     const std::string& name() const { return trustee; }
     const MonitorTable& entries() const { return table; }
 
+    /// The entry that a lookup by these parts of its name finds, as `MonitorTable::find` takes
+    /// them; null when there is none.
+    const MonitoredEntry* find(std::string_view tagPrefix, std::string_view keyPart) const;
+
     /// All changes that are noted after this call have happened before it.
     void beginNotes() { examined.clear(); }
 
