@@ -75,6 +75,9 @@ void EndpointMonitor::Impl::update(Doubtful which) {
     try {
         readAll();
         lookAgain(which);
+        if (noteOtherFolders()) {
+            readAll();
+        }
         releaseFolders();
         hasFailed = false;
     } catch (...) {
@@ -118,7 +121,7 @@ void EndpointMonitor::Impl::readAll() {
 
 std::size_t EndpointMonitor::Impl::readSome() {
     bool isFirst = true;
-    return folders.read([&](const MonitorFolders::Change& change) {
+    const std::size_t size = folders.read([&](const MonitorFolders::Change& change) {
         if (std::exchange(isFirst, false)) {
             for (MonitoredTrustee& trustee : perTrustee) {
                 trustee.beginNotes();
@@ -130,6 +133,15 @@ std::size_t EndpointMonitor::Impl::readSome() {
             perTrustee[*change.trustee].note(change.detail);
         }
     });
+    noteOtherFolders();
+    return size;
+}
+
+bool EndpointMonitor::Impl::noteOtherFolders() {
+    const bool areThere = std::any_of(perTrustee.begin(), perTrustee.end(),
+                                      [](const auto& trustee) { return trustee.hasOtherFolder(); });
+    isScanDue = isScanDue || areThere;
+    return areThere;
 }
 
 void EndpointMonitor::Impl::scan() {

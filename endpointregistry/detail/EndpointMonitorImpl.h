@@ -45,6 +45,8 @@ private:
     void prepareNextAttempt() noexcept;
     void readAll();
     std::size_t readSome();
+    /// Whether a folder is another one than was scanned, so that a scan is due.
+    bool noteOtherFolders();
     void scan();
     void lookAgain(Doubtful which);
     void releaseFolders();

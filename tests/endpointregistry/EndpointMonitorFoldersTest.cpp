@@ -2,9 +2,11 @@
 
 #include "endpointregistry/detail/EntryFolder.h"
 #include "foundation/os/DirectoryStream.h"
+#include "foundation/os/FileDescriptor.h"
 #include "tests/endpointregistry/EndpointMonitorTools.h"
 #include "tests/endpointregistry/EndpointTools.h"
 #include "tests/endpointregistry/LockedFileTools.h"
+#include "tests/support/ForkedProcess.h"
 #include "tests/support/TracedProcess.h"
 
 #include <chrono>
@@ -17,6 +19,7 @@
 #include <poll.h>
 #include <stdexcept>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -281,4 +284,98 @@ TEST_F(MonitoredFolder, WhoseErrorLastsIsWaitedForBeforeTheNextAttempt) {
     });
     process.runToOwnStop();
     EXPECT_TRUE(process.runToCall(SYS_ppoll, [](const auto&) { return true; }));
+}
+
+TEST_F(MonitoredFolder, MayBeReplacedByALinkToIt) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    fs::rename(plain(tests::entryFolder()), away);
+    fs::create_directory_symlink(away, plain(tests::entryFolder()));
+    EXPECT_EQ(monitor.take(), MonitorEvents());
+    const DataPair newData("new", "");
+    const MonitorEvent next = tests::appearanceOf(newData, tag, "other", ::getpid());
+    Endpoint other(newData, tag, "other");
+    EXPECT_EQ(monitor.take(), MonitorEvents{next});
+    EXPECT_EQ(monitor.find(tag, "other"), Endpoint::find(tag, "other"));
+    other.reset();
+    EXPECT_EQ(monitor.take(), MonitorEvents{tests::disappearanceOf(next)});
+    fs::remove(plain(tests::entryFolder()));
+    EXPECT_EQ(monitor.take(), MonitorEvents{disappearance()});
+    fs::rename(away, plain(tests::entryFolder()));
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+}
+
+TEST_F(MonitoredFolder, ThatIsComparedAnewTellsTheEndOfAnEntryBeforeItsSuccessor) {
+    EndpointMonitor monitor;
+    tests::ForkedProcess publisher([](tests::Channel& test) {
+        const Endpoint endpoint(data, tag, key);
+        test.send("published");
+        test.receive();
+    });
+    const MonitorEvent former = tests::appearanceOf(data, tag, key, publisher.pid());
+    EXPECT_EQ(await(monitor, 1), MonitorEvents{former});
+    moveAwayAndBack();
+    publisher.kill();
+    const DataPair newData("new", "");
+    const Endpoint successor(newData, tag, key);
+    EXPECT_EQ(monitor.take(), (MonitorEvents{tests::disappearanceOf(former),
+                                             tests::appearanceOf(newData, tag, key, ::getpid())}));
+}
+
+TEST_F(MonitoredFolder, WhoseBaseIsOpenedToOthersIsAnErrorUntilItIsClosed) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    ASSERT_EQ(::chmod(tests::privateBase().c_str(), 0755), 0);
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_THROW(Endpoint::find(tag, key), std::runtime_error);
+    EXPECT_THROW(monitor.find(tag, key), std::runtime_error);
+    ASSERT_EQ(::chmod(tests::privateBase().c_str(), 0700), 0);
+    EXPECT_TRUE(tests::isReadable(monitor));
+    EXPECT_EQ(monitor.find(tag, key), data);
+    EXPECT_EQ(monitor.take(), MonitorEvents());
+}
+
+namespace {
+
+/// Mounts an empty file system over the private base, until the object goes.
+class MountOverBase {
+public:
+    MountOverBase()
+        : isMounted(::mount("tmpfs", tests::privateBase().c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+                            "mode=0700") == 0) {}
+    MountOverBase(const MountOverBase&) = delete;
+    MountOverBase& operator=(const MountOverBase&) = delete;
+    ~MountOverBase() {
+        if (isMounted) {
+            ::umount2(tests::privateBase().c_str(), MNT_DETACH);
+        }
+    }
+
+    explicit operator bool() const { return isMounted; }
+
+private:
+    bool isMounted;
+};
+
+} // namespace
+
+TEST_F(MonitoredFolder, IsTheOneThatWasMountedOverItOnceAnEntryIsExamined) {
+    EndpointMonitor monitor;
+    const Endpoint endpoint(data, tag, key);
+    EXPECT_EQ(monitor.take(), MonitorEvents{appearance()});
+    const foundation::os::FileDescriptor covered(
+        ::open(tests::entryFolder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    {
+        const MountOverBase mount;
+        if (!mount) {
+            GTEST_SKIP() << "needs to be allowed to mount";
+        }
+        const Endpoint other(data, tag, "other");
+        ASSERT_EQ(::utimensat(covered.get(), appearance().name.c_str(), nullptr, 0), 0);
+        EXPECT_EQ(monitor.find(tag, "other"), data);
+        EXPECT_EQ(monitor.take(), (MonitorEvents{disappearance(), appearance("other")}));
+    }
+    EXPECT_EQ(await(monitor, 2), (MonitorEvents{disappearance("other"), appearance()}));
 }

@@ -64,8 +64,6 @@ void handOver(const inotify_event& event, std::string_view name, bool hasInodes,
         take({Kind::lost, event.wd, {}, {}});
     } else if (is(ofDirectoryItself)) {
         take({Kind::moved, event.wd, {}, {}});
-    } else if (name.empty()) {
-        return; // Attributes of the directory itself.
     } else if (is(IN_CREATE | IN_MOVED_TO)) {
         take({Kind::appeared, event.wd, name, {}});
     } else if (is(IN_DELETE | IN_MOVED_FROM)) {
