@@ -115,10 +115,10 @@ public:
     /// What has happened since the last call, without waiting; at first all entries that are there.
     /// Each appearance and each disappearance is reported once, the appearance first.
     ///
-    /// The events of one entry are in their order. Those of different entries are, too, where each
-    /// was read before the next happened. There is no order among what comes to light at once: at
-    /// first, when folders appear or change, or when more has happened than the system keeps
-    /// (fs.inotify.max_queued_events).
+    /// The events of one entry are in their order. Those of different entries are when a call lies
+    /// between them, and nearly always within one call, too; but what comes to light at once is in
+    /// no particular order: at first, after an error, when folders appear or change, or when more
+    /// has happened than the system keeps (fs.inotify.max_queued_events).
     ///
     /// Entries whose publication and end both fall between two calls may go unreported; so may the
     /// end of one whose very name is published anew before the next call, together with its return.

@@ -279,7 +279,7 @@ TEST_F(MonitoredFolder, WhoseErrorLastsIsWaitedForBeforeTheNextAttempt) {
         EndpointMonitor monitor;
         replaceBase();
         EXPECT_THROW(monitor.wait(std::chrono::minutes(1)), std::runtime_error);
-        ::raise(SIGSTOP);
+        static_cast<void>(::raise(SIGSTOP));
         EXPECT_THROW(monitor.wait(std::chrono::minutes(1)), std::runtime_error);
     });
     process.runToOwnStop();
