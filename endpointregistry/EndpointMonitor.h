@@ -18,11 +18,13 @@ namespace agent::spf::endpointregistry {
 ///
 ///     EndpointMonitor monitor("worker");
 ///     for (;;) {
+///         std::vector<EndpointMonitor::Event> events;
 ///         try {
-///             for (const auto& event : monitor.wait(std::chrono::seconds(10))) { ... }
+///             events = monitor.wait(std::chrono::seconds(10));
 ///         } catch (const std::exception& error) {
 ///             report(error); // and go on: the next call tries again
 ///         }
+///         for (const auto& event : events) { ... }
 ///     }
 ///
 /// It has no thread and no server, and does not poll: the system notes what happens in the folders
