@@ -75,7 +75,7 @@ std::optional<EndpointMonitor::DataPair> EndpointMonitor::find(const std::string
     const std::string prefix = getGroupTagPrefix(groupTag);
     const std::string part = getSelectedKeySubstring(selectedKey);
     for (const MonitoredTrustee& trustee : impl->lookUp()) {
-        if (const MonitoredEntry* const entry = trustee.entries().find(prefix, part)) {
+        if (const MonitoredEntry* const entry = trustee.find(prefix, part)) {
             return entry->data;
         }
     }

@@ -25,18 +25,15 @@ class Pool {
 public:
     int fileDescriptor() const { return monitor.fileDescriptor(); }
 
-    /// Takes note of who has come and who has gone.
+    /// Takes note of who has come and who has gone. If that cannot be told now, the descriptor
+    /// becomes readable for another attempt, and nothing is lost.
     void update() {
-        for (const EndpointMonitor::Event& event : monitor.take()) {
-            if (event.kind == EndpointMonitor::Event::Kind::appeared) {
-                workers.push_back(event);
-                std::cout << "worker " << event.publisher << " at " << event.data.second
-                          << " has come" << std::endl;
-            } else {
-                std::erase_if(workers,
-                              [&](const auto& worker) { return worker.name == event.name; });
-                std::cout << "worker " << event.publisher << " has gone" << std::endl;
+        try {
+            for (const EndpointMonitor::Event& event : monitor.take()) {
+                note(event);
             }
+        } catch (const std::exception& error) {
+            std::cerr << "pool: " << error.what() << std::endl;
         }
     }
 
@@ -51,6 +48,17 @@ public:
     }
 
 private:
+    void note(const EndpointMonitor::Event& event) {
+        if (event.kind == EndpointMonitor::Event::Kind::appeared) {
+            workers.push_back(event);
+            std::cout << "worker " << event.publisher << " at " << event.data.second << " has come"
+                      << std::endl;
+        } else {
+            std::erase_if(workers, [&](const auto& worker) { return worker.name == event.name; });
+            std::cout << "worker " << event.publisher << " has gone" << std::endl;
+        }
+    }
+
     EndpointMonitor monitor{"pool-worker"};
     std::vector<EndpointMonitor::Event> workers;
 };

@@ -1,5 +1,7 @@
 #include "endpointregistry/detail/EndpointMonitorImpl.h"
 
+#include "foundation/os/SystemLimits.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -45,6 +47,11 @@ std::vector<EndpointMonitor::Event> EndpointMonitor::Impl::take() {
 
 std::vector<EndpointMonitor::Event> EndpointMonitor::Impl::wait(std::chrono::milliseconds timeOut) {
     const auto end = endOf(timeOut);
+    // What has just failed is not tried again before there is a reason to: whoever waits in a loop
+    // and goes on after errors would do nothing else.
+    if (hasFailed && wakeUp.wait(end - steady_clock::now()) != WakeUp::Reason::readable) {
+        return take();
+    }
     for (;;) {
         std::vector<Event> taken = take();
         const auto rest = end - steady_clock::now();
@@ -68,14 +75,30 @@ void EndpointMonitor::Impl::update(Doubtful which) {
     try {
         readAll();
         lookAgain(which);
+        if (noteOtherFolders()) {
+            readAll();
+        }
         releaseFolders();
+        hasFailed = false;
     } catch (...) {
-        isScanDue = true;
-        releaseFolders();
-        // Who waits for the descriptor shall come back, though nothing may happen any more.
-        wakeUp.setAlarm(steady_clock::now() + 1s);
+        const bool isForWantOfDescriptors = !foundation::os::hasDescriptorLeft();
+        prepareNextAttempt();
+        if (isForWantOfDescriptors) {
+            failToWatch(foundation::os::reasonForNoDescriptor(EMFILE), EMFILE);
+        }
         throw;
     }
+}
+
+void EndpointMonitor::Impl::prepareNextAttempt() noexcept {
+    hasFailed = true;
+    isScanDue = true;
+    releaseFolders();
+    // What can be neither read nor taken now must not wake anybody again and again.
+    folders.discard();
+    wakeUp.call(false);
+    // Who waits for the descriptor shall come back, though nothing may happen any more.
+    wakeUp.setAlarm(steady_clock::now() + 1s);
 }
 
 void EndpointMonitor::Impl::readAll() {
@@ -98,7 +121,7 @@ void EndpointMonitor::Impl::readAll() {
 
 std::size_t EndpointMonitor::Impl::readSome() {
     bool isFirst = true;
-    return folders.read([&](const MonitorFolders::Change& change) {
+    const std::size_t size = folders.read([&](const MonitorFolders::Change& change) {
         if (std::exchange(isFirst, false)) {
             for (MonitoredTrustee& trustee : perTrustee) {
                 trustee.beginNotes();
@@ -110,6 +133,15 @@ std::size_t EndpointMonitor::Impl::readSome() {
             perTrustee[*change.trustee].note(change.detail);
         }
     });
+    noteOtherFolders();
+    return size;
+}
+
+bool EndpointMonitor::Impl::noteOtherFolders() {
+    const bool areThere = std::any_of(perTrustee.begin(), perTrustee.end(),
+                                      [](const auto& trustee) { return trustee.hasOtherFolder(); });
+    isScanDue = isScanDue || areThere;
+    return areThere;
 }
 
 void EndpointMonitor::Impl::scan() {

@@ -42,8 +42,11 @@ private:
 
     /// Learns what has happened. When it throws, the next call compares all that is known anew.
     void update(Doubtful which);
+    void prepareNextAttempt() noexcept;
     void readAll();
     std::size_t readSome();
+    /// Whether a folder is another one than was scanned, so that a scan is due.
+    bool noteOtherFolders();
     void scan();
     void lookAgain(Doubtful which);
     void releaseFolders();
@@ -57,6 +60,8 @@ private:
     foundation::os::WakeUp wakeUp;
     /// Whether all folders are to be watched and read anew.
     bool isScanDue = true;
+    /// Whether the last attempt to learn what has happened has failed.
+    bool hasFailed = false;
     /// When the known entries are to be probed after a scan: a file that was closed just before it
     /// was watched may have kept its lock for a moment longer.
     std::optional<Time> nextProbe;

@@ -62,6 +62,11 @@ bool EntryFolder::isHeldAtItsPath(const std::string& name) const {
     return openAndShareLock(pathOf(privateBase(), name)).error == EWOULDBLOCK;
 }
 
+std::optional<foundation::os::FileIdentity> EntryFolder::identity() const {
+    const OpenFolder* const open = folder();
+    return open != nullptr ? open->identity() : std::nullopt;
+}
+
 std::vector<std::string> EntryFolder::names(const NameTest& isWanted) const {
     const OpenFolder* const open = folder();
     return open != nullptr ? open->names(isWanted) : std::vector<std::string>();

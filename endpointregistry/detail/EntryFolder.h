@@ -41,6 +41,9 @@ public:
     /// all that follows.
     const std::string& privateBase() const;
 
+    /// Which folder it is; nothing when there is none.
+    std::optional<foundation::os::FileIdentity> identity() const;
+
     /// The names of the entries that pass the test.
     std::vector<std::string> names(const NameTest& isWanted) const;
 

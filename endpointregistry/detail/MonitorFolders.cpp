@@ -59,7 +59,7 @@ void MonitorFolders::watchAll(const std::vector<std::string>& trustees) {
 void MonitorFolders::watchPrivate(std::size_t trustee) {
     fs::path folder = folderOf({}); // Makes the base where it is missing.
     watchWayTo(folder);
-    if (watchEntries(folder, trustee)) {
+    if (watchEntries(folder, trustee, Links::followed)) {
         // For as long as there is something in the base, nobody can remove it, and it tells itself
         // when it is moved. So nobody has to watch /dev/shm, where much happens.
         return;
@@ -67,7 +67,7 @@ void MonitorFolders::watchPrivate(std::size_t trustee) {
     watchWayTo(folder.parent_path(), Links::followed);
     folder = folderOf({});
     watchWayTo(folder);
-    watchEntries(folder, trustee);
+    watchEntries(folder, trustee, Links::followed);
 }
 
 void MonitorFolders::watchShared(std::size_t trustee, const std::string& name) {
@@ -79,7 +79,7 @@ void MonitorFolders::watchShared(std::size_t trustee, const std::string& name) {
     watchWayTo(parent.parent_path(), Links::followed);
     watchWayTo(parent);
     watchWayTo(folder);
-    watchEntries(folder, trustee);
+    watchEntries(folder, trustee, Links::refused);
 }
 
 void MonitorFolders::watchWayTo(const fs::path& child, Links links) {
@@ -90,8 +90,8 @@ void MonitorFolders::watchWayTo(const fs::path& child, Links links) {
     }
 }
 
-bool MonitorFolders::watchEntries(const fs::path& folder, std::size_t trustee) {
-    const auto number = add(folder, Links::refused);
+bool MonitorFolders::watchEntries(const fs::path& folder, std::size_t trustee, Links links) {
+    const auto number = add(folder, links);
     if (number) {
         needed[*number].trustee = trustee;
         watched[*number].trustee = trustee;
@@ -116,8 +116,10 @@ std::size_t MonitorFolders::read(const Taker& take) {
             take({true, std::nullopt, change});
         } else if (found != watched.end()) {
             const auto& [trustee, children] = found->second;
-            const bool isOfFolders =
-                change.kind == Kind::moved || children.contains(std::string(change.name));
+            // Whether a folder is to be trusted depends on its attributes.
+            const bool isOfItself =
+                change.kind == Kind::moved || (change.kind == Kind::touched && change.name.empty());
+            const bool isOfFolders = isOfItself || children.contains(std::string(change.name));
             take({isOfFolders, trustee, change});
         }
     });

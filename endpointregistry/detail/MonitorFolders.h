@@ -45,6 +45,7 @@ public:
     /// As those of `DirectoryWatch`.
     std::size_t read(const Taker& take);
     std::size_t pending() const noexcept { return watch.pending(); }
+    void discard() noexcept { watch.discard(); }
 
 private:
     struct Watched {
@@ -59,8 +60,8 @@ private:
     void watchShared(std::size_t trustee, const std::string& name);
     /// Where the folder is that another one is in.
     void watchWayTo(const std::filesystem::path& child, Links links = Links::refused);
-    /// Whether there was such a folder.
-    bool watchEntries(const std::filesystem::path& folder, std::size_t trustee);
+    /// Whether there was such a folder. Links are followed where those who read it follow them.
+    bool watchEntries(const std::filesystem::path& folder, std::size_t trustee, Links links);
     std::optional<int> add(const std::filesystem::path& folder, Links links);
 
     foundation::os::DirectoryWatch watch;

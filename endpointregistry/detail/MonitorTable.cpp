@@ -99,23 +99,27 @@ std::vector<std::string> MonitorTable::withInode(ino_t inode) const {
     return names;
 }
 
-const MonitoredEntry* MonitorTable::find(std::string_view tagPrefix,
-                                         std::string_view keyPart) const {
-    const auto among = [&](const auto& range) -> const MonitoredEntry* {
-        const auto found = std::find_if(range.first, range.second, [&](const auto& entry) {
-            return contains(entry.name, keyPart) && contains(entry.name, tagPrefix);
-        });
-        return found != range.second ? &*found : nullptr;
+MonitorTable::Found MonitorTable::find(std::string_view tagPrefix, std::string_view keyPart) const {
+    Found found;
+    const auto among = [&](const auto& range) {
+        for (auto at = range.first; at != range.second && !found.isOneOfSeveral; ++at) {
+            if (contains(at->name, keyPart) && contains(at->name, tagPrefix)) {
+                found.isOneOfSeveral = found.entry != nullptr;
+                found.entry = &*at;
+            }
+        }
     };
     const MonitoredEntry::TagAndKey none{};
     const MonitoredEntry::TagAndKey wanted{firstDigitsOf(tagPrefix.substr(start.size())),
                                            firstDigitsOf(keyPart.substr(1))};
     if (wanted[0] == 0 || wanted[1] == 0) {
-        return among(std::pair(entries.begin(), entries.end()));
+        among(std::pair(entries.begin(), entries.end()));
+        return found;
     }
     const auto& index = entries.get<ByTagAndKey>();
-    const MonitoredEntry* const found = among(index.equal_range(wanted));
-    return found != nullptr ? found : among(index.equal_range(none));
+    among(index.equal_range(wanted));
+    among(index.equal_range(none));
+    return found;
 }
 
 void MonitorTable::visit(std::string_view tagPrefix, const Visitor& visitor) const {

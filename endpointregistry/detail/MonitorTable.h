@@ -50,9 +50,15 @@ public:
     /// The names of the entries whose file this is: one, unless somebody has made links.
     std::vector<std::string> withInode(ino_t inode) const;
 
+    struct Found {
+        /// Null when there is none.
+        const MonitoredEntry* entry = nullptr;
+        bool isOneOfSeveral = false;
+    };
+
     /// An entry whose name contains both parts, as `getGroupTagPrefix` and
-    /// `getSelectedKeySubstring` give them; null when there is none.
-    const MonitoredEntry* find(std::string_view tagPrefix, std::string_view keyPart) const;
+    /// `getSelectedKeySubstring` give them.
+    Found find(std::string_view tagPrefix, std::string_view keyPart) const;
 
     using Visitor = std::function<void(const MonitoredEntry& entry)>;
 

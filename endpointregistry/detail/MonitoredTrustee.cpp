@@ -39,7 +39,28 @@ bool MonitoredTrustee::isWatched(std::string_view entry) const {
 }
 
 const EntryFolder& MonitoredTrustee::folder() {
-    return openFolder ? *openFolder : openFolder.emplace(trustee);
+    if (!openFolder) {
+        openFolder.emplace(trustee);
+        isElsewhere = isElsewhere || openFolder->identity() != scanned;
+    }
+    return *openFolder;
+}
+
+const MonitoredEntry* MonitoredTrustee::find(std::string_view tagPrefix,
+                                             std::string_view keyPart) const {
+    const MonitorTable::Found found = table.find(tagPrefix, keyPart);
+    if (!found.isOneOfSeveral) {
+        return found.entry;
+    }
+    // Of several, a lookup takes the one that the folder lists first.
+    const MonitoredEntry* first = nullptr;
+    EntryFolder(trustee).anyName([&](std::string_view name) {
+        if (contains(name, keyPart) && contains(name, tagPrefix)) {
+            first = table.withName(name);
+        }
+        return first != nullptr;
+    });
+    return first != nullptr ? first : found.entry;
 }
 
 void MonitoredTrustee::note(const DirectoryChange& change) {
@@ -82,28 +103,32 @@ bool MonitoredTrustee::expect(const std::string& entry) {
 }
 
 void MonitoredTrustee::scan() {
-    releaseFolder();
+    openFolder.emplace(trustee);
+    scanned = openFolder->identity();
+    isElsewhere = false;
     const std::vector<std::string> listed =
-        folder().names([this](std::string_view entry) { return isWatched(entry); });
-    std::vector<std::string> missing;
-    const std::unordered_set<std::string_view> present(listed.begin(), listed.end());
-    table.visit(tagPrefix, [&](const MonitoredEntry& entry) {
-        if (!present.contains(entry.name)) {
-            missing.push_back(entry.name);
-        }
-    });
-    for (const std::string& entry : missing) {
+        openFolder->names([this](std::string_view entry) { return isWatched(entry); });
+    // The known ones first, so that the end of an entry is told before its successor.
+    const std::vector<std::string> known = knownEntries();
+    for (const std::string& entry : known) {
         examine(entry, Cause::change);
     }
+    const std::unordered_set<std::string_view> isKnown(known.begin(), known.end());
     for (const std::string& entry : listed) {
-        examine(entry, Cause::change);
+        if (!isKnown.contains(entry)) {
+            examine(entry, Cause::change);
+        }
     }
 }
 
-void MonitoredTrustee::probe() {
+std::vector<std::string> MonitoredTrustee::knownEntries() const {
     std::vector<std::string> known;
     table.visit(tagPrefix, [&](const MonitoredEntry& entry) { known.push_back(entry.name); });
-    for (const std::string& entry : known) {
+    return known;
+}
+
+void MonitoredTrustee::probe() {
+    for (const std::string& entry : knownEntries()) {
         if (folder().publisherOf(entry) != Publisher::alive) {
             examine(entry, Cause::change);
         }

@@ -5,12 +5,14 @@
 #include "endpointregistry/detail/MonitorEvents.h"
 #include "endpointregistry/detail/MonitorTable.h"
 #include "foundation/os/DirectoryWatch.h"
+#include "foundation/os/FileIdentity.h"
 
 #include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
 #include <unordered_set>
+#include <vector>
 
 namespace agent::spf::endpointregistry {
 
@@ -27,6 +29,10 @@ public:
     const std::string& name() const { return trustee; }
     const MonitorTable& entries() const { return table; }
 
+    /// The entry that a lookup by these parts of its name finds, as `MonitorTable::find` takes
+    /// them; null when there is none.
+    const MonitoredEntry* find(std::string_view tagPrefix, std::string_view keyPart) const;
+
     /// All changes that are noted after this call have happened before it.
     void beginNotes() { examined.clear(); }
 
@@ -35,6 +41,10 @@ public:
 
     /// Compares what is known with all that is in the folder.
     void scan();
+
+    /// Whether an examination since the last scan has found another folder than that had: one was
+    /// mounted over it, or a link on the way was turned elsewhere, which nobody tells.
+    bool hasOtherFolder() const { return isElsewhere; }
 
     /// Asks of each known entry whether its publisher lives.
     void probe();
@@ -66,6 +76,7 @@ private:
 
     bool isWatched(std::string_view entry) const;
     const EntryFolder& folder();
+    std::vector<std::string> knownEntries() const;
     void noteNamed(const std::string& entry, foundation::os::DirectoryChange::Kind kind);
     /// Takes note of an entry that has just been begun; returns whether there is none any more.
     bool expect(const std::string& entry);
@@ -86,6 +97,9 @@ private:
     MonitorTable table;
     MonitorDoubts doubts;
     std::optional<EntryFolder> openFolder;
+    /// The folder that was last scanned; nothing when there was none.
+    std::optional<foundation::os::FileIdentity> scanned;
+    bool isElsewhere = false;
     /// The entries that were examined since the notes began, and need not be so for an older
     /// change.
     std::unordered_set<std::string> examined;

@@ -2,6 +2,7 @@
 
 #include "endpointregistry/detail/NameListing.h"
 #include "foundation/os/FileDescriptor.h"
+#include "foundation/os/FileIdentity.h"
 #include "foundation/os/PathAt.h"
 
 #include <optional>
@@ -39,6 +40,10 @@ public:
 
     /// A file in the folder; valid for as long as this object lives.
     foundation::os::PathAt at(const std::string& name) const { return {folder.get(), name}; }
+
+    std::optional<foundation::os::FileIdentity> identity() const {
+        return foundation::os::identityOf(folder.get());
+    }
 
     /// Where the folder was found, with a trailing "/".
     const std::string& path() const { return ownPath; }

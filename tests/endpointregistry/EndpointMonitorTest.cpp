@@ -212,6 +212,17 @@ TEST_F(Monitor, ThatIsOnlyAskedDoesNotCollectWhatCameAndWent) {
     EXPECT_EQ(monitor.take(), MonitorEvents());
 }
 
+TEST_F(Monitor, OfSeveralEntriesFindsTheOneThatALookupFinds) {
+    EndpointMonitor monitor;
+    std::vector<Endpoint> endpoints;
+    for (int i = 0; i < 8; ++i) {
+        endpoints.emplace_back(DataPair(std::to_string(i), ""), tag, key + std::to_string(i));
+        EXPECT_EQ(monitor.find(tag, ""), Endpoint::find(tag, ""));
+        EXPECT_EQ(monitor.find("", ""), Endpoint::find("", ""));
+        EXPECT_EQ(monitor.find("", key + "3"), Endpoint::find("", key + "3"));
+    }
+}
+
 TEST_F(Monitor, FindsTheEndOfAnEntryWhoseFileSomebodyRemoved) {
     const Endpoint endpoint(data, tag, key);
     EndpointMonitor monitor;

@@ -118,6 +118,20 @@ TEST_F(MonitoredGroup, AndOnesOwnEntriesAreSearchedInTheOrderOfTheTrustees) {
     EXPECT_EQ(monitor.find(tag, key), data);
 }
 
+TEST_F(MonitoredGroup, WhoseMembersShareTheSameKeyIsSearchedInTheOrderOfTheLookups) {
+    EndpointMonitor monitor("", {friends});
+    for (int round = 0; round < 4; ++round) {
+        const bool isAnnaFirst = round % 2 == 0;
+        const std::string number = std::to_string(round);
+        const Sharer first(isAnnaFirst ? anna : ben, {"first", number}, tag, key, {friends});
+        const Sharer second(isAnnaFirst ? ben : anna, {"second", number}, tag, key, {friends});
+        EXPECT_EQ(monitor.filter(tag), (DataPairs{{"first", number}, {"second", number}}));
+        EXPECT_EQ(monitor.find(tag, key), Endpoint::find(tag, key, {friends}));
+        EndpointMonitor late("", {friends});
+        EXPECT_EQ(late.find(tag, key), Endpoint::find(tag, key, {friends}));
+    }
+}
+
 TEST_F(MonitoredGroup, MayHaveNoFolderYet) {
     EXPECT_FALSE(fs::exists(tests::sharedTop));
     EndpointMonitor monitor("", {friends});

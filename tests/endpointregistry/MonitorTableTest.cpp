@@ -29,8 +29,8 @@ struct Entries {
         names.push_back(name);
     }
 
-    bool contains(const std::string& prefix, const std::string& key) const {
-        return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+    auto countOf(const std::string& prefix, const std::string& key) const {
+        return std::count_if(names.begin(), names.end(), [&](const std::string& name) {
             return agent::spf::endpointregistry::contains(name, prefix) &&
                    agent::spf::endpointregistry::contains(name, key);
         });
@@ -87,8 +87,10 @@ TEST(MonitorTable, FindsWhatAComparisonOfAllNamesFinds) {
     const Entries entries = manifold();
     for (const std::string& prefix : prefixes) {
         for (const std::string& key : keys) {
-            const MonitoredEntry* const found = entries.table.find(prefix, key);
-            ASSERT_EQ(found != nullptr, entries.contains(prefix, key)) << prefix << " " << key;
+            const auto [found, isOneOfSeveral] = entries.table.find(prefix, key);
+            const auto count = entries.countOf(prefix, key);
+            ASSERT_EQ(found != nullptr, count > 0) << prefix << " " << key;
+            EXPECT_EQ(isOneOfSeveral, count > 1) << prefix << " " << key;
             if (found != nullptr) {
                 EXPECT_TRUE(contains(found->name, prefix));
                 EXPECT_TRUE(contains(found->name, key));
@@ -123,6 +125,6 @@ TEST(MonitorTable, FindsNoErasedEntry) {
     }
     for (const std::string& prefix : prefixes) {
         EXPECT_EQ(entries.visited(prefix), Names());
-        EXPECT_EQ(entries.table.find(prefix, "k"), nullptr);
+        EXPECT_EQ(entries.table.find(prefix, "k").entry, nullptr);
     }
 }

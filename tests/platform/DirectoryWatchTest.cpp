@@ -114,6 +114,11 @@ TEST_F(WatchedDirectory, TellsThatAttributesWereSet) {
     EXPECT_EQ(changes(), (Changes{{Kind::touched, "file"}}));
 }
 
+TEST_F(WatchedDirectory, TellsThatItsOwnAttributesWereSet) {
+    ASSERT_EQ(::chmod(folder.c_str(), 0700), 0);
+    EXPECT_EQ(changes(), (Changes{{Kind::touched, ""}}));
+}
+
 TEST_F(WatchedDirectory, TellsWhenTheLastCopyIsClosedByWhichAFileWasMade) {
     const std::string path = folder + "/file";
     os::AtomicFile file = os::createFileAtomically(path, 0400, [](int) { return 0; });

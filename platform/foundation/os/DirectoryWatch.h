@@ -19,7 +19,7 @@ struct DirectoryChange {
         appeared,
         /// The name is gone.
         vanished,
-        /// The attributes of what bears the name were set.
+        /// The attributes of what bears the name were set, or without a name the directory's own.
         touched,
         /// The last descriptor was closed by which the file was made, or opened to be written. Its
         /// locks go a moment later, which may be after this is read. A file that was made without a
@@ -72,6 +72,9 @@ public:
 
     /// How many bytes of the queue there are to read now.
     std::size_t pending() const noexcept;
+
+    /// Drops all changes that there are to read now.
+    void discard() noexcept;
 
 private:
     FileDescriptor queue;

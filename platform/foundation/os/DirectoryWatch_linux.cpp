@@ -5,13 +5,13 @@
 #include "foundation/os/SystemLimits.h"
 #include "foundation/os/TemporaryName.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
@@ -29,6 +29,8 @@ using Kind = DirectoryChange::Kind;
 /// locked does that, and would wake everybody.
 constexpr std::uint32_t wanted = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB |
                                  IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF;
+
+constexpr std::size_t readSize = 32768;
 
 constexpr std::uint32_t ofDirectoryItself = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 
@@ -62,8 +64,6 @@ void handOver(const inotify_event& event, std::string_view name, bool hasInodes,
         take({Kind::lost, event.wd, {}, {}});
     } else if (is(ofDirectoryItself)) {
         take({Kind::moved, event.wd, {}, {}});
-    } else if (name.empty()) {
-        return; // Attributes of the directory itself.
     } else if (is(IN_CREATE | IN_MOVED_TO)) {
         take({Kind::appeared, event.wd, name, {}});
     } else if (is(IN_DELETE | IN_MOVED_FROM)) {
@@ -73,12 +73,6 @@ void handOver(const inotify_event& event, std::string_view name, bool hasInodes,
     } else if (is(IN_CLOSE_WRITE)) {
         handOverClosing(event.wd, name, hasInodes, take);
     }
-}
-
-/// Whether this process has a descriptor left.
-bool hasDescriptorLeft() {
-    const FileDescriptor any(::open("/", O_PATH | O_CLOEXEC));
-    return any || errno != EMFILE;
 }
 
 } // namespace
@@ -110,7 +104,7 @@ void DirectoryWatch::remove(int watch) noexcept {
 
 std::size_t DirectoryWatch::read(const Taker& take) {
     // NOLINTNEXTLINE(*-member-init): filled by the system
-    alignas(inotify_event) std::array<char, 32768> buffer;
+    alignas(inotify_event) std::array<char, readSize> buffer;
     const ssize_t size =
         retryOnInterrupt([&] { return ::read(queue.get(), buffer.data(), buffer.size()); });
     if (size == -1) {
@@ -133,6 +127,16 @@ std::size_t DirectoryWatch::read(const Taker& take) {
 std::size_t DirectoryWatch::pending() const noexcept {
     int bytes = 0;
     return ::ioctl(queue.get(), FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
+void DirectoryWatch::discard() noexcept {
+    // NOLINTNEXTLINE(*-member-init): filled by the system
+    std::array<char, readSize> buffer;
+    for (std::size_t rest = pending(); rest > 0;) {
+        const ssize_t size =
+            retryOnInterrupt([&] { return ::read(queue.get(), buffer.data(), buffer.size()); });
+        rest -= size <= 0 ? rest : std::min(rest, static_cast<std::size_t>(size));
+    }
 }
 
 std::string reasonForNoWatch(int error) {

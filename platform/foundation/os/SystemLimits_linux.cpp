@@ -1,7 +1,10 @@
 #include "foundation/os/SystemLimits.h"
 
+#include "foundation/os/FileDescriptor.h"
+
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <fstream>
 #include <optional>
 #include <sys/resource.h>
@@ -31,6 +34,11 @@ std::string describeLowest(const std::vector<std::string>& limits) {
         }
     }
     return name + " (" + (lowest ? std::to_string(*lowest) : "?") + ")";
+}
+
+bool hasDescriptorLeft() noexcept {
+    const FileDescriptor any(::open("/", O_PATH | O_CLOEXEC));
+    return any || errno != EMFILE;
 }
 
 std::string reasonForNoDescriptor(int error) {
