@@ -30,32 +30,29 @@ LockedFile::Impl::Impl(std::string name, const std::string& parent, std::string 
                        bool isExclusive, Waiting waiting)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
-    , waiting(waiting)
     , name(std::move(name))
     , trustee(std::move(trustee))
     , parentPath(findParentFolder(parent))
-    , lock(lockFile({})) {
+    , lock(lockFile(waiting, {})) {
 }
 
 LockedFile::Impl::Impl(std::string name, GroupFolder folder, std::string trustee, bool isExclusive,
                        Waiting waiting, std::string_view contents)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
-    , waiting(waiting)
     , name(std::move(name))
     , trustee(std::move(trustee))
     , folder(std::move(folder))
     , parentPath(this->folder->path())
-    , lock(lockFile(contents)) {
+    , lock(lockFile(waiting, contents)) {
 }
 
 LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isExclusive)
     : isExclusive(isExclusive)
     , deleteOnDestruction(isExclusive)
-    , waiting(Waiting::never())
     , name(std::move(name))
     , parentPath(openFolder.path())
-    , lock(keep(openAt(openFolder.at(this->name), {}))) {
+    , lock(keep(openAt(openFolder.at(this->name), Waiting::never(), {}), Waiting::never())) {
 }
 
 os::PathAt LockedFile::Impl::where() const {
@@ -104,31 +101,32 @@ std::string LockedFile::Impl::findParentFolder(const std::string& parent) const 
     return getParentPath(parent, trustee, !trustee.empty() || name.empty());
 }
 
-LockingOpen LockedFile::Impl::openAt(const os::PathAt& where, std::string_view contents) const {
+LockingOpen LockedFile::Impl::openAt(const os::PathAt& where, Waiting waiting,
+                                     std::string_view contents) const {
     return openAndLock(where, isExclusive ? Existing::refused : Existing::accepted, waiting,
                        {folder ? std::optional(folder->group()) : std::nullopt, contents});
 }
 
-LockingOpen LockedFile::Impl::openByPath(std::string_view contents) const {
-    LockingOpen opened = openAt(where(), contents);
+LockingOpen LockedFile::Impl::openByPath(Waiting waiting, std::string_view contents) const {
+    LockingOpen opened = openAt(where(), waiting, contents);
     const bool isAnswer =
         opened.error == 0 || opened.error == EEXIST || opened.error == EWOULDBLOCK;
     if (!isAnswer && trustee.empty()) {
         createFolder(parentPath); // Says so if that is what is wrong.
-        opened = opened.error == ENOENT ? openAt(where(), contents) : std::move(opened);
+        opened = opened.error == ENOENT ? openAt(where(), waiting, contents) : std::move(opened);
     }
     return opened;
 }
 
-LockedDescriptor LockedFile::Impl::lockFile(std::string_view contents) {
+LockedDescriptor LockedFile::Impl::lockFile(Waiting waiting, std::string_view contents) {
     if (name.empty()) {
         getLogger().log(severity::error, "LockedFile::lockFile(): Name cannot be empty.");
         throw std::invalid_argument("LockedFile name cannot be empty");
     }
-    return keep(openByPath(contents));
+    return keep(openByPath(waiting, contents), waiting);
 }
 
-LockedDescriptor LockedFile::Impl::keep(LockingOpen opened) {
+LockedDescriptor LockedFile::Impl::keep(LockingOpen opened, Waiting waiting) {
     if (opened.error != 0) {
         const bool isTaken = opened.error == EWOULDBLOCK || opened.error == EEXIST;
         // Then whoever opened the folder opens the one that is at its path now.

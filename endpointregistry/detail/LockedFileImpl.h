@@ -58,10 +58,11 @@ public:
 
 private:
     std::string findParentFolder(const std::string& parent) const;
-    LockingOpen openAt(const foundation::os::PathAt& where, std::string_view contents) const;
-    LockingOpen openByPath(std::string_view contents) const;
-    LockedDescriptor lockFile(std::string_view contents);
-    LockedDescriptor keep(LockingOpen opened);
+    LockingOpen openAt(const foundation::os::PathAt& where, Waiting waiting,
+                       std::string_view contents) const;
+    LockingOpen openByPath(Waiting waiting, std::string_view contents) const;
+    LockedDescriptor lockFile(Waiting waiting, std::string_view contents);
+    LockedDescriptor keep(LockingOpen opened, Waiting waiting);
     void examineGroupFile(const struct stat& status) const;
     foundation::os::PathAt where() const;
     bool isOursToRemove() const;
@@ -70,7 +71,6 @@ private:
 
     bool isExclusive;
     bool deleteOnDestruction;
-    Waiting waiting;
     int lockError = 0;
     pid_t holder = 0;
     std::string name;
