@@ -129,12 +129,12 @@ LockedFile Endpoint::Impl::lockEntryFile(const EntryFolder& folder,
                                          std::string_view contents) const {
     // Nearly always the name is new. If it is not, its holder may be dead: an earlier program of
     // this process, or one whose process id was given out again. Or it may go between two attempts.
-    LockedFile file = folder.lock(name, true, contents);
+    LockedFile file = folder.createLocked(name, contents);
     bool isStale = false;
     if (!file.isLocked()) {
         foundation::os::retryFor(timeout, [&] {
             isStale = folder.clearIfStale(name, removeData);
-            file = folder.lock(name, true, contents);
+            file = folder.createLocked(name, contents);
             const bool isInTheWay =
                 file.getLockError() == EEXIST || file.getLockError() == EWOULDBLOCK;
             return file.isLocked() || !isStale || !isInTheWay;

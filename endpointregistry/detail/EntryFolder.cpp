@@ -110,17 +110,16 @@ void EntryFolder::tellReady(const std::string& name) const noexcept {
     }
 }
 
-LockedFile EntryFolder::lock(const std::string& name, bool isNew, std::string_view contents) const {
+LockedFile EntryFolder::createLocked(const std::string& name, std::string_view contents) const {
     if (const OpenFolder* const open = group.isNone() ? folder() : nullptr) {
-        auto impl = std::make_unique<LockedFile::Impl>(name, *open, isNew);
+        auto impl = std::make_unique<LockedFile::Impl>(name, *open);
         if (impl->getLockError() != ENOENT) {
             return LockedFile::Impl::wrap(std::move(impl));
         }
         // Somebody has removed the folder since it was opened.
         forget();
     }
-    return isNew ? groupfiles::createAndTryLock(name, parent, group, contents)
-                 : groupfiles::tryLock(name, parent, group);
+    return groupfiles::createAndTryLock(name, parent, group, contents);
 }
 
 std::optional<std::string> EntryFolder::contentsOfLiving(const std::string& name,

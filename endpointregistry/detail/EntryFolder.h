@@ -63,9 +63,9 @@ public:
     /// notice on their own, only later, so that it does not matter if this fails.
     void tellReady(const std::string& name) const noexcept;
 
-    /// Makes and locks the entry's file, which goes with the object, and with `isNew` fails where
-    /// there is one. Not locked when it cannot be had. A new one of a group's has these contents.
-    LockedFile lock(const std::string& name, bool isNew, std::string_view contents = {}) const;
+    /// Makes and locks the entry's file, which goes with the object. Not locked when it cannot be
+    /// made, or when there is one. That of a group's entry has these contents.
+    LockedFile createLocked(const std::string& name, std::string_view contents) const;
 
     /// What is in the file of an entry whose publisher lives, if it is just so many bytes.
     std::optional<std::string> contentsOfLiving(const std::string& name, std::size_t size) const;

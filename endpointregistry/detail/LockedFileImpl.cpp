@@ -47,9 +47,9 @@ LockedFile::Impl::Impl(std::string name, GroupFolder folder, std::string trustee
     , lock(lockFile(waiting, contents)) {
 }
 
-LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder, bool isExclusive)
-    : isExclusive(isExclusive)
-    , deleteOnDestruction(isExclusive)
+LockedFile::Impl::Impl(std::string name, const OpenFolder& openFolder)
+    : isExclusive(true)
+    , deleteOnDestruction(true)
     , name(std::move(name))
     , parentPath(openFolder.path())
     , lock(keep(openAt(openFolder.at(this->name), Waiting::never(), {}), Waiting::never())) {

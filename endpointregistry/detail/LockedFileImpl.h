@@ -27,9 +27,9 @@ public:
     Impl(std::string name, GroupFolder folder, std::string trustee, bool isExclusive,
          Waiting waiting, std::string_view contents);
 
-    /// In a private folder that is open at the moment, without waiting. The file's path is what the
-    /// folder's was.
-    Impl(std::string name, const OpenFolder& openFolder, bool isExclusive);
+    /// A new file in a private folder that is open at the moment, without waiting. The file's path
+    /// is what the folder's was.
+    Impl(std::string name, const OpenFolder& openFolder);
     ~Impl();
 
     Impl(const Impl&) = delete;
@@ -53,7 +53,7 @@ public:
         return LockedFile(std::move(impl));
     }
 
-    /// Removes the file in its place; one that cannot be removed is logged under its path.
+    /// Removes the file at `where`; one that cannot be removed is logged under its path.
     static void removeFile(const foundation::os::PathAt& where, const std::string& path);
 
 private:

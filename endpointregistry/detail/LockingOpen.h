@@ -85,7 +85,7 @@ struct NewFile {
     std::string_view contents = {};
 };
 
-/// Opens and exclusively locks the regular file in this place, making it when it is missing: with
+/// Opens and exclusively locks the regular file under this path, making it when it is missing: with
 /// mode 0400, or with `groupFileMode` for a group. A new file appears already locked, with its
 /// final group and mode and its contents, and the lock is on the file that stands there when the
 /// call returns: a file that was removed meanwhile is not what its name means. A group's, whose
@@ -96,14 +96,14 @@ struct NewFile {
 LockingOpen openAndLock(const foundation::os::PathAt& where, Existing existing, Waiting waiting,
                         const NewFile& newFile = {});
 
-/// Opens the regular file in this place and shares its lock, without making the file or waiting.
+/// Opens the regular file under this path and shares its lock, without making the file or waiting.
 ///
 /// This is how to ask whether a publisher lives: any number of processes may share the lock, so
 /// they never take each other for a publisher, and a publisher that wants the lock exclusively
 /// knows them from a holder.
 LockingOpen openAndShareLock(const foundation::os::PathAt& where);
 
-/// Opens what stands in this place for reading if somebody holds its lock; empty otherwise, with
+/// Opens what stands under this path for reading if somebody holds its lock; empty otherwise, with
 /// errno set: 0 where nobody does.
 foundation::os::FileDescriptor openIfHeld(const foundation::os::PathAt& where);
 

@@ -26,10 +26,10 @@ public:
     static std::optional<RecordDirectory> tryOpen(const foundation::os::Group& trustee);
     static RecordDirectory openOrCreate(const foundation::os::Group& trustee);
 
-    /// A place in it; valid for as long as this object lives.
+    /// The path of a file in it; valid for as long as this object lives.
     foundation::os::PathAt at(std::string name) const { return {directory.get(), std::move(name)}; }
 
-    /// Where the place is found by whoever comes by the directory's path.
+    /// The same for whoever comes by the directory's path.
     foundation::os::PathAt pathOf(const std::string& name) const { return ownPath + name; }
 
     /// Whose it is where it is the user's own; of no meaning for a group's.
@@ -68,7 +68,7 @@ struct RecordFile {
     bool reread() noexcept;
 };
 
-/// Opens what stands in a place, follows no link and waits for nobody.
+/// Opens what stands under a path, follows no link and waits for nobody.
 RecordFile tryOpenRecord(const foundation::os::PathAt& where) noexcept;
 
 /// The same. Throws std::runtime_error when there is no descriptor or memory left.

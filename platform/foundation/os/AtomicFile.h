@@ -19,13 +19,13 @@ struct AtomicFile {
     std::optional<FileIdentity> identity = std::nullopt;
 };
 
-/// Makes a file that appears in its place in one step, with exactly this mode and as `prepare` left
-/// it.
+/// Makes a file that appears under its path in one step, with exactly this mode and as `prepare`
+/// left it.
 ///
 /// `prepare` gets the descriptor (readable and writable) of an empty file that has no name yet, or
 /// one that nobody looks for, and returns 0 or an errno value, which ends the attempt. It may be
 /// called more than once, each time with a new file, the one before being gone. Whoever opens
-/// the place sees a finished file; what stands there already is never touched. A crash at any
+/// the path sees a finished file; what stands there already is never touched. A crash at any
 /// moment leaves the file either finished or absent.
 ///
 /// Where neither the kernel nor /proc lets an unnamed file be named, the file is made under a

@@ -7,7 +7,7 @@
 
 namespace foundation::os {
 
-/// Makes a folder that appears in its place in one step, with exactly this mode, given to `group`
+/// Makes a folder that appears under its path in one step, with exactly this mode, given to `group`
 /// where one is named, and with no access control list, whatever its parent hands down. Returns 0
 /// or the errno value: EEXIST when anything stands there, which is never touched.
 ///

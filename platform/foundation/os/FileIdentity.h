@@ -28,7 +28,7 @@ inline std::optional<FileIdentity> identityOf(int descriptor) noexcept {
     return FileIdentity(status);
 }
 
-/// The identity of what stands in a place, a link itself and not what it points to.
+/// The identity of what stands under a path, a link itself and not what it points to.
 inline std::optional<FileIdentity> identityAt(const PathAt& where) noexcept {
     struct stat status {};
     if (::fstatat(where.folder, where.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -8,7 +8,7 @@
 
 namespace foundation::os {
 
-/// Opens the folder in a place, and no link to one; empty, with errno set, when it cannot be
+/// Opens the folder under a path, and no link to one; empty, with errno set, when it cannot be
 /// opened.
 FileDescriptor openFolder(const PathAt& where);
 

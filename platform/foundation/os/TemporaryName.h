@@ -28,7 +28,7 @@ inline std::string nameBehindTemporary(std::string_view name) {
 /// Owner of such a name: whatever still bears it at the end is removed.
 class TemporaryName {
 public:
-    /// A new name beside `place`; nothing is made under it here. `removalFlags` are those of
+    /// A new name beside `where`; nothing is made under it here. `removalFlags` are those of
     /// unlinkat: AT_REMOVEDIR for a folder.
     TemporaryName(const PathAt& where, int removalFlags)
         : name(where.sibling(randomNameFor(where.name)))
